@@ -16,10 +16,7 @@
 // exhausted. Freed with LowFree only.
 void* LowCalloc(size_t size);
 
-// The same aligned to `alignment` (a power of two from 16 to 4096).
-void* LowCallocAligned(size_t size, size_t alignment);
-
-// Gives back a block of LowCalloc or LowCallocAligned; null is ignored. The block's contents are
+// Gives back a block of LowCalloc; null is ignored. The block's contents are
 // destroyed at once, so a signature in it is gone.
 void LowFree(void* block);
 

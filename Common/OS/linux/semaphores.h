@@ -27,7 +27,7 @@ typedef struct _SMCB {
     pthread_mutex_t mutex;
     // Private to the service:
     std::atomic<pthread_t> holder;  // the thread that has it, 0 when free
-    struct _SMCB* next;             // list of all blocks, valid and deleted
+    struct _SMCB* next;             // list of free blocks
 } SMCB;
 
 // Makes a semaphore and stores its id through `smid`. `name` gives four characters (null: none).
@@ -50,3 +50,24 @@ UInt32 sm_delete(UInt32 smid);
 
 // Gives back every semaphore that the calling thread holds. Called as a task ends.
 void sm_release_all();
+
+// Holds a semaphore for a scope. A wait that is cancelled leaves it free.
+class SemaphoreGuardT {
+  public:
+    explicit SemaphoreGuardT(UInt32 smid) : smid_(smid) { sm_p(smid_, 0, 0); }
+    ~SemaphoreGuardT() noexcept(false) { Release(); }
+    SemaphoreGuardT(const SemaphoreGuardT&) = delete;
+    SemaphoreGuardT& operator=(const SemaphoreGuardT&) = delete;
+
+    // Gives it back before the scope ends; later calls do nothing.
+    void Release() {
+        if (smid_ != 0) {
+            const UInt32 smid = smid_;
+            smid_ = 0;
+            sm_v(smid);
+        }
+    }
+
+  private:
+    UInt32 smid_;
+};

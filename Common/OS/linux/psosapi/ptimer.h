@@ -9,6 +9,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "Common/OS/linux/board.h"
 #include "Common/OS/types.h"
 
@@ -70,18 +72,28 @@ UInt32 tm_cancel(UInt32 tmid);
 // Makes the pool and starts the timer task, if not done yet. The first arming does it too.
 void StartSystemTimer();
 
-// Disarms, without a report, the timer of the calling task that runs `cbhandler`; waits as
-// tm_cancel does. For services that keep one timer per task.
-void tm_cancel_own(UInt32 tmid, tm_callback_ptr cbhandler);
+// Disarms, without a report, the timer that runs `cbhandler` for the task `taskID`, if it is still
+// that timer; waits as tm_cancel does. A block that has been armed anew for something else is left
+// alone.
+void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler);
 
-// Disarms every timer that a task armed; waits as tm_cancel does. Called as a task ends.
-void tm_cancel_all_of(UInt32 taskID);
+// Disarms every timer that a task armed. Waits for an event send or for `quick` (a function that
+// never waits for a task) that is just running, but not for other functions: one of them may be
+// deleting this very task. Called as a task ends.
+void tm_cancel_all_of(UInt32 taskID, tm_callback_ptr quick);
+
+// Returns a block to the pool. Null, a block still linked, and a block that is free already are
+// logged. For the service itself.
+void FreeTimer(TMCB* pTimer);
 
 // One dispatch, as "tmtk" does once per tick: for tests and benchmarks in processes where that task
 // does not run.
 void tm_dispatch();
 
+// Milliseconds counted by the ticks so far: 10 per tick; wraps.
+extern std::atomic<UInt32> gEpochMillisecs;
+
 extern pthread_mutex_t tmcblistmutex;  // guards both lists
 extern TMCB* timerList;                // armed, in the order armed; under tmcblistmutex
 extern TMCB* freetimerList;            // free, last freed first; under tmcblistmutex
-extern UInt32 timerid;                 // the timer task, 0 until started
+extern std::atomic<UInt32> timerid;    // the timer task, 0 until started

@@ -44,7 +44,7 @@ typedef struct _TCB {
     int priority;  // 0 to 99
     fnptr* task_start;
     UInt32 mode;
-    UInt32 refcon;
+    std::atomic<UInt32> refcon;
     UInt32 event_mask;
     std::atomic<UInt32> events_captured;  // sent and not yet received
     UInt32 events_pending;
