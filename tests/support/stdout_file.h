@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -22,8 +23,11 @@ class StdoutFile {
         dup2(file_, STDOUT_FILENO);
     }
     ~StdoutFile() {
-        fflush(stdout);
+        const std::string text = Text();
         dup2(saved_, STDOUT_FILENO);
+        if (testing::Test::HasFailure()) {
+            printf("captured:\n%s", text.c_str());
+        }
         close(saved_);
         close(file_);
     }

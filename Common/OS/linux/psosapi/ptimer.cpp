@@ -155,15 +155,15 @@ void WaitForFiring() {
     }
 }
 
-// Takes an armed timer off the list; says whether it is firing. tmcblistmutex is held.
-bool Disarm(TMCB* timer) {
+// Takes an armed timer off the list and frees its block. tmcblistmutex is held.
+void Disarm(TMCB* timer) {
     Unlink(&timerList, timer);
     Due(timer) = false;
-    const bool firing = gFiring == timer && !gFiringGone;
-    if (firing) {
+    if (gFiring == timer) {
         gFiringGone = true;
     }
-    return firing;
+    timer->next = freetimerList;
+    freetimerList = timer;
 }
 
 UInt32 Arm(const TMCB& wanted, UInt32* tmid) {
@@ -273,16 +273,17 @@ UInt32 tm_callback_after(UInt32 ticks, UInt32* tmid, tm_callback_ptr cbhandler, 
 UInt32 tm_cancel(UInt32 tmid) {
     TMCB* timer = from_id<TMCB>(tmid);
     MutexGuardT guard(&tmcblistmutex);
-    if (timer == nullptr || !IsArmed(timer)) {
-        guard.Unlock();
-        printf("RemoveTimer: %p not found\n", static_cast<void*>(timer));
-        return 0;
+    const bool armed = IsArmed(timer);
+    if (armed) {
+        Disarm(timer);
     }
-    const bool firing = Disarm(timer);
-    timer->next = freetimerList;
-    freetimerList = timer;
-    if (firing) {
+    // Also where somebody else has disarmed it: the caller may be about to free what it uses.
+    if (timer != nullptr && gFiring == timer) {
         WaitForFiring();
+    }
+    guard.Unlock();
+    if (!armed) {
+        printf("RemoveTimer: %p not found\n", static_cast<void*>(timer));
     }
     return 0;
 }
@@ -290,31 +291,25 @@ UInt32 tm_cancel(UInt32 tmid) {
 void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler) {
     TMCB* timer = from_id<TMCB>(tmid);
     MutexGuardT guard(&tmcblistmutex);
-    if (!IsArmed(timer) || timer->taskID != taskID || timer->cbptr != cbhandler) {
-        return;
+    if (IsArmed(timer) && timer->taskID == taskID && timer->cbptr == cbhandler) {
+        Disarm(timer);
     }
-    const bool firing = Disarm(timer);
-    timer->next = freetimerList;
-    freetimerList = timer;
-    if (firing) {
+    if (gFiring == timer && gFiringCopy.taskID == taskID) {
         WaitForFiring();
     }
 }
 
 void tm_cancel_all_of(UInt32 taskID, tm_callback_ptr quick) {
     MutexGuardT guard(&tmcblistmutex);
-    const bool wait = gFiring != nullptr && gFiringCopy.taskID == taskID &&
-                      (gFiringCopy.cbptr == nullptr || gFiringCopy.cbptr == quick);
     for (TMCB* timer = timerList; timer != nullptr;) {
         TMCB* next = timer->next;
         if (timer->taskID == taskID) {
             Disarm(timer);
-            timer->next = freetimerList;
-            freetimerList = timer;
         }
         timer = next;
     }
-    if (wait) {
+    if (gFiring != nullptr && gFiringCopy.taskID == taskID &&
+        (gFiringCopy.cbptr == nullptr || gFiringCopy.cbptr == quick)) {
         WaitForFiring();
     }
 }

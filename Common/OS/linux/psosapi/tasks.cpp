@@ -170,7 +170,9 @@ void RegisterThread(TCB* tcb) {
     int err;
     {
         MutexGuardT guard(&tcblistmutex);
-        tcb->thread = pthread_self();
+        if (tcb->attached) {
+            tcb->thread = pthread_self();
+        }
         tcb->pid = getpid();
         if (gLibPThreadNPTL == 1) {
             tcb->tid = gettid();
@@ -229,46 +231,48 @@ void DeleteSelf(TCB* tcb) {
     pthread_exit(nullptr);
 }
 
-// Waits for a cancelled task. A deleter that is cancelled itself while it waits hands the block
-// back to the task, or frees it when the task is past it. The thread of an attached task is its
-// maker's to join, so only its last use of the block is waited for.
-class JoinT {
+// Waits for a claimed task to be past its last use of its block, and frees the block. A deleter
+// that is cancelled itself while it waits hands the block back to the task.
+class GoneWaitT {
   public:
-    explicit JoinT(TCB* tcb) : tcb_(tcb), thread_(tcb->thread), owned_(!tcb->attached) {}
-    ~JoinT() {
+    explicit GoneWaitT(TCB* tcb) : tcb_(tcb) {}
+    ~GoneWaitT() {
         MutexGuardT guard(&tcblistmutex);
-        if (!joined_ && owned_) {
-            pthread_detach(thread_);
-        }
-        if (!joined_ && Life(tcb_) != kTaskGone) {
-            tcb_->attached = true;  // it need not detach itself again
+        if (Life(tcb_) == kTaskGone) {
+            if (!joined_ && !tcb_->attached) {
+                pthread_detach(tcb_->thread);
+            }
+            t_free_tcb(tcb_);
+        } else {
             SetLife(tcb_, kTaskEnding);
-            return;
         }
-        t_free_tcb(tcb_);
     }
-    JoinT(const JoinT&) = delete;
-    JoinT& operator=(const JoinT&) = delete;
+    GoneWaitT(const GoneWaitT&) = delete;
+    GoneWaitT& operator=(const GoneWaitT&) = delete;
 
     void Wait() {
-        if (owned_) {
-            const int err = pthread_join(thread_, nullptr);
+        MutexGuardT guard(&tcblistmutex);
+        while (Life(tcb_) != kTaskGone) {
+            pthread_cond_wait(&gGone, &tcblistmutex);
+        }
+        // The thread has only its exit before it: joining it is no wait worth cancelling. The
+        // thread of an attached task is its maker's to join.
+        if (!tcb_->attached) {
+            int old;
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+            const pthread_t thread = tcb_->thread;
+            guard.Unlock();
+            const int err = pthread_join(thread, nullptr);
             if (err != 0) {
                 logerr("os", "deleted task failed to join: %d\n", err);
             }
-        } else {
-            MutexGuardT guard(&tcblistmutex);
-            while (Life(tcb_) != kTaskGone) {
-                pthread_cond_wait(&gGone, &tcblistmutex);
-            }
+            joined_ = true;
+            pthread_setcancelstate(old, nullptr);
         }
-        joined_ = true;
     }
 
   private:
     TCB* tcb_;
-    pthread_t thread_;
-    bool owned_;
     bool joined_ = false;
 };
 
@@ -287,8 +291,8 @@ void DeleteOther(TCB* tcb) {
                 return;
         }
     }
-    JoinT join(tcb);
-    join.Wait();
+    GoneWaitT gone(tcb);
+    gone.Wait();
 }
 
 }  // namespace
