@@ -5,6 +5,8 @@
 #include "Common/OS/linux/fpgaserial.h"
 #include "Common/OS/types.h"
 
+struct termios;
+
 // The unit's real-time-clock block, six 32-bit registers in the processor's byte order.
 struct rtclk8349 {
     UInt32 cnr;  // control; 0x80 enables the clock
@@ -18,8 +20,8 @@ static_assert(sizeof(rtclk8349) == 24);
 
 // Opens a device node read-write and returns its descriptor, or -1 with errno set. The host board
 // looks the node up in the folder that the environment variable HARBOR_DEV_DIR names, where set,
-// in place of /dev, and makes a pseudo-terminal found there raw so that it does not echo. May
-// block as open(2) does.
+// in place of /dev, and makes a terminal found there raw so that it does not echo. May block as
+// open(2) does.
 int BoardOpenDevice(const char* node);
 
 // Issues the FPGA serial driver's configuration request, 0x80260001. Returns 0, or the driver's
@@ -31,6 +33,11 @@ int BoardFpgaSerialConfigure(int fd, const fpgaserial_config_t* config);
 // Returns 0, or the driver's non-zero result with errno set. On the host board a terminal that does
 // not know the request switches CREAD.
 int BoardFpgaSerialReceiver(int fd, int off);
+
+// Applies terminal attributes at once. Returns 0, or -1 with errno set. A pseudo-terminal has no
+// wire and keeps a character size, parity and receiver of its own; on the host board that is no
+// failure.
+int BoardSetTerminal(int fd, const struct termios* attributes);
 
 // Starts the millisecond clock from 0 and returns the block whose `ctr` counts, or null when it
 // cannot be reached (which is logged). Called once, by the timer service.

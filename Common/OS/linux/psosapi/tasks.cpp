@@ -104,6 +104,9 @@ TCB* NewTcb(const SInt8* name, UInt32 priority, TaskLifeT life) {
 }
 
 void RebuildTree() {
+    if (gTCBTree == nullptr) {
+        return;
+    }
     BuildTree(gTCBTree, nullptr, 0);
     for (TCB* tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
         if (tcb->tid != 0) {
