@@ -1,0 +1,377 @@
+// The device table, its request queues, and the task that serves queued reads.
+#include "Common/OS/dev.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "Common/OS/assertion.h"
+#include "Common/OS/linux/intsoff.h"
+#include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/linux/psosapi/tasks.h"
+#include "Common/OS/log.h"
+
+DEVCB* gpDEVCBHead;
+DEVCB* gpDEVCBTail;
+UInt32 io_comp_task_id;
+
+namespace {
+
+constexpr int kMaxPolled = 50;
+constexpr UInt32 kCompletionPriority = 55;
+
+UInt32 CallingTask() {
+    UInt32 task = 0;
+    t_ident(nullptr, 0, &task);
+    return task;
+}
+
+DEVCB* DeviceOf(UInt32 devid) {
+    OsAssertText(devid != 0, "devid");
+    return from_id<DEVCB>(devid);
+}
+
+bool IsOpen(const DEVCB* pDev) {
+    return pDev->state.load(std::memory_order_acquire) == kDevOpened;
+}
+
+DEVCB* FindDevice(const SInt8* name, UInt32 instance) {
+    for (DEVCB* pDev = gpDEVCBHead; pDev != nullptr; pDev = pDev->pNext) {
+        if (pDev->instance == instance && strcmp(pDev->name, name) == 0) {
+            return pDev;
+        }
+    }
+    return nullptr;
+}
+
+void ClearList(IORBList* pIORBList) {
+    pIORBList->pHead = nullptr;
+    pIORBList->pTail = nullptr;
+    pIORBList->num.store(0, std::memory_order_relaxed);
+}
+
+void ForgetQueuedRequests(DEVCB* pDev) {
+    const InterruptsOffT off;
+    ClearList(&pDev->readIORBs);
+    ClearList(&pDev->writeIORBs);
+    ClearList(&pDev->ioctlIORBs);
+}
+
+// The caller is inside the interrupts-off section.
+void Unlink(IORBList* pIORBList, IORB* pIORB) {
+    (pIORB->pPrevious != nullptr ? pIORB->pPrevious->pNext : pIORBList->pHead) = pIORB->pNext;
+    (pIORB->pNext != nullptr ? pIORB->pNext->pPrevious : pIORBList->pTail) = pIORB->pPrevious;
+    pIORB->pNext = nullptr;
+    pIORB->pPrevious = nullptr;
+    pIORBList->num.fetch_sub(1, std::memory_order_relaxed);
+}
+
+int BuildPollSet(pollfd* ufds) {
+    int count = 0;
+    for (DEVCB* pDev = gpDEVCBHead; pDev != nullptr && count < kMaxPolled; pDev = pDev->pNext) {
+        const int fd = pDev->fd.load(std::memory_order_acquire);
+        const UInt32 flags = pDev->flags.load(std::memory_order_acquire);
+        if (fd != 0 && (flags & kDevFlagCompletion) != 0) {
+            ufds[count++] = pollfd{fd, POLLIN, 0};
+        }
+    }
+    return count;
+}
+
+void ServeReadyDevice(DEVCB* pDev) {
+    IORB* pIORB = iorb_list_dequeue(&pDev->readIORBs);
+    if (pIORB != nullptr) {
+        OsAssertText(pDev->read != nullptr, "pDev->read");
+        pDev->read(pDev, pIORB);
+        return;
+    }
+    // The descriptor stays ready until somebody reads it: wait, or this task would spin.
+    cm_syslog(kLogCritical, "No read IORB, device %s\n", pDev->name);
+    tm_wkafter(1);
+}
+
+[[noreturn]] void io_comp_task(UInt32, UInt32, UInt32, UInt32) {
+    pollfd ufds[kMaxPolled];
+    const int count = BuildPollSet(ufds);
+    for (;;) {
+        if (poll(ufds, static_cast<nfds_t>(count), -1) < 1) {
+            continue;
+        }
+        for (DEVCB* pDev = gpDEVCBHead; pDev != nullptr; pDev = pDev->pNext) {
+            if (UFD_ISSET(pDev->fd.load(std::memory_order_acquire), ufds, count) != 0) {
+                ServeReadyDevice(pDev);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+UInt32 dev_init(DEVCB* pDev, const SInt8* name, UInt32 instance, DevOpenFuncT* open,
+                DevCloseFuncT* close, DevRequestFuncT* read, DevRequestFuncT* write,
+                DevRequestFuncT* ioctl) {
+    OsAssertText(pDev != nullptr, "pDev");
+    OsAssertText(name != nullptr, "name");
+    pDev->pNext = nullptr;
+    pDev->pPrevious = nullptr;
+    snprintf(pDev->name, sizeof(pDev->name), "%s", name);
+    pDev->open = open;
+    pDev->close = close;
+    pDev->read = read;
+    pDev->write = write;
+    pDev->ioctl = ioctl;
+    pDev->instance = instance;
+    pDev->state.store(kDevClosed, std::memory_order_relaxed);
+    pDev->numBytesWritten = 0;
+    pDev->numBytesRead = 0;
+    pDev->numOpens = 0;
+    pDev->numCloses = 0;
+    pDev->fd.store(0, std::memory_order_relaxed);
+    return kDevOk;
+}
+
+UInt32 dev_add(DEVCB* pDev) {
+    OsAssertText(pDev != nullptr, "pDev");
+    if (gpDEVCBTail == nullptr) {
+        gpDEVCBHead = pDev;
+    } else {
+        gpDEVCBTail->pNext = pDev;
+        pDev->pPrevious = gpDEVCBTail;
+    }
+    gpDEVCBTail = pDev;
+    return kDevOk;
+}
+
+UInt32 dev_delete(DEVCB* pDev) {
+    OsAssertText(pDev != nullptr, "pDev");
+    if (gpDEVCBHead == gpDEVCBTail) {
+        gpDEVCBHead = nullptr;
+        gpDEVCBTail = nullptr;
+    } else if (pDev == gpDEVCBHead) {
+        gpDEVCBHead = pDev->pNext;
+    } else if (pDev == gpDEVCBTail) {
+        gpDEVCBTail = pDev->pPrevious;
+    } else if (pDev->pPrevious != nullptr && pDev->pNext != nullptr) {
+        pDev->pPrevious->pNext = pDev->pNext;
+        pDev->pNext->pPrevious = pDev->pPrevious;
+    }
+    pDev->pNext = nullptr;
+    pDev->pPrevious = nullptr;
+    return kDevOk;
+}
+
+UInt32 dev_exit(DEVCB* pDev) {
+    OsAssertText(pDev != nullptr, "pDev");
+    return kDevOk;
+}
+
+UInt32 InitDevices() {
+    return kDevOk;
+}
+
+UInt32 dev_open(const SInt8* name, UInt32 instance, UInt32* devid) {
+    OsAssertText(name != nullptr, "name");
+    OsAssertText(devid != nullptr, "devid");
+    DEVCB* pDev = FindDevice(name, instance);
+    if (pDev == nullptr) {
+        return kDevNotFound;
+    }
+    pDev->flags.store(0, std::memory_order_release);
+    ForgetQueuedRequests(pDev);
+    if (!IsOpen(pDev)) {
+        const UInt32 err = pDev->open != nullptr ? pDev->open(pDev) : kDevOk;
+        if (err != kDevOk) {
+            return err;
+        }
+        pDev->state.store(kDevOpened, std::memory_order_release);
+    }
+    *devid = id_of(pDev);
+    return kDevOk;
+}
+
+UInt32 dev_close(UInt32 devid) {
+    DEVCB* pDev = DeviceOf(devid);
+    if (!IsOpen(pDev)) {
+        return kDevOk;
+    }
+    const UInt32 err = pDev->close != nullptr ? pDev->close(pDev) : kDevOk;
+    pDev->state.store(kDevClosed, std::memory_order_release);
+    return err;
+}
+
+void dev_read(UInt32 devid, IORB* pIORB) {
+    DEVCB* pDev = DeviceOf(devid);
+    OsAssertText(pIORB != nullptr, "pIORB");
+    pIORB->pDev = pDev;
+    pIORB->err = 0;
+    pIORB->actLen = 0;
+    if (!IsOpen(pDev)) {
+        puts("dev_read: not open");
+        pIORB->err = kDevNotOpen;
+        return;
+    }
+    if (pDev->read == nullptr) {
+        puts("dev_read: no read routine");
+        return;
+    }
+    if (pIORB->taskID == 0) {
+        pIORB->taskID = CallingTask();
+    }
+    if (pIORB->pUserCompFunc != nullptr) {
+        iorb_list_enqueue(&pDev->readIORBs, pIORB);
+    } else {
+        pDev->read(pDev, pIORB);
+    }
+}
+
+void dev_write(UInt32 devid, IORB* pIORB) {
+    DEVCB* pDev = DeviceOf(devid);
+    OsAssertText(pIORB != nullptr, "pIORB");
+    OsAssertText(pIORB->pBuffer != nullptr, "pIORB->pBuffer");
+    pIORB->pDev = pDev;
+    pIORB->taskID = 0;
+    pIORB->actLen = 0;
+    pIORB->err = 0;
+    if (!IsOpen(pDev)) {
+        pIORB->err = kDevNotOpen;
+        return;
+    }
+    if (pIORB->reqLen == 0 || pDev->write == nullptr) {
+        return;
+    }
+    pIORB->taskID = CallingTask();
+    pDev->write(pDev, pIORB);
+}
+
+void dev_ioctl(UInt32 devid, IORB* pIORB, UInt32 ctlCode) {
+    DEVCB* pDev = DeviceOf(devid);
+    OsAssertText(pIORB != nullptr, "pIORB");
+    pIORB->ctlCode = ctlCode;
+    pIORB->taskID = 0;
+    pIORB->actLen = 0;
+    pIORB->err = 0;
+    pIORB->pDev = pDev;
+    if (!IsOpen(pDev)) {
+        pIORB->err = kDevNotOpen;
+        return;
+    }
+    pIORB->taskID = CallingTask();
+    if (pIORB->pUserCompFunc != nullptr && iorb_list_avail(&pDev->ioctlIORBs) > 0) {
+        iorb_list_enqueue(&pDev->ioctlIORBs, pIORB);
+        return;
+    }
+    OsAssertText(pDev->ioctl != nullptr, "pDev->ioctl");
+    pDev->ioctl(pDev, pIORB);
+}
+
+SInt8* dev_name(UInt32 devid) {
+    return DeviceOf(devid)->name;
+}
+
+UInt32 iorb_init(IORB* pIORB, void* pBuffer, void* pDstBuffer, UInt32 reqLen,
+                 UserCompletionFuncT pUserCompFunc, UInt32 timeout) {
+    OsAssertText(pIORB != nullptr, "pIORB");
+    pIORB->pBuffer = static_cast<SInt8*>(pBuffer);
+    pIORB->pDstBuffer = static_cast<SInt8*>(pDstBuffer);
+    pIORB->reqLen = reqLen;
+    pIORB->pUserCompFunc = pUserCompFunc;
+    pIORB->timeout = timeout;
+    memcpy(&pIORB->signature, "IORB", sizeof(pIORB->signature));
+    pIORB->pNext = nullptr;
+    pIORB->pPrevious = nullptr;
+    pIORB->actLen = 0;
+    pIORB->err = 0;
+    pIORB->pDev = nullptr;
+    pIORB->pChain = nullptr;
+    return kDevOk;
+}
+
+UInt32 iorb_list_alloc(IORBList* pIORBList, UInt32 numIORBs) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    OsAssertText(numIORBs > 0, "numIORBs > 0");
+    ClearList(pIORBList);
+    IORB* block = static_cast<IORB*>(calloc(numIORBs, sizeof(IORB)));
+    if (block == nullptr) {
+        return kDevNoMemory;
+    }
+    for (UInt32 i = 0; i < numIORBs; i++) {
+        iorb_list_enqueue(pIORBList, &block[i]);
+    }
+    return kDevOk;
+}
+
+UInt32 iorb_list_free(IORBList* pIORBList) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    free(pIORBList->pHead);
+    ClearList(pIORBList);
+    return kDevOk;
+}
+
+UInt32 iorb_list_avail(const IORBList* pIORBList) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    return static_cast<UInt32>(pIORBList->num.load(std::memory_order_relaxed));
+}
+
+UInt32 iorb_list_enqueue(IORBList* pIORBList, IORB* pIORB) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    OsAssertText(pIORB != nullptr, "pIORB");
+    OsAssertText(pIORB->pNext == nullptr, "pIORB->pNext == ((void *)0)");
+    OsAssertText(pIORB->pPrevious == nullptr, "pIORB->pPrevious == ((void *)0)");
+    const InterruptsOffT off;
+    pIORB->pPrevious = pIORBList->pTail;
+    (pIORBList->pTail != nullptr ? pIORBList->pTail->pNext : pIORBList->pHead) = pIORB;
+    pIORBList->pTail = pIORB;
+    pIORBList->num.fetch_add(1, std::memory_order_relaxed);
+    return kDevOk;
+}
+
+IORB* iorb_list_dequeue(IORBList* pIORBList) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    const InterruptsOffT off;
+    IORB* pIORB = pIORBList->pHead;
+    if (pIORB != nullptr) {
+        Unlink(pIORBList, pIORB);
+    }
+    return pIORB;
+}
+
+UInt32 iorb_list_extract(IORBList* pIORBList, IORB* pIORB) {
+    OsAssertText(pIORBList != nullptr, "pIORBList");
+    OsAssertText(pIORB != nullptr, "pIORB");
+    const InterruptsOffT off;
+    // A request that was dequeued meanwhile has no links: without this test it would take the
+    // queue's ends with it.
+    const bool first = pIORBList->pHead == pIORB;
+    const bool last = pIORBList->pTail == pIORB;
+    if ((first || pIORB->pPrevious != nullptr) && (last || pIORB->pNext != nullptr)) {
+        Unlink(pIORBList, pIORB);
+    }
+    return kDevOk;
+}
+
+void add_dev_to_comp_task(DEVCB* pDev) {
+    OsAssertText(pDev != nullptr, "pDev");
+    pDev->flags.fetch_or(kDevFlagCompletion, std::memory_order_acq_rel);
+    if (io_comp_task_id != 0) {
+        return;
+    }
+    UInt32 task = 0;
+    if (t_create("devc", kCompletionPriority, 0, 0, 0, &task) != kTaskOk) {
+        return;
+    }
+    if (t_start(task, 0, io_comp_task, nullptr) == kTaskOk) {
+        io_comp_task_id = task;
+    } else {
+        t_delete(task);
+    }
+}
+
+int UFD_ISSET(int fd, const struct pollfd* ufds, int count) {
+    for (int i = 0; i < count; i++) {
+        if (ufds[i].fd == fd && ufds[i].revents != 0) {
+            return 1;
+        }
+    }
+    return 0;
+}

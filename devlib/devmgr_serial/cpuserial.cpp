@@ -1,0 +1,125 @@
+// Control requests of CPU and USB lines, which are set up through termios.
+#include <stdio.h>
+#include <termios.h>
+
+#include "Common/OS/linux/board.h"
+#include "Common/OS/linux/serialspeed.h"
+#include "devlib/devmgr_serial/line.h"
+
+namespace {
+
+constexpr int kSpeedAttempts = 5;
+constexpr tcflag_t kCookedModes =
+    ICANON | ISIG | XCASE | ECHO | ECHOE | ECHOK | ECHONL | ECHOPRT | ECHOCTL | ECHOKE;
+
+struct DataBitsT {
+    UInt32 bit;
+    tcflag_t size;
+};
+
+constexpr DataBitsT kDataBits[] = {
+    {kSerialDataBits5, CS5}, {kSerialDataBits6, CS6}, {kSerialDataBits7, CS7}};
+
+tcflag_t CharacterSize(UInt32 mask) {
+    for (const DataBitsT& row : kDataBits) {
+        if ((mask & row.bit) != 0) {
+            return row.size;
+        }
+    }
+    return CS8;
+}
+
+void SetBits(tcflag_t* modes, tcflag_t bits, bool on) {
+    *modes = on ? *modes | bits : *modes & ~bits;
+}
+
+void SetModes(termios* line, UInt32 mask) {
+    const bool hardwareFlow = (mask & (kSerialRtsCts | kSerialDtrDsr)) != 0;
+    line->c_iflag = 0;
+    SetBits(&line->c_iflag, IXON | IXOFF, (mask & kSerialXonXoff) != 0 && !hardwareFlow);
+    line->c_oflag &= ~static_cast<tcflag_t>(OPOST);
+    line->c_lflag &= ~kCookedModes;
+    line->c_cflag = (line->c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CharacterSize(mask);
+    // Even parity leaves PARODD as it was.
+    const bool odd = (mask & kSerialParityEven) == 0 && (mask & kSerialParityOdd) != 0;
+    SetBits(&line->c_cflag, PARENB, (mask & (kSerialParityEven | kSerialParityOdd)) != 0);
+    SetBits(&line->c_cflag, PARODD, odd || (line->c_cflag & PARODD) != 0);
+    SetBits(&line->c_cflag, CSTOPB, (mask & kSerialStopBits2) != 0);
+    SetBits(&line->c_cflag, CRTSCTS, hardwareFlow);
+    // The receiver stays off until a status request switches it on.
+    SetBits(&line->c_cflag, CREAD, false);
+}
+
+bool SetSpeed(termios* line, UInt32 baudRate) {
+    const speed_t speed = SerialSpeed(baudRate);
+    for (int attempt = 0; attempt < kSpeedAttempts; attempt++) {
+        if (cfsetispeed(line, speed) != 0) {
+            printf("DevMgrCPUSerial_Ioctl(): Setting IN Baudrate failed...Try: %d\n", attempt);
+        } else if (cfsetospeed(line, speed) != 0) {
+            printf("DevMgrCPUSerial_Ioctl(): Setting OUT Baudrate failed...Try: %d\n", attempt);
+        } else {
+            return true;
+        }
+    }
+    return false;
+}
+
+UInt32 Configure(int fd, termios* line, const DevmgrSerial_Config_t& config) {
+    SetModes(line, config.CtrlBitMask);
+    if (!SetSpeed(line, config.BaudRate)) {
+        return SERIAL_ERROR_UNKNOWN;
+    }
+    if (BoardSetTerminal(fd, line) != 0) {
+        puts("DevMgrCPUSerial_Ioctl(): Setting terminal options failed...");
+        return SERIAL_ERROR_UNKNOWN;
+    }
+    return SERIAL_NOERROR;
+}
+
+void ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, termios* line, UInt32 status, UInt32* err) {
+    if ((status & PORT_RX_ENABLE) != 0) {
+        SetBits(&line->c_cflag, CREAD, true);
+        serialCB->rx_enabled.store(1, std::memory_order_release);
+    } else if ((status & PORT_RX_DISABLE) != 0) {
+        SetBits(&line->c_cflag, CREAD, false);
+        serialCB->rx_enabled.store(0, std::memory_order_release);
+    }
+    SerialLineSetTransmitter(serialCB, status);
+    *err = BoardSetTerminal(fd, line) == 0 ? SERIAL_NOERROR : SERIAL_ERROR_UNKNOWN;
+    if (!SerialLineEnabled(serialCB)) {
+        DevMgrSerial_Stop_AsyncThread(serialCB);
+    } else if (*err == SERIAL_NOERROR) {
+        DevMgrSerial_Start_AsyncThread(serialCB, err);
+    }
+}
+
+}  // namespace
+
+void DevMgrCPUSerial_Ioctl(DEVCB* pDev, IORB* pIORB) {
+    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
+    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
+        pIORB->err = SERIAL_INVALID_PARAM;
+        return;
+    }
+    const int fd = serialCB->devCB.fd.load(std::memory_order_acquire);
+    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
+    termios line = {};
+    if (tcgetattr(fd, &line) != 0) {
+        pIORB->err = SERIAL_ERROR_UNKNOWN;
+        return;
+    }
+    switch (pIORB->ctlCode) {
+        case kSerialCtlConfig:
+            pIORB->err = Configure(fd, &line, data->serConfig);
+            break;
+        case kSerialCtlCallbacks:
+            SerialLineCallbackRequest(serialCB, pIORB);
+            break;
+        case kSerialCtlStatus:
+            ChangeStatus(serialCB, fd, &line, data->PortStatus, &pIORB->err);
+            break;
+        default:
+            pIORB->err = SERIAL_UNKNOWN_IOCTL;
+            break;
+    }
+}

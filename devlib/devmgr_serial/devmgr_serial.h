@@ -1,0 +1,84 @@
+// The serial device manager: registers the board's eight serial lines in the device table as "Ser",
+// instances 1 to 8, and performs the requests of the serial port interface. FPGA lines are set up
+// through their driver's own requests, the others through termios.
+//
+// Requests come from any thread and run in it; those on one line may overlap. A line with an
+// enabled receiver or with callbacks has a thread of its own.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "Common/OS/dev.h"
+#include "devlib/devmgr_serial/serialctl.h"
+
+constexpr int kSerialLines = 8;
+
+// In place of a task id: somebody is waiting for the line's thread to be gone.
+constexpr UInt32 kSerialThreadLeaving = 1;
+
+typedef enum : UInt32 { CPU_PORT = 0, FPGA_PORT = 1 } SerialPortType_t;
+
+// A line's DevmgrSerial_CBInfo_t. The line's thread reads it while control requests change it.
+typedef struct {
+    std::atomic<DevmgrSerial_TxCBFuncT> txCBFunc;
+    std::atomic<DevmgrSerial_RxCBFuncT> rxCBFunc;
+    std::atomic<void*> Context_Data;
+} DevMgrSerial_LineCBInfo_t;
+
+// One line. Its device id is its address.
+typedef struct {
+    DEVCB devCB;                // first, so that the device table's block is the record
+    SerialPortType_t portType;  // always CPU_PORT: the entry points decide the kind of line
+    DevMgrSerial_LineCBInfo_t cbInfo;
+    std::atomic<UInt32> asyncThread_running;  // 1 from the thread's start until it is stopped
+    std::atomic<SInt8> tx_enabled;            // 0 or 1
+    std::atomic<SInt8> rx_enabled;
+    std::atomic<UInt32> threadID;  // the line's task while it runs, else 0 or kSerialThreadLeaving
+    UInt32 portnum;
+} DevMgrSerial_CB_t;
+static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
+static_assert(sizeof(void*) != 4 ||
+              (offsetof(DevMgrSerial_CB_t, cbInfo) == 112 &&
+               offsetof(DevMgrSerial_CB_t, asyncThread_running) == 124 &&
+               offsetof(DevMgrSerial_CB_t, threadID) == 132 && sizeof(DevMgrSerial_CB_t) == 140));
+
+extern DevMgrSerial_CB_t CBList[kSerialLines];  // index = port number
+extern const SInt8* const SerialPort_DevNames[kSerialLines];
+
+// Initialises the serial port interface and registers the eight lines. Called once at start-up,
+// before any serial use.
+void DevMgrSerial_Init();
+
+// Entry points of FPGA lines. Opening and closing return a DevMgrSerial_error_t, 0 for success; the
+// others set the request's actLen and err.
+//
+// Open may block as open(2) does. Close ends the line's thread and forgets its callbacks, but an
+// FPGA line keeps its enable flags for the next opening.
+// Write waits `timeout` microseconds (0: not) for the line to take output, then writes once, as
+// much as the line takes. Read returns what came within `timeout` microseconds, which may be
+// nothing; with a `timeout` of 0 it blocks until something comes.
+UInt32 DevMgrFPGASerial_Open(DEVCB* pDev);
+UInt32 DevMgrFPGASerial_Close(DEVCB* pDev);
+void DevMgrFPGASerial_Read(DEVCB* pDev, IORB* pIORB);
+void DevMgrFPGASerial_Write(DEVCB* pDev, IORB* pIORB);
+void DevMgrFPGASerial_Ioctl(DEVCB* pDev, IORB* pIORB);
+
+// The same for the other lines.
+UInt32 DevMgrCPUSerial_Open(DEVCB* pDev);
+UInt32 DevMgrCPUSerial_Close(DEVCB* pDev);
+void DevMgrCPUSerial_Read(DEVCB* pDev, IORB* pIORB);
+void DevMgrCPUSerial_Write(DEVCB* pDev, IORB* pIORB);
+void DevMgrCPUSerial_Ioctl(DEVCB* pDev, IORB* pIORB);
+
+// Starts the line's thread unless it has one, and stores SERIAL_NOERROR through `err`, or
+// SERIAL_ERROR_UNKNOWN where no thread can be made (which is printed).
+void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t* serialCB, UInt32* err);
+
+// Ends the line's thread, if it has one, and waits until it is gone, whoever ends it. Called by
+// that thread itself (from a callback) it does not wait: the thread ends when the callback returns.
+void DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t* serialCB);
+
+// Body of a line's thread; `arg` is the line's record. Returns when the line cannot be waited for
+// any more, or when it finds that a callback stopped it.
+void DevMgrSerial_asyncDataSendRecv(void* arg);

@@ -1,0 +1,118 @@
+// Control requests of FPGA lines, which are set up through their driver's two requests.
+#include <stdio.h>
+
+#include "Common/OS/linux/board.h"
+#include "devlib/devmgr_serial/line.h"
+
+namespace {
+
+constexpr UInt32 kMinBaudRate = 9600;
+constexpr UInt32 kMaxBaudRate = 115200;
+// Up to this instance a line has fixed stop bits, data bits and flow control.
+constexpr UInt32 kLastFixedInstance = 2;
+
+fpgaserial_databits_t DataBits(UInt32 mask) {
+    if ((mask & kSerialDataBits5) != 0) {
+        return FPGASERIAL_DATABITS_SIZE5;
+    }
+    if ((mask & kSerialDataBits6) != 0) {
+        return FPGASERIAL_DATABITS_SIZE6;
+    }
+    return (mask & kSerialDataBits7) != 0 ? FPGASERIAL_DATABITS_SIZE7 : FPGASERIAL_DATABITS_SIZE8;
+}
+
+fpgaserial_parity_t Parity(UInt32 mask) {
+    if ((mask & kSerialParityEven) != 0) {
+        return FPGASERIAL_EVEN_PARITY;
+    }
+    return (mask & kSerialParityOdd) != 0 ? FPGASERIAL_ODD_PARITY : FPGASERIAL_PARITY_NONE;
+}
+
+UInt32 Configure(const DevMgrSerial_CB_t* serialCB, int fd, const DevmgrSerial_Config_t& config) {
+    const UInt32 mask = config.CtrlBitMask;
+    fpgaserial_config_t line = {};
+    if (serialCB->devCB.instance > kLastFixedInstance) {
+        line.valid_mask = kFpgaSerialValidAll;
+        line.databits_size = DataBits(mask);
+        line.stopbits =
+            (mask & kSerialStopBits2) != 0 ? FPGASERIAL_STOPBITS_2 : FPGASERIAL_STOPBITS_1;
+    } else {
+        line.valid_mask = kFpgaSerialValidBaudRate | kFpgaSerialValidParity;
+    }
+    if (config.BaudRate < kMinBaudRate || config.BaudRate > kMaxBaudRate) {
+        return SERIAL_INVALID_PARAM;
+    }
+    line.baudrate = config.BaudRate;
+    line.parity = Parity(mask);
+    line.hwflowctrl = FPGASERIAL_HWFLOWCTRL_NONE;
+    const int err = BoardFpgaSerialConfigure(fd, &line);
+    if (err != 0) {
+        printf(
+            "DevMgrFPGASerial_Ioctl(): ^^^^^^^^^^^Setting Configuration in FPGA Serial Driver "
+            "failed, err: %d...\n",
+            err);
+        return SERIAL_ERROR_UNKNOWN;
+    }
+    return SERIAL_NOERROR;
+}
+
+// Returns false where the driver refused.
+bool SetReceiver(DevMgrSerial_CB_t* serialCB, int fd, UInt32 status) {
+    const bool on = (status & PORT_RX_ENABLE) != 0;
+    if (!on && (status & PORT_RX_DISABLE) == 0) {
+        return true;
+    }
+    if (BoardFpgaSerialReceiver(fd, on ? 0 : 1) != 0) {
+        return false;
+    }
+    serialCB->rx_enabled.store(on ? 1 : 0, std::memory_order_release);
+    return true;
+}
+
+// A line without a callback for an enabled direction needs no thread: its client reads and writes.
+bool NeedsThread(const DevMgrSerial_CB_t* serialCB) {
+    return (serialCB->tx_enabled.load(std::memory_order_acquire) != 0 &&
+            serialCB->cbInfo.txCBFunc.load(std::memory_order_acquire) != nullptr) ||
+           (serialCB->rx_enabled.load(std::memory_order_acquire) != 0 &&
+            serialCB->cbInfo.rxCBFunc.load(std::memory_order_acquire) != nullptr);
+}
+
+void ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, UInt32 status, UInt32* err) {
+    if (!SetReceiver(serialCB, fd, status)) {
+        *err = SERIAL_ERROR_UNKNOWN;
+        return;
+    }
+    SerialLineSetTransmitter(serialCB, status);
+    if (NeedsThread(serialCB)) {
+        DevMgrSerial_Start_AsyncThread(serialCB, err);
+    } else if (!SerialLineEnabled(serialCB)) {
+        DevMgrSerial_Stop_AsyncThread(serialCB);
+    }
+}
+
+}  // namespace
+
+void DevMgrFPGASerial_Ioctl(DEVCB* pDev, IORB* pIORB) {
+    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
+    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
+        pIORB->err = SERIAL_INVALID_PARAM;
+        return;
+    }
+    const int fd = serialCB->devCB.fd.load(std::memory_order_acquire);
+    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
+    pIORB->err = SERIAL_NOERROR;
+    switch (pIORB->ctlCode) {
+        case kSerialCtlConfig:
+            pIORB->err = Configure(serialCB, fd, data->serConfig);
+            break;
+        case kSerialCtlCallbacks:
+            SerialLineCallbackRequest(serialCB, pIORB);
+            break;
+        case kSerialCtlStatus:
+            ChangeStatus(serialCB, fd, data->PortStatus, &pIORB->err);
+            break;
+        default:
+            pIORB->err = SERIAL_UNKNOWN_IOCTL;
+            break;
+    }
+}

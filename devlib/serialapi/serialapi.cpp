@@ -1,0 +1,360 @@
+// Ports driven by this process: every call becomes a request to the port's device.
+#include "devlib/serialapi/serialapi.h"
+
+#include <pthread.h>
+#include <stdio.h>
+
+#include "Common/OS/dev.h"
+#include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/linux/semaphores.h"
+#include "Common/OS/linux/system.h"
+#include "devlib/serialapi/serialports.h"
+
+std::atomic<UInt32> port_devids[kSerialPorts];
+RS232Cfg port_cfgs[kSerialPorts];
+std::atomic<UInt32> Serialport_Modes[kSerialPorts];
+UInt32 portdevids_lock;
+
+namespace {
+
+constexpr int kOpenAttempts = 10;
+constexpr UInt32 kOpenPauseTicks = 2;
+constexpr int kLeftoverSessions[] = {2, 3};  // ports that an earlier run may have left in a session
+
+constexpr UInt32 kBaudRates[] = {115200, 57600, 38400, 19200, 14400, 9600, 4800, 2400, 1200};
+constexpr UInt32 kDataBits[] = {kSerialDataBits5, kSerialDataBits6, kSerialDataBits7,
+                                kSerialDataBits8};
+constexpr UInt32 kParity[] = {kSerialParityEven, kSerialParityOdd, 0};
+constexpr UInt32 kStopBits[] = {kSerialStopBits1, kSerialStopBits2, kSerialStopBits2};
+
+// Status bits by direction. Those for disabling are crossed.
+constexpr UInt32 kEnableStatus[] = {PORT_RX_ENABLE, PORT_TX_ENABLE,
+                                    PORT_TX_ENABLE | PORT_RX_ENABLE};
+constexpr UInt32 kDisableStatus[] = {PORT_TX_DISABLE, PORT_RX_DISABLE,
+                                     PORT_TX_DISABLE | PORT_RX_DISABLE};
+
+struct AppErrorT {
+    DevMgrSerial_error_t sererr;
+    eErrorT result;
+    const char* message;
+};
+
+constexpr AppErrorT kAppErrors[] = {
+    {SERIAL_NOT_SUPPORTED, kNotYetSupported, "Serial API Error - Not Supported"},
+    {SERIAL_INVALID_PARAM, kBadParameter, "Serial API Error - Invalid Parameter"},
+    {SERIAL_UNKNOWN_IOCTL, kBadParameter, "Serial API Error - Invalid Parameter"},
+    {SERIAL_READ_ERROR, kSystemCallFailed, "Serial API Error - Read System call failed"},
+    {SERIAL_WRITE_ERROR, kSystemCallFailed, "Serial API Error - Write System call failed"},
+    {SERIAL_TX_DISABLED, kBadState, "Serial API Error - TX Disabled"},
+    {SERIAL_RX_DISABLED, kBadState, "Serial API Error - RX Disabled"},
+    {SERIAL_TIMEOUT, kTimeOut, "Serial API Error - Timeout"},
+    {SERIAL_ERROR_UNKNOWN, kSystemCallFailed, "Serial API Error - Unknown Error"},
+};
+
+// Guards port_cfgs.
+pthread_mutex_t configMutex = PTHREAD_MUTEX_INITIALIZER;
+
+// The entry of `table` that `value` chooses; false outside the table.
+template <size_t kCount>
+bool Translate(const UInt32 (&table)[kCount], UInt32 value, UInt32* entry) {
+    if (value >= kCount) {
+        return false;
+    }
+    *entry = table[value];
+    return true;
+}
+
+// False where a value has no setting on the line.
+bool TranslateConfig(const RS232Cfg& cfg, DevmgrSerial_Config_t* config) {
+    UInt32 data = 0;
+    UInt32 parity = 0;
+    UInt32 stop = 0;
+    config->BaudRate = SerialBitsPerSecond(cfg.bitRate);
+    if (config->BaudRate == 0 || !Translate(kDataBits, cfg.dataBits, &data) ||
+        !Translate(kParity, cfg.parityBits, &parity) ||
+        !Translate(kStopBits, cfg.stopBits, &stop)) {
+        return false;
+    }
+    UInt32 flow = 0;
+    if (cfg.hwFlowControlRtsCts != 0) {
+        flow = kSerialRtsCts;
+    } else if (cfg.swFlowControlXonXoff != 0) {
+        flow = kSerialXonXoff;
+    } else if (cfg.hwFlowControlDtrDsr != 0) {
+        flow = kSerialDtrDsr;
+    }
+    config->CtrlBitMask = data | parity | stop | flow;
+    return true;
+}
+
+void StoreConfig(int port, const RS232Cfg& cfg) {
+    const MutexGuardT held(&configMutex);
+    port_cfgs[port] = cfg;
+}
+
+UInt32 SlotOf(int port) {
+    return port_devids[port].load(std::memory_order_acquire);
+}
+
+// Opens the port's device and stores its id; the port is reserved meanwhile.
+bool OpenDevice(int port, UInt32* devid) {
+    for (int attempt = 1;; attempt++) {
+        const UInt32 err = dev_open("Ser", static_cast<UInt32>(port + 1), devid);
+        if (err == kDevOk) {
+            port_devids[port].store(*devid, std::memory_order_release);
+            return true;
+        }
+        if (attempt == kOpenAttempts) {
+            printf("SERIALAPI: In OPEN, Port: %d Device Manager open returned err: %d\n", port,
+                   static_cast<int>(err));
+            printf("SERIALAPI: GIVE UP in Serial_Open() ... at Iteration:%d ...\n", attempt);
+            return false;
+        }
+        tm_wkafter(kOpenPauseTicks);
+    }
+}
+
+// Sends a control request and returns its result.
+UInt32 Control(UInt32 devid, IORB* pIORB, DevmgrSerial_IoctlData_t* data, UInt32 ctlCode) {
+    pIORB->pBuffer = reinterpret_cast<SInt8*>(data);
+    dev_ioctl(devid, pIORB, ctlCode);
+    return pIORB->err;
+}
+
+// Sets an open device up and returns the result of the request that failed, else 0.
+UInt32 SetUpDevice(int port, UInt32 devid, const DevmgrSerial_Config_t& config,
+                   DevmgrSerial_CBInfo_t* callbacks) {
+    IORB iorb = {};
+    DevmgrSerial_IoctlData_t data = {};
+    data.serConfig = config;
+    UInt32 err = Control(devid, &iorb, &data, kSerialCtlConfig);
+    if (err != 0) {
+        printf("SERIALAPI: In OPEN, Port: %d Device Manager config failed, err: %d\n", port,
+               static_cast<int>(err));
+        return err;
+    }
+    if (callbacks->txCBFunc == nullptr && callbacks->rxCBFunc == nullptr) {
+        return 0;
+    }
+    data.CBInfo = callbacks;
+    err = Control(devid, &iorb, &data, kSerialCtlCallbacks);
+    if (err != 0) {
+        printf("SERIALAPI: In OPEN, Port: %d Device Manager set callback failed, err: %d\n", port,
+               static_cast<int>(err));
+    }
+    return err;
+}
+
+// The rest of opening, for a reserved port. After a failure the device is closed again.
+eErrorT OpenReserved(int port, const RS232Cfg& cfg, DevmgrSerial_CBInfo_t* callbacks) {
+    UInt32 devid = 0;
+    if (!OpenDevice(port, &devid)) {
+        return kItemNotFound;
+    }
+    DevmgrSerial_Config_t config = {};
+    if (!TranslateConfig(cfg, &config)) {
+        dev_close(devid);
+        return kBadParameter;
+    }
+    const UInt32 err = SetUpDevice(port, devid, config, callbacks);
+    if (err != 0) {
+        dev_close(devid);
+        return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
+    }
+    return kNoError;
+}
+
+eErrorT SendStatus(int port, UInt32 devid, UInt32 status, const char* operation) {
+    IORB iorb = {};
+    DevmgrSerial_IoctlData_t data = {};
+    data.PortStatus = static_cast<DevmgrSerial_Status_t>(status);
+    const UInt32 err = Control(devid, &iorb, &data, kSerialCtlStatus);
+    if (err == 0) {
+        return kNoError;
+    }
+    printf("SERIALAPI: In %s, Port: %d Device Manager ioctl failed, err: %d\n", operation, port,
+           static_cast<int>(err));
+    return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
+}
+
+// Common to enabling and disabling; `table` holds the status bits by direction.
+eErrorT ChangeDirection(int port, SerialDirectionType serialDir, const UInt32 (&table)[3],
+                        const char* operation) {
+    if (!SerialPortExists(port)) {
+        return kBadParameter;
+    }
+    const UInt32 slot = SlotOf(port);
+    if (slot == kSerialPortFree) {
+        return kItemNotFound;
+    }
+    if (Serialport_Modes[port].load(std::memory_order_acquire) == 1) {
+        return kNoError;
+    }
+    UInt32 status = 0;
+    if (!Translate(table, serialDir, &status)) {
+        return kBadParameter;
+    }
+    return slot == kSerialPortReserved ? kItemNotFound : SendStatus(port, slot, status, operation);
+}
+
+struct TransferT {
+    void (*request)(UInt32 devid, IORB* pIORB);
+    const char* name;  // as in the diagnostics
+    const char* verb;
+};
+
+constexpr TransferT kWrite = {dev_write, "WRITE", "write"};
+constexpr TransferT kRead = {dev_read, "READ", "read"};
+
+// Common to writing and reading.
+int Transfer(int port, char* buffer, int size, int numOfMicroseconds, const TransferT& transfer) {
+    if (!SerialPortExists(port) || buffer == nullptr || size < 0) {
+        return kBadParameter;
+    }
+    const UInt32 slot = SlotOf(port);
+    if (slot == kSerialPortFree || slot == kSerialPortReserved) {
+        return kItemNotFound;
+    }
+    IORB iorb = {};
+    iorb.pBuffer = buffer;
+    iorb.reqLen = static_cast<UInt32>(size);
+    iorb.timeout = static_cast<UInt32>(numOfMicroseconds);
+    transfer.request(slot, &iorb);
+    if (iorb.err != 0) {
+        printf("SERIALAPI: In %s, Port: %d Device Manager %s failed, err: %d\n", transfer.name,
+               port, transfer.verb, static_cast<int>(iorb.err));
+        return 0;
+    }
+    return static_cast<int>(iorb.actLen);
+}
+
+}  // namespace
+
+bool SerialPortExists(int port) {
+    return port >= 0 && port < kSerialPorts;
+}
+
+void SerialFreePort(int port) {
+    const UInt32 err = Serial_Lock_PortDevids();
+    port_devids[port].store(kSerialPortFree, std::memory_order_release);
+    if (err == kSmOk) {
+        Serial_Unlock_PortDevids();
+    }
+}
+
+UInt32 SerialBitsPerSecond(UInt32 bitRate) {
+    UInt32 bitsPerSecond = 0;
+    return Translate(kBaudRates, bitRate, &bitsPerSecond) ? bitsPerSecond : 0;
+}
+
+void Serial_Init() {
+    const UInt32 err = sm_create("SERI", 1, 0, &portdevids_lock);
+    if (err != kSmOk) {
+        printf("SERIALAPI: In INIT, sm_create() err: %d\n", static_cast<int>(err));
+    }
+    for (std::atomic<UInt32>& slot : port_devids) {
+        slot.store(kSerialPortFree, std::memory_order_release);
+    }
+    if (GetSystemHardwareType() == kHarbor) {
+        return;
+    }
+    for (const int port : kLeftoverSessions) {
+        Serial_Close_PSH(port);
+    }
+}
+
+UInt32 Serial_Lock_PortDevids() {
+    return sm_p(portdevids_lock, 0, 0);
+}
+
+UInt32 Serial_Unlock_PortDevids() {
+    return sm_v(portdevids_lock);
+}
+
+eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
+                    SerialRxCallbackFuncPtrT rxCallbackFuncPtr, void* rxCallbackContext,
+                    const RS232Cfg* serialCfg) {
+    if (!SerialPortExists(port) || serialCfg == nullptr) {
+        return kBadParameter;
+    }
+    const UInt32 err = Serial_Lock_PortDevids();
+    if (err != kSmOk) {
+        printf("SERIALAPI: In Open, Port: %d Mutex Lock failed...., err: %d\n", port,
+               static_cast<int>(err));
+        return kSemUnavail;
+    }
+    UInt32 slot = kSerialPortFree;
+    const bool reserved = port_devids[port].compare_exchange_strong(slot, kSerialPortReserved,
+                                                                    std::memory_order_acq_rel);
+    Serial_Unlock_PortDevids();
+    if (!reserved) {
+        return kAlreadyInUse;
+    }
+    DevmgrSerial_CBInfo_t callbacks = {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext};
+    const eErrorT result = OpenReserved(port, *serialCfg, &callbacks);
+    if (result != kNoError) {
+        SerialFreePort(port);
+        return result;
+    }
+    StoreConfig(port, *serialCfg);
+    Serialport_Modes[port].store(0, std::memory_order_release);
+    return kNoError;
+}
+
+eErrorT Serial_Enable(int port, SerialDirectionType serialDir) {
+    return ChangeDirection(port, serialDir, kEnableStatus, "ENABLE");
+}
+
+eErrorT Serial_Disable(int port, SerialDirectionType serialDir) {
+    return ChangeDirection(port, serialDir, kDisableStatus, "DISABLE");
+}
+
+int Serial_Write(int port, char* writeBuf, int writeSize, int numOfMicroseconds) {
+    return Transfer(port, writeBuf, writeSize, numOfMicroseconds, kWrite);
+}
+
+int Serial_Read(int port, char* readBuf, int readSize, int numOfMicroseconds) {
+    return Transfer(port, readBuf, readSize, numOfMicroseconds, kRead);
+}
+
+eErrorT Serial_Close(int port) {
+    if (!SerialPortExists(port)) {
+        return kBadParameter;
+    }
+    const UInt32 err = Serial_Lock_PortDevids();
+    if (err != kSmOk) {
+        printf("SERIALAPI: In CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
+               static_cast<int>(err));
+        return kSemUnavail;
+    }
+    const UInt32 slot = SlotOf(port);
+    const bool open = slot != kSerialPortFree && slot != kSerialPortReserved;
+    if (open) {
+        dev_close(slot);
+        port_devids[port].store(kSerialPortFree, std::memory_order_release);
+    }
+    Serial_Unlock_PortDevids();
+    return open ? kNoError : kItemNotFound;
+}
+
+eErrorT Serial_GetCfg(int port, const RS232Cfg* cfgPtr) {
+    if (!SerialPortExists(port) || cfgPtr == nullptr) {
+        return kBadParameter;
+    }
+    if (SlotOf(port) == kSerialPortFree) {
+        return kItemNotFound;
+    }
+    StoreConfig(port, *cfgPtr);
+    return kNoError;
+}
+
+eErrorT Serial_Get_AppErr(DevMgrSerial_error_t sererr) {
+    for (const AppErrorT& row : kAppErrors) {
+        if (row.sererr == sererr) {
+            puts(row.message);
+            return row.result;
+        }
+    }
+    return kNoError;
+}
