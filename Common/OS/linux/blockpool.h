@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 
 #include "Common/OS/linux/lowmem.h"
 
@@ -37,7 +38,7 @@ class BlockPoolT {
         for (int i = 0; i < count; i++) {
             const UInt32 offset = id - chunks_[i].first_id;
             if (offset < chunks_[i].bytes) {
-                return offset % sizeof(T) == 0 ? from_id<T>(id) : nullptr;
+                return offset % kStride == 0 ? from_id<T>(id) : nullptr;
             }
         }
         return nullptr;
@@ -47,9 +48,8 @@ class BlockPoolT {
     template <typename VisitT>
     void ForEach(VisitT visit) {
         for (int i = 0; i < count_.load(std::memory_order_relaxed); i++) {
-            T* blocks = from_id<T>(chunks_[i].first_id);
-            for (size_t k = 0; k < chunks_[i].bytes / sizeof(T); k++) {
-                visit(&blocks[k]);
+            for (UInt32 offset = 0; offset < chunks_[i].bytes; offset += kStride) {
+                visit(from_id<T>(chunks_[i].first_id + offset));
             }
         }
     }
@@ -57,6 +57,8 @@ class BlockPoolT {
   private:
     static constexpr int kFirstChunk = 32;  // blocks; each further chunk holds twice as many
     static constexpr int kMaxChunks = 20;
+    // Blocks stand a power of two apart, so that checking an id costs no division.
+    static constexpr UInt32 kStride = std::bit_ceil(static_cast<UInt32>(sizeof(T)));
 
     struct ChunkT {
         UInt32 first_id;
@@ -68,15 +70,16 @@ class BlockPoolT {
         if (i == kMaxChunks) {
             return false;
         }
-        const size_t blocks = static_cast<size_t>(kFirstChunk) << i;
-        T* chunk = static_cast<T*>(LowCalloc(blocks * sizeof(T)));
+        const UInt32 bytes = (static_cast<UInt32>(kFirstChunk) << i) * kStride;
+        void* chunk = LowCalloc(bytes);
         if (chunk == nullptr) {
             return false;
         }
-        for (size_t k = blocks; k > 0; k--) {
-            Give(&chunk[k - 1]);
+        const UInt32 first = id_of(chunk);
+        for (UInt32 offset = bytes; offset > 0; offset -= kStride) {
+            Give(from_id<T>(first + offset - kStride));
         }
-        chunks_[i] = {id_of(chunk), static_cast<UInt32>(blocks * sizeof(T))};
+        chunks_[i] = {first, bytes};
         count_.store(i + 1, std::memory_order_release);
         return true;
     }
