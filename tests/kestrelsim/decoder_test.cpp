@@ -1,0 +1,116 @@
+// The decoder against frames worked out by hand, and against every way of spoiling them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "tools/kestrelsim/link_decoder.h"
+
+namespace kestrelsim {
+namespace {
+
+// One line per outcome: "frame 44 01", "request 82", "flash 0500010002", or the refusal's reason.
+std::string Show(const std::vector<Decoded>& decoded) {
+    std::string text;
+    for (const Decoded& it : decoded) {
+        text += text.empty() ? "" : "; ";
+        if (const auto* refusal = std::get_if<Refusal>(&it)) {
+            text += ReasonText(refusal->reason);
+            continue;
+        }
+        const auto& message = std::get<Message>(it);
+        text += message.kind == MessageKind::kFrame ? "frame " + ToHex({&message.type, 1}) + " "
+                : message.kind == MessageKind::kDeviceTypeRequest ? "device-type "
+                                                                  : "flash-mode ";
+        text += ToHex(message.payload);
+    }
+    return text;
+}
+
+std::string Decode(const std::string& hex, size_t chunk, bool camera) {
+    const Bytes bytes = FromHex(hex).value();
+    LinkDecoder decoder(camera);
+    std::vector<Decoded> all;
+    const auto append = [&](const std::vector<Decoded>& more) {
+        all.insert(all.end(), more.begin(), more.end());
+    };
+    for (size_t at = 0; at < bytes.size(); at += chunk) {
+        append(decoder.Feed(ByteView(bytes).subspan(at, std::min(chunk, bytes.size() - at))));
+    }
+    append(decoder.Finish());
+    return Show(all);
+}
+
+struct Case {
+    const char* wire;
+    const char* outcome;
+    bool camera = false;
+};
+
+constexpr Case kCases[] = {
+    // Worked frames.
+    {"FF 44 00 04 01 FE01 FE01 FE01", "frame 44 01"},
+    {"FF 49 00 04 69 FE01 FE01 97", "frame 49 69"},
+    {"FF 48 00 03 00 00 00", "frame 48 "},
+    {"FF 48 00 06 00 05 10 FE01 FE01 EB", "frame 48 000510"},
+    {"FF 48 00 07 00 00 FE00 FE01 FE01 FE00 03", "frame 48 0000feff"},
+    {"82 06 77", "device-type ", true},
+    {"87 43 72 05 00 FF 00 02", "flash-mode 0500ff0002", true},
+    {"82 06 77 FF 44 00 04 01 FE01 FE01 FE01", "device-type ; frame 44 01", true},
+    // Spoiled ones. What follows a refusal is skipped up to the next start byte.
+    {"FF 48 00 06 00 05 10 FE01 FE01 EC", "bad checksum"},
+    {"FF 48 00 06 00 05 11 FE01 FE01 EB", "bad checksum"},
+    {"FF 48 00 03 00 00 01", "bad checksum"},
+    {"FF 44 00 04 01 FE02 FE01 FE01", "bad stuffing; stray bytes"},
+    {"FF 44 00 04 01 FE FF 44 00 04 01 FE01 FE01 FE01", "cut short; frame 44 01"},
+    {"FF 44 00 05 01 FE01 FE01 FE01", "wrong length; stray bytes"},
+    {"FF 44 00 02 01 FE01 FE01 FE01", "wrong length; stray bytes"},
+    {"FF 48 02 06 00 00", "wrong length; stray bytes"},
+    {"FF 45 00 04 01 FE01 FE01 FE01", "unknown type; stray bytes"},
+    {"FF 44 00 04 01 FE01", "cut short"},
+    {"FF 44 00 04 FF 44 00 04 01 FE01 FE01 FE01", "cut short; frame 44 01"},
+    {"00 FF 44 00 04 01 FE01 FE01 FE01", "stray bytes; frame 44 01"},
+    {"00 82 06 77 FF 44 00 04 01 FE01 FE01 FE01", "stray bytes; stray bytes; frame 44 01", true},
+    {"82 06 77", "stray bytes; stray bytes"},
+    {"82 06 78", "bad request", true},
+    {"87 43", "cut short", true},
+};
+
+TEST(LinkDecoder, JudgesEveryStreamTheSameHoweverItIsCut) {
+    for (const Case& it : kCases) {
+        for (const size_t chunk : {1, 2, 3, 5, 64}) {
+            EXPECT_EQ(Decode(it.wire, chunk, it.camera), it.outcome) << it.wire << " by " << chunk;
+        }
+    }
+}
+
+TEST(LinkDecoder, TakesTheLargestCameraBlockAndNothingLarger) {
+    Bytes frame = {0xFF, 0x88, 0xFC, 0x05};
+    frame.resize(4 + 2 + 64512 + 3);
+    LinkDecoder decoder(true);
+    EXPECT_EQ(std::get<Message>(decoder.Feed(frame).at(0)).payload.size(), 64514U);
+    frame[3] = 0x06;
+    EXPECT_EQ(Show(decoder.Feed(frame)), "wrong length");
+}
+
+TEST(LinkDecoder, FindsTheNextFrameAfterAnyGarbage) {
+    std::mt19937 random(1);
+    const Bytes good = FromHex("FF 44 00 04 01 FE01 FE01 FE01").value();
+    for (int round = 0; round < 500; round++) {
+        LinkDecoder decoder(false);
+        Bytes stream(1 + random() % 300);
+        std::generate(stream.begin(), stream.end(), [&] { return static_cast<uint8_t>(random()); });
+        stream[0] = 0x00;
+        stream.insert(stream.end(), good.begin(), good.end());
+        size_t seen = 0;
+        const std::vector<Decoded> decoded = decoder.Feed(stream);
+        for (const Decoded& it : decoded) {
+            seen += std::visit([](const auto& what) { return what.wire.size(); }, it);
+        }
+        EXPECT_EQ(Show({decoded.back()}), "frame 44 01") << ToHex(stream);
+        EXPECT_EQ(seen, stream.size()) << "every byte belongs to one outcome";
+    }
+}
+
+}  // namespace
+}  // namespace kestrelsim
