@@ -18,13 +18,6 @@ class LogFixtureT : public testing::Test {
         logqueue::log_Semaphore = semaphore;
     }
 
-    // Failures are reported on standard output too.
-    void TearDown() override {
-        if (HasFailure()) {
-            fputs(out_.Text().c_str(), stderr);
-        }
-    }
-
     // What was printed since the last call, with the queue drained.
     std::string Printed() {
         syslogDrainQueue();

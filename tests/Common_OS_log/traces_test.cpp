@@ -1,5 +1,5 @@
 // Trace categories, their tables and helpers.
-#include <regex>
+#include <gmock/gmock.h>
 
 #include "Common/OS/syslogf.h"
 #include "tests/Common_OS_log/logfixture.h"
@@ -135,7 +135,7 @@ TEST_F(Traces, TheHeaderFormatDisagreesWithItsWidth) {
     EXPECT_STREQ(stamp, "");
     gRtCategoryStatusWord[0] = 4;
     CmDebgCheckTime(stamp);
-    EXPECT_TRUE(std::regex_match(stamp, std::regex("\\d\\d\\.\\d\\d\\.\\d\\d\\.\\d{3}"))) << stamp;
+    EXPECT_THAT(stamp, testing::MatchesRegex("([0-9]{2}\\.){3}[0-9]{3}"));
 }
 
 TEST_F(Traces, ASearchFindsTheWrongRowOrRunsOffTheTable) {

@@ -1,7 +1,12 @@
 // A sanitizer has the allocator already; it tells of each allocation.
-#include <sanitizer/allocator_interface.h>
+#include <stddef.h>
 
 #include "tests/support/alloccount.h"
+
+// Not every compiler brings the header that declares it.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*on_malloc)(const volatile void*,
+                                                                           size_t),
+                                                         void (*on_free)(const volatile void*));
 
 namespace {
 
