@@ -1,0 +1,127 @@
+// Frames as bytes: known ones, and any payload against the rule applied byte by byte.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "devlib/kestrelflash/linkmsg.h"
+#include "devlib/kestrelflash/stuffing.h"
+#include "tests/kestrelflash/frame_decoder.h"
+
+namespace {
+
+constexpr unsigned char kUntouched = 0xA5;
+
+// The frame of a payload, built into the smallest buffer that is promised to do.
+Bytes Frame(int type, const Bytes& payload) {
+    const int size = static_cast<int>(payload.size());
+    const std::size_t room = static_cast<std::size_t>(LinkFrameBound(size));
+    Bytes frame(room + 16, kUntouched);
+    int length = -1;
+    EXPECT_EQ(kNoError, buildHarborToKestrelMsg(static_cast<HARBOR_KESTREL_MESAGE_TYPE>(type), size,
+                                                payload.data(), &length, frame.data()));
+    EXPECT_EQ(Bytes(16, kUntouched), Bytes(frame.begin() + static_cast<long>(room), frame.end()))
+        << "written beyond the buffer";
+    EXPECT_EQ(static_cast<long>(room) - length,
+              std::count(frame.begin() + length, frame.begin() + static_cast<long>(room), 0))
+        << "what stood in the buffer is still there";
+    frame.resize(static_cast<std::size_t>(length));
+    return frame;
+}
+
+// Bytes of which one in `every` needs stuffing; 0: none does.
+Bytes Payload(std::mt19937* random, std::size_t size, unsigned every) {
+    Bytes payload(size);
+    for (unsigned char& byte : payload) {
+        const unsigned value = static_cast<unsigned>((*random)());
+        const bool stuffed = every != 0 && value / 512 % every == 0;
+        byte = static_cast<unsigned char>(stuffed ? 0xFE + value % 2 : value % 0xFE);
+    }
+    return payload;
+}
+
+TEST(Framing, KnownFramesComeOutByteForByte) {
+    const struct {
+        int type;
+        Bytes payload;
+        Bytes frame;
+    } kCases[] = {
+        {0x44, {1}, {0xFF, 0x44, 0, 4, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1}},
+        {0x49, {0x69}, {0xFF, 0x49, 0, 4, 0x69, 0xFE, 1, 0xFE, 1, 0x97}},
+        {0x48, {}, {0xFF, 0x48, 0, 3, 0, 0, 0}},
+        {0x48, {0, 5, 0x10}, {0xFF, 0x48, 0, 6, 0, 5, 0x10, 0xFE, 1, 0xFE, 1, 0xEB}},
+        // A payload that sums to nothing: the checksum is 0x1000000 and loses its top bit.
+        {0x48, {0, 0, 0}, {0xFF, 0x48, 0, 6, 0, 0, 0, 0, 0, 0}},
+        {0x88, {0xFE, 0xFF}, {0xFF, 0x88, 0, 5, 0xFE, 0, 0xFE, 1, 0xFE, 1, 0xFE, 0, 3}},
+        // Only the low eight bits of the type count.
+        {0x141, {2}, {0xFF, 0x41, 0, 4, 2, 0xFE, 1, 0xFE, 1, 0xFE, 0}},
+    };
+    for (const auto& c : kCases) {
+        EXPECT_EQ(c.frame, Frame(c.type, c.payload));
+    }
+}
+
+TEST(Framing, TypesNotToBeSentAreRefused) {
+    std::string valid;
+    for (int type = 0; type < 256; type++) {
+        if (validateHarborKestrelMessageType(static_cast<unsigned char>(type))) {
+            valid += std::to_string(type) + " ";
+        }
+    }
+    EXPECT_EQ("65 66 67 68 72 73 129 136 137 ", valid);
+    int length = 99;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(kBadParameter, buildHarborToKestrelMsg(HARBOR_KESTREL_MESSAGE_TYPE_UNKNOWN, 0,
+                                                     nullptr, &length, nullptr));
+    EXPECT_EQ("packetizeHarborToKestrelMsg() -- Invalid message.\n",
+              testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, length);
+}
+
+TEST(Framing, AnyPayloadComesBackFromAnIndependentDecoder) {
+    // The largest, and sizes that make the length's bytes need stuffing.
+    const std::size_t kSizes[] = {64514, 0xFB, 0xFC, 0xFDFF};
+    std::mt19937 random(20);
+    for (int round = 0; round < 400; round++) {
+        const std::size_t size = round < 4 ? kSizes[round] : random() % 700;
+        const Bytes payload = Payload(&random, size, round % 5 == 4 ? 0 : 1U << (round % 5 * 3));
+        const Bytes frame = Frame(0x89, payload);
+        unsigned char type = 0;
+        Bytes decoded;
+        ASSERT_TRUE(DecodeFrame(frame, &type, &decoded)) << round;
+        ASSERT_EQ(0x89, type);
+        ASSERT_EQ(payload, decoded) << round;
+    }
+}
+
+// Every way of stuffing in bulk, at every offset within a vector, gives what the rule gives.
+TEST(Framing, BulkStuffingEqualsTheRuleByteByByte) {
+    std::mt19937 random(21);
+    for (std::size_t size = 0; size < 300; size++) {
+        for (const unsigned every : {0U, 1U, 2U, 9U, 128U}) {
+            const Bytes payload = Payload(&random, size, every);
+            Bytes ruled(2 * size + 1);
+            int length = 0;
+            UInt32 sum = 0;
+            for (const unsigned char byte : payload) {
+                sum += byte;
+                ruled[static_cast<std::size_t>(length)] = byte;
+                encryptOneByte(ruled.data(), &length);
+            }
+            ruled.resize(static_cast<std::size_t>(length));
+            for (const auto stuff : {StuffBytes, StuffBytesByWords}) {
+                Bytes bulk(2 * size + 8, kUntouched);
+                UInt32 total = 7;
+                const std::size_t written = stuff(payload.data(), size, bulk.data(), &total);
+                ASSERT_EQ(sum + 7, total);
+                ASSERT_EQ(Bytes(8, kUntouched), Bytes(bulk.end() - 8, bulk.end()));
+                bulk.resize(written);
+                ASSERT_EQ(ruled, bulk) << size << " " << every;
+            }
+        }
+    }
+}
+
+}  // namespace
