@@ -3,12 +3,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -42,12 +42,10 @@ std::string gFaults;
 std::map<int, std::string> gReceived;  // image bytes by frame type
 
 // Says what is happening and takes the answer that the conversation has for it.
-__attribute__((format(printf, 1, 2))) std::string Answer(const char* format, ...) {
+template <typename... ValuesT>
+std::string Answer(const char* format, ValuesT... values) {
     char event[256];
-    va_list values;
-    va_start(values, format);
-    vsnprintf(event, sizeof event, format, values);
-    va_end(values);
+    snprintf(event, sizeof event, format, values...);
     std::string answer = "?";
     if (!gAnswers.empty() && gAnswers.back().starts_with(event)) {
         answer = gAnswers.back().substr(strlen(event));
@@ -129,11 +127,9 @@ int Run(std::vector<std::string> words) {
         printf("@ blocks %d %d\n", blocks[0], blocks[1]);
         return rc;
     }
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1);
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](auto& word) { return word.data(); });
     return KestrelFlashMain(static_cast<int>(words.size()), argv.data());
 }
 
