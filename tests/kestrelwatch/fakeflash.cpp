@@ -5,19 +5,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
 namespace {
 
-std::string pipePath;
+const char* pipePath = "";
 
 void WritePipe(const char* text) {
-    FILE* pipe = fopen(pipePath.c_str(), "w");
+    FILE* pipe = fopen(pipePath, "w");
     if (pipe == nullptr) {
-        printf("progressCtrlSetPos: could not open %s\n", pipePath.c_str());
+        printf("progressCtrlSetPos: could not open %s\n", pipePath);
         return;
     }
     fputs(text, pipe);
@@ -30,35 +29,6 @@ void Position(const char* number) {
     fflush(stdout);
 }
 
-void UpTo(const char* last) {
-    for (int number = 1; number <= atoi(last); number++) {
-        Position(std::to_string(number).c_str());
-    }
-}
-
-void Touch(const char* path) {
-    fclose(fopen(path, "w"));
-}
-
-void WaitFor(const char* path) {
-    struct stat status = {};
-    while (stat(path, &status) != 0) {
-        usleep(2000);
-    }
-}
-
-void Kilobytes(const char* count) {
-    for (int i = 0; i < atoi(count); i++) {
-        printf("%08d %01014d\n", i, i);
-    }
-}
-
-// Says so on the output and goes on, as an updater that will not be interrupted.
-void Deaf(const char* signalNumber) {
-    signal(atoi(signalNumber),
-           [](int) { [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, "deaf\n", 5); });
-}
-
 const struct {
     const char* name;
     void (*act)(const char* rest);
@@ -67,13 +37,27 @@ const struct {
     {"part:", [](const char* text) { fputs(text, stdout), fflush(stdout); }},
     {"err:", [](const char* text) { fprintf(stderr, "%s\n", text); }},
     {"pos:", Position},
-    {"upto:", UpTo},
     {"raw:", WritePipe},
-    {"wait:", WaitFor},
-    {"touch:", Touch},
+    {"upto:",
+     [](const char* last) {
+         for (int number = 1; number <= atoi(last); number++) {
+             Position(std::to_string(number).c_str());
+         }
+     }},
+    {"wait:",
+     [](const char* path) {
+         while (access(path, F_OK) != 0) {
+             usleep(2000);
+         }
+     }},
+    {"touch:", [](const char* path) { fclose(fopen(path, "w")); }},
     {"sleep:", [](const char* ms) { usleep(static_cast<useconds_t>(atoi(ms)) * 1000); }},
-    {"kilobytes:", Kilobytes},
-    {"deaf:", Deaf},
+    {"kilobytes:",
+     [](const char* count) {
+         for (int i = 0; i < atoi(count); i++) {
+             printf("%08d %01014d\n", i, i);
+         }
+     }},
     {"raise:", [](const char* number) { raise(atoi(number)); }},
     {"exit:", [](const char* status) { exit(atoi(status)); }},
 };
@@ -81,12 +65,8 @@ const struct {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int end = 1;
-    while (end < argc && strcmp(argv[end], "-p") != 0) {
-        end++;
-    }
-    if (end + 3 != argc - 1) {
-        puts("no -p with three values");
+    const int end = argc - 4;
+    if (end < 1 || strcmp(argv[end], "-p") != 0) {
         return 99;
     }
     pipePath = argv[end + 1];
@@ -94,7 +74,6 @@ int main(int argc, char** argv) {
         for (const auto& act : kActs) {
             if (strncmp(argv[i], act.name, strlen(act.name)) == 0) {
                 act.act(argv[i] + strlen(act.name));
-                break;
             }
         }
     }

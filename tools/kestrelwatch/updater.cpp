@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tools/kestrelwatch/statuses.h"
 
 namespace watch {
@@ -43,12 +45,12 @@ std::vector<std::string> Folders() {
         folders.push_back(path.substr(0, path.rfind('/')));
     }
     const char* variable = getenv("PATH");
-    std::string rest = variable != nullptr ? variable : "/usr/bin:/bin";
-    while (!rest.empty()) {
-        const size_t colon = rest.find(':');
-        const std::string folder = rest.substr(0, colon);
-        folders.push_back(folder.empty() ? "." : folder);
-        rest = colon == std::string::npos ? "" : rest.substr(colon + 1);
+    const std::string list = variable != nullptr ? variable : "/usr/bin:/bin";
+    for (size_t start = 0; start <= list.size();) {
+        const size_t colon = std::min(list.find(':', start), list.size());
+        // An empty entry, at the end too, is the working directory.
+        folders.push_back(colon == start ? "." : list.substr(start, colon - start));
+        start = colon + 1;
     }
     return folders;
 }
@@ -94,8 +96,8 @@ std::string FindUpdater(const std::string& name) {
         return name;
     }
     std::string refused;
-    for (const std::string& folder : Folders()) {
-        const std::string path = folder + "/" + name;
+    for (std::string& path : Folders()) {
+        path.append("/").append(name);
         const int error = Runnable(path);
         if (error == 0) {
             return path;
@@ -114,6 +116,7 @@ std::string FindUpdater(const std::string& name) {
 Updater::Updater(const std::string& program, const std::vector<std::string>& command, int outputFd,
                  int errorFd) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }

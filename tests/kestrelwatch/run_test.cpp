@@ -1,0 +1,277 @@
+// Whole runs of the launcher with a fake updater: what a user, a script or a bad day can do to it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "tests/kestrelwatch/session.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+const UserT kPipes = UserT::kPipes;
+const UserT kTerminal = UserT::kTerminal;
+
+// A terminal's picture without what was drawn from a row's start and wiped to its end.
+std::string WithoutBars(std::string text) {
+    const std::string wipe = "\033[K";
+    for (size_t end = text.find(wipe); end != std::string::npos; end = text.find(wipe)) {
+        const size_t start = text.rfind('\r', end);
+        text.erase(start, end + wipe.size() - start);
+    }
+    return text;
+}
+
+// The first bytes of the fake updater's long line `i`.
+std::string LineStart(int i) {
+    return std::to_string(100000000 + i).substr(1) + " 000";
+}
+
+TEST(WatchRun, OutputPassesUntouchedAndProgressComesAsPlainLines) {
+    const Folder folder;
+    Session session(kPipes, {},
+                    {"say:flash_micro() ...", "err:complaint", "part:no line", "say: end", "pos:5",
+                     "pos:100", "part:unfinished"});
+    EXPECT_EQ(session.End(), 0);
+    EXPECT_EQ(session.output,
+              "flash_micro() ...\nno line end\npercentdone: [5]\n"
+              "percentdone: [100]\nunfinished");
+    EXPECT_THAT(session.error, HasSubstr("complaint\n"));
+    EXPECT_THAT(session.error, HasSubstr("kestrelwatch: 100 %  0:0"));
+    EXPECT_THAT(session.error, HasSubstr("microcontroller: asking for its version\n"));
+    EXPECT_EQ(session.error.find_first_of("\033\r"), std::string::npos);
+    EXPECT_EQ(folder.PrivateFolder(), "");
+}
+
+TEST(WatchRun, TheUpdatersEndDecidesTheStatus) {
+    const Folder folder;
+    const struct {
+        WordsT options;
+        WordsT acts;
+        int status;
+        const char* said;
+    } rows[] = {
+        {{}, {"exit:7"}, 7, "failed with status 7"},
+        {{"--strict"}, {"pos:30", "exit:255"}, 255, "position 30 of 0 to 100"},
+        {{}, {"pos:40"}, 0, "end of the range was not reached (position 40 of 0 to 100"},
+        {{"--strict"}, {"pos:40"}, 120, "end of the range was not reached"},
+        {{"--strict"}, {"say:no pipe opened"}, 120, "no position reported"},
+        {{"--strict", "--range", "0", "5000"}, {"upto:5000"}, 0, "done"},
+        {{"--strict", "--range", "-10", "90"}, {"pos:90"}, 0, "done"},
+        {{"--strict"}, {"raw:98", "raw:99", "raw:100"}, 0, "done"},
+        // 1 and 2 in one read are no 12.
+        {{"--strict", "--range", "0", "12"},
+         {"raw:12", "say:percentdone: [1]", "say:percentdone: [2]"},
+         120,
+         "position 2 of 0 to 12"},
+        {{}, {"pos:40", "raise:9", "pos:41"}, 137, "signal 9 (Killed)"},
+    };
+    for (const auto& row : rows) {
+        Session session(kPipes, row.options, row.acts);
+        EXPECT_EQ(session.End(), row.status) << row.said;
+        EXPECT_THAT(session.error, HasSubstr(row.said));
+    }
+    EXPECT_EQ(folder.PrivateFolder(), "");
+}
+
+TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
+    const Folder folder;
+    folder.Touch("file");
+    std::ofstream("script") << "not a program\n";
+    chmod("script", 0755);
+    mkfifo("taken", 0600);
+    const int reader = open("taken", O_RDONLY | O_NONBLOCK);
+    const std::string w = KESTRELWATCH;
+    const std::string f = FAKEFLASH;
+    const struct {
+        WordsT words;
+        int status;
+        const char* said;
+    } rows[] = {
+        {{w}, 121, "nothing to do"},
+        {{w, "--"}, 121, "no updater behind '--'"},
+        {{w, "--bogus", "all"}, 121, "--bogus"},
+        {{w, "all", "--", f}, 121, "stands before '--'"},
+        {{w, "--", f, "-p", "x"}, 121, "use --pipe and --range"},
+        {{w, "--stall", "-1", "--", f}, 121, "--stall takes"},
+        {{w, "--stall", "soon", "--", f}, 121, "--stall"},
+        {{w, "--pipe", "", "--", f}, 121, "--pipe takes a path"},
+        {{w, "--range", "5", "x", "--", f}, 122, "'x' is not"},
+        {{w, "--range", "0", "99999999999", "--", f}, 122, "32-bit"},
+        {{w, "--range", "90", "10", "--", f}, 122, "90 is not below the high end 10"},
+        {{w, "--range", "10", "10", "--", f}, 122, "not below"},
+        {{w, "--range", "-20", "-10", "--", f}, 122, "above 0"},
+        {{w, "--range", "0", "21474837", "--", f}, 122, "wider than 21474836"},
+        {{w, "--pipe", "file", "--", f}, 123, "file: exists and is no pipe"},
+        {{w, "--pipe", "taken", "--", f}, 123, "another program reads"},
+        {{w, "--pipe", std::string(256, 'x'), "--", f}, 123, "path too long"},
+        {{w, "--pipe", "none/pipe", "--", f}, 124, "No such file"},
+        {{w, "--pipe", "/proc/pipe", "--", f}, 124, "cannot be made"},  // not even by root
+        {{w, "--", "./file"}, 126, "Permission denied"},
+        {{w, "--", "./script"}, 126, "Exec format error"},
+        {{w, "--", "./"}, 126, "Is a directory"},
+        {{w, "--", "./missing"}, 127, "No such file"},
+        {{w, "--", "nosuchupdater"}, 127, "neither beside kestrelwatch nor in PATH"},
+    };
+    for (const auto& row : rows) {
+        Session session(row.words);
+        EXPECT_EQ(session.End(), row.status) << row.said;
+        EXPECT_THAT(session.error, HasSubstr(row.said));
+        EXPECT_EQ(std::count(session.error.begin(), session.error.end(), '\n'), 1);
+        EXPECT_EQ(session.output, "");
+    }
+    close(reader);
+    EXPECT_EQ(std::filesystem::file_size("file"), 0u);
+    EXPECT_EQ(folder.PrivateFolder(), "");
+    setenv("TMPDIR", "/proc", 1);
+    Session session(kPipes, {}, {});
+    EXPECT_EQ(session.End(), 124);
+    EXPECT_THAT(session.error, HasSubstr("/proc/kestrelwatch-"));
+}
+
+TEST(WatchRun, AGivenPipeIsUsedAndOnlyAnOwnOneRemoved) {
+    const Folder folder;
+    mkfifo("there", 0600);
+    for (const char* name : {"there", "fresh"}) {
+        Session session(kPipes, {"--pipe", name, "--strict"}, {"upto:100"});
+        EXPECT_EQ(session.End(), 0);
+    }
+    EXPECT_TRUE(std::filesystem::exists("there"));
+    EXPECT_FALSE(std::filesystem::exists("fresh"));
+}
+
+TEST(WatchRun, TheDefaultUpdaterIsFoundInPathAndBeside) {
+    const Folder folder;
+    mkdir("bin", 0700);
+    std::filesystem::copy(KESTRELWATCH, "bin/kestrelwatch");
+    std::filesystem::copy(FAKEFLASH, "kestrelflash");
+    setenv("PATH", "/nowhere:", 1);  // an empty entry is the working directory
+    for (int i = 0; i < 2; i++) {
+        Session session({"bin/kestrelwatch", "--strict", "upto:100"});
+        EXPECT_EQ(session.End(), 0);
+        std::filesystem::rename("kestrelflash", "bin/kestrelflash");
+        std::filesystem::create_symlink("nowhere", "kestrelflash");
+    }
+}
+
+TEST(WatchRun, AStandstillIsReportedAndNothingIsKilled) {
+    const Folder folder;
+    Session session(kPipes, {"--stall", "0.1"}, {"pos:1", "wait:go", "pos:100", "wait:end"});
+    EXPECT_TRUE(session.Sees("nothing has moved for 0:00"));
+    EXPECT_TRUE(session.Sees("nothing has moved for 0:00"));
+    folder.Touch("go");
+    EXPECT_TRUE(session.Sees("moving again"));
+    folder.Touch("end");
+    EXPECT_EQ(session.End(), 0);
+}
+
+// More than any pipe or terminal holds, while nobody reads a byte of it.
+TEST(WatchRun, AReaderThatStandsStillDoesNotHoldTheUpdater) {
+    const Folder folder;
+    Session session(kPipes, {}, {"kilobytes:2000", "upto:100", "touch:done"});
+    EXPECT_TRUE(folder.WaitFor("done"));
+    EXPECT_EQ(session.End(), 0);
+    for (int i = 0; i < 2000; i++) {
+        ASSERT_EQ(session.output.substr(size_t{1024} * static_cast<size_t>(i), 12), LineStart(i));
+    }
+    EXPECT_EQ(session.output.substr(2000 * 1024, 17), "percentdone: [1]\n");
+}
+
+TEST(WatchRun, OneInterruptWarnsAndTwoInterrupt) {
+    const Folder folder;
+    for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
+        Session session(kPipes, {"--confirm", "600"}, {"say:on", "wait:never"});
+        EXPECT_TRUE(session.Sees("on\n"));
+        session.Signal(number);
+        EXPECT_TRUE(session.Sees("without working firmware"));
+        EXPECT_TRUE(session.Sees("again within 600 seconds"));
+        session.Signal(number);
+        EXPECT_TRUE(session.Sees("on to the updater"));
+        EXPECT_EQ(session.End(), 128 + number);
+    }
+}
+
+TEST(WatchRun, AnInterruptThatIsNotRepeatedInTimeIsForgotten) {
+    const Folder folder;
+    Session session(kPipes, {"--confirm", "0.1"}, {"say:on", "wait:go", "upto:100"});
+    EXPECT_TRUE(session.Sees("on\n"));
+    for (int i = 0; i < 2; i++) {
+        session.Signal(SIGINT);
+        EXPECT_TRUE(session.Sees("again within 0.1 seconds"));
+        EXPECT_TRUE(session.Sees("not interrupted"));
+    }
+    folder.Touch("go");
+    EXPECT_EQ(session.End(), 0);
+}
+
+TEST(WatchRun, AKilledLauncherLeavesTheUpdaterAReader) {
+    const Folder folder;
+    Session session(kPipes, {}, {"pos:1", "wait:go", "kilobytes:500", "upto:100", "touch:done"});
+    EXPECT_TRUE(session.Sees("percentdone: [1]"));
+    const std::string own = folder.PrivateFolder();
+    EXPECT_TRUE(std::filesystem::is_fifo(own + "/progress"));
+    session.Signal(SIGKILL);
+    EXPECT_EQ(session.End(), -SIGKILL);
+    folder.Touch("go");
+    EXPECT_TRUE(folder.WaitFor("done"));
+    EXPECT_TRUE(folder.WaitFor(own, false));
+}
+
+TEST(WatchTerminal, KeysDoNotReachTheUpdaterAndTheBarLeavesLinesWhole) {
+    const Folder folder;
+    Session session(kTerminal, {},
+                    {"pos:42", "wait:go", "pos:50", "wait:size", "pos:60", "wait:end",
+                     "kilobytes:50", "pos:100"});
+    EXPECT_TRUE(session.Sees("]  42 %"));
+    EXPECT_TRUE(session.Type('\003'));
+    EXPECT_TRUE(session.Sees("without working firmware"));
+    EXPECT_TRUE(session.Sees(" s to interrupt"));
+    EXPECT_TRUE(session.Type('\032'));
+    EXPECT_TRUE(session.Sees("not suspended"));
+    folder.Touch("go");
+    EXPECT_TRUE(session.Sees("]  50 %"));
+    session.Resize(22);
+    folder.Touch("size");
+    EXPECT_TRUE(session.Sees("\r 60 %  0:0"));
+    folder.Touch("end");
+    EXPECT_EQ(session.End(), 0);
+    EXPECT_THAT(session.output, HasSubstr("\033[K\r\nkestrelwatch: done"));
+    const std::string text = WithoutBars(session.output);
+    for (int i = 0; i < 50; i++) {
+        const size_t at = text.find("\n" + LineStart(i));
+        ASSERT_NE(at, std::string::npos) << i;
+        EXPECT_EQ(text.substr(at + 1024, 2), "\r\n");
+    }
+}
+
+TEST(WatchTerminal, ADumbOneGetsPlainLines) {
+    const Folder folder;
+    setenv("TERM", "dumb", 1);
+    Session session(kTerminal, {}, {"upto:100"});
+    EXPECT_EQ(session.End(), 0);
+    EXPECT_THAT(session.output, HasSubstr("kestrelwatch: 100 %"));
+    EXPECT_THAT(session.output, Not(HasSubstr("\033")));
+}
+
+TEST(WatchTerminal, NeitherAHangUpNorALostReaderEndsTheUpdate) {
+    const Folder folder;
+    for (const UserT user : {kPipes, kTerminal}) {
+        const std::string done = user == kPipes ? "done pipes" : "done terminal";
+        Session session(
+            user, {"--strict"},
+            {"pos:10", "wait:" + done + "!", "kilobytes:500", "upto:100", "touch:" + done});
+        EXPECT_TRUE(session.Sees(" 10 %"));
+        session.CloseOutput();
+        folder.Touch((done + "!").c_str());
+        EXPECT_TRUE(folder.WaitFor(done));
+        EXPECT_TRUE(user == kTerminal || session.Sees("output is gone (Broken pipe)"));
+        EXPECT_EQ(session.End(), 0);
+    }
+    EXPECT_EQ(folder.PrivateFolder(), "");
+}
+
+}  // namespace
