@@ -159,7 +159,7 @@ UInt32 events_matched(UInt32 captured, UInt32 mask, UInt32 opt) {
 
 UInt32 ev_send(UInt32 tid, UInt32 new_events) {
     TCB* tcb = t_resolve(tid);
-    if (tcb == nullptr) {
+    if (tcb == nullptr || tcb->closed.load(std::memory_order_acquire)) {
         return kTaskNotFound;
     }
     tcb->events_captured.fetch_or(new_events, std::memory_order_acq_rel);

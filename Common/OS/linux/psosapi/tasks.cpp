@@ -74,6 +74,7 @@ void Reset(TCB* tcb, const SInt8* name, UInt32 priority) {
     tcb->mode = tcb->event_mask = tcb->events_pending = 0;
     tcb->refcon.store(0, std::memory_order_relaxed);
     tcb->events_captured.store(0, std::memory_order_relaxed);
+    tcb->closed.store(false, std::memory_order_relaxed);
     tcb->thread = pthread_t{};
     tcb->prv_pri = {};
     tcb->tmid = 0;
@@ -476,6 +477,18 @@ UInt32 t_getRefCon(UInt32 taskID) {
 
 Boolean t_exists(UInt32 tid) {
     return t_resolve(tid) != nullptr ? 1 : 0;
+}
+
+void t_close() {
+    TCB* tcb = t_self();
+    if (tcb != nullptr) {
+        tcb->closed.store(true, std::memory_order_release);
+    }
+}
+
+Boolean t_is_open(UInt32 tid) {
+    const TCB* tcb = t_resolve(tid);
+    return tcb != nullptr && !tcb->closed.load(std::memory_order_acquire) ? 1 : 0;
 }
 
 int get_sched_policy() {

@@ -64,7 +64,8 @@ typedef struct _TCB {
     struct _TCB* next;  // list of all tasks, in creation order
     // Private to the service:
     std::atomic<TaskLifeT> life;
-    bool attached;   // the thread was not made by t_start
+    std::atomic<bool> closed;  // takes no more events
+    bool attached;             // the thread was not made by t_start
     bool sync_made;  // event_mutex and event_cond exist; they are kept while the block is free
 } TCB;
 
@@ -111,6 +112,14 @@ UInt32 t_getRefCon(UInt32 taskID);
 
 // 1 while `tid` names a task that exists, else 0. 0 names the caller. Does not block.
 Boolean t_exists(UInt32 tid);
+
+// Closes the calling task to new work: from now on events sent to it are refused as for a task that
+// does not exist. For who finishes a dying task's work and must know when the last of it has come.
+// Does not block.
+void t_close();
+
+// 1 while `tid` names a task that takes events (0 = self), else 0. Does not block.
+Boolean t_is_open(UInt32 tid);
 
 // The scheduling policy of tasks with a non-zero priority: 0 (time-sharing) unless set.
 int get_sched_policy();
