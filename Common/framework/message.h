@@ -16,8 +16,8 @@ constexpr int kMsgMaxArgs = 80;
 constexpr int kMsgMaxAliases = 10;
 constexpr int kMsgMaxNotify = 10;
 
-// How deep commands may send commands: an alias in an alias, a script in a script. The command that
-// would go deeper is refused with kBadState, so that loops end.
+// How deep aliases and scripts may nest in each other. What would go deeper is refused with
+// kBadState and a line on standard output, so that loops end.
 constexpr int kMsgMaxDepth = 8;
 
 // CmdEntryT::flags.
@@ -55,8 +55,8 @@ typedef struct CmdArgS {
     UInt32 argv[kMsgMaxArgs];  // each word's offset from the record's start
     NotifyFuncT pNotifyFunc;
     void* userDefined;
-    UInt32 flags;  // the command's
-    UInt32 depth;  // how many commands led to this one
+    UInt32 flags;    // the command's
+    UInt32 nesting;  // how many aliases and scripts led to it
 } CmdArgT;
 static_assert(sizeof(CmdArgT) <= kModMaxArgs);
 
@@ -107,12 +107,11 @@ CmdEntryT* MsgLookup(CmdEntryT* cmdTable, const char* s);
 // Sends a command line. The outcome goes to `pNotifyFunc`(error, response, `userDefined`) (null:
 // nowhere), in "msgn", or at once when the line is refused. kNoError once the command is on its
 // way; kBadParameter for a line over 512 characters (then nobody is notified), for too few
-// arguments, or when the command's task is gone; kItemNotFound for an unknown command; kBadState
-// when commands nest deeper than kMsgMaxDepth.
+// arguments, or when the command's task is gone; kItemNotFound for an unknown command.
 eErrorT MsgSendCmd(const char* pCmdString, NotifyFuncT pNotifyFunc, void* userDefined);
 
 // Sends a text to every listener, in "msgn". kNoError; kBadParameter for an empty text or one over
-// 512 characters; the error of queueing.
+// 512 characters; kNotInitialized before MsgInit; the error of queueing.
 eErrorT MsgSendNotification(const char* pNotifyString);
 
 // Adds and removes a listener. A listener may remove itself while it is called.
@@ -121,8 +120,9 @@ eErrorT MsgDeleteNotification(NotifyFuncT pNotifyFunc);  // kNoError or kBadPara
 
 // Sends each line of the file "<pFileName>.scr" with the same notification. Blocks while too many
 // deferred calls wait, serving those of the calling task meanwhile. kNoError; kItemNotFound when
-// the file cannot be opened; kBadState when scripts and commands nest deeper than kMsgMaxDepth;
-// kOutOfResources when the script was stopped because calls are not served.
+// the file cannot be opened; kBadState when aliases and scripts nest deeper than kMsgMaxDepth;
+// kOutOfResources when the script was stopped because calls are not served. A line over 512
+// characters is reported and skipped.
 eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* userDefined);
 
 // Runs the row of `subCmdTable` whose name begins with argv[1], with the words from there on.

@@ -132,6 +132,7 @@ typedef struct ModDeferredFuncS {
     UInt32 time;                                 // milliseconds at queueing
     alignas(8) unsigned char args[kModMaxArgs];  // a copy of the caller's
     DeferredStageT stage;                        // private
+    UInt32 serial;                               // private: which use of the block this is
 } ModDeferredFuncT;
 
 typedef struct ModDeferredCallbackS {
@@ -141,6 +142,8 @@ typedef struct ModDeferredCallbackS {
     UInt32 funcIndex;
     UInt32 time;
     alignas(8) unsigned char args[kModMaxArgs];
+    DeferredStageT stage;  // private
+    UInt32 serial;         // private
 } ModDeferredCallbackT;
 
 // Deferred-call statistics of one task, in milliseconds.
@@ -300,7 +303,8 @@ eErrorT ModDumpRange(int processor, int offset, int range);
 int ModCompare(const void* ppMod1, const void* ppMod2);
 
 // Trace filters: once one is set, only modules of the names set are logged. Add returns kNoError,
-// or kOutOfMemory when all ten are used; Delete ("*": all) kNoError, or kBadParameter if not set.
+// kOutOfMemory when all ten are used, or
+// kBadParameter for an empty name; Delete ("*": all) kNoError, or kBadParameter if not set.
 eErrorT ModTraceFilterAdd(const char* pName);
 eErrorT ModTraceFilterDelete(const char* pName);
 

@@ -18,6 +18,9 @@ constexpr int kTimerMinTime = 10;     // milliseconds
 
 typedef void (*TimerFuncPtrT)(void* userDefined);
 
+// On which of the timer task's lists a timer is; private to the service.
+typedef enum : UInt32 { kTimerOffList = 0, kTimerActive = 1, kTimerTimedOut = 2 } TimerPlaceT;
+
 // A timer, embedded in its owner's record, which is zeroed before TimerInit and lives until
 // TimerExit.
 typedef struct TimerS {
@@ -35,9 +38,11 @@ typedef struct TimerS {
     unsigned int maxLatency;   // longest interval from lastTime to the serving of an expiry, ms
     unsigned int maxExecTime;  // longest run of pFunc, ms
     unsigned int totalExecTime;
-    unsigned int numExecs;      // runs since the last start
-    unsigned int signature;     // the characters "TIM2" in memory order while initialised
-    unsigned int startsQueued;  // private: start requests on their way to the timer task
+    unsigned int numExecs;   // runs since the last start
+    unsigned int signature;  // the characters "TIM2" in memory order while initialised
+    // Private to the service:
+    unsigned int startsQueued;  // start requests on their way to the timer task
+    TimerPlaceT place;          // under timerSemaphore
 } TimerT;
 
 // The timer task's module and its two lists, under timerSemaphore.

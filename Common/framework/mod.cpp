@@ -1,0 +1,433 @@
+// Modules and their callbacks.
+//
+// Callback slots are changed under callbackSemaphore and read without it. A module's slots live in
+// one array, which stands behind a header with a sequence number: odd while the array changes,
+// another number afterwards. A reader copies a slot and keeps the copy only if the module still has
+// that array and the number is even and the same before and after; otherwise it copies again under
+// the semaphore. An array that a module outgrew or gave up is kept for the next module that needs
+// one of its size and never goes back to the heap, so that a late reader reads an array still, and
+// sees by the number that it is not his.
+#include "Common/framework/mod.h"
+
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "Common/OS/linux/psosapi/tasks.h"
+#include "Common/OS/linux/system.h"
+#include "Common/framework/address.h"
+#include "Common/framework/mod_internal.h"
+#include "Common/framework/semguard.h"
+#include "Common/framework/sharedfield.h"
+
+std::atomic<ModT*> gMods[kModMaxModules];
+std::atomic<int> numMods{0};
+UInt32 callbackSemaphore;
+
+const char* const ModExceptionString[1] = {"Mod Fatal Exception"};
+
+namespace {
+
+constexpr int kSlotsPerGrowth = 10;
+
+std::atomic<int> gTableEnd{0};
+
+// The header of an array of callback slots.
+struct SlotArrayT {
+    UInt32 sequence;
+    int numSlots;  // never changes
+    int end;       // one past the last used slot
+    SlotArrayT* next;
+};
+
+SlotArrayT* gSpareArrays;  // under callbackSemaphore
+
+SlotArrayT* ArrayOf(ModCallbackT* slots) {
+    return reinterpret_cast<SlotArrayT*>(slots) - 1;
+}
+
+ModCallbackT* SlotsOf(SlotArrayT* array) {
+    return reinterpret_cast<ModCallbackT*>(array + 1);
+}
+
+// Marks an array as changing for a scope; callbackSemaphore is held.
+class ArrayChangeT {
+  public:
+    explicit ArrayChangeT(SlotArrayT* array) : array_(array), before_(array->sequence) {
+        FieldWrite(array_->sequence, before_ + 1);
+    }
+    ~ArrayChangeT() { FieldWrite(array_->sequence, before_ + 2); }
+    ArrayChangeT(const ArrayChangeT&) = delete;
+    ArrayChangeT& operator=(const ArrayChangeT&) = delete;
+
+  private:
+    SlotArrayT* array_;
+    UInt32 before_;
+};
+
+// pFunc comes last when a slot is filled and first when it is freed.
+void WriteSlot(ModCallbackT* slot, const ModCallbackT& value) {
+    if (value.pFunc == nullptr) {
+        FieldWrite(slot->pFunc, value.pFunc);
+    }
+    FieldWrite(slot->userDefined, value.userDefined);
+    FieldWrite(slot->whenFlags, value.whenFlags);
+    FieldWrite(slot->destTaskID, value.destTaskID);
+    FieldWrite(slot->funcIndex, value.funcIndex);
+    if (value.pFunc != nullptr) {
+        FieldWrite(slot->pFunc, value.pFunc);
+    }
+}
+
+// A fresh or spare array with all slots free; null when memory is exhausted.
+SlotArrayT* TakeArray(int numSlots) {
+    for (SlotArrayT** link = &gSpareArrays; *link != nullptr; link = &(*link)->next) {
+        SlotArrayT* array = *link;
+        if (array->numSlots == numSlots) {
+            *link = array->next;
+            ArrayChangeT change(array);
+            FieldWrite(array->end, 0);
+            for (int i = 0; i < numSlots; i++) {
+                WriteSlot(&SlotsOf(array)[i], {});
+            }
+            return array;
+        }
+    }
+    auto* array = static_cast<SlotArrayT*>(
+        calloc(1, sizeof(SlotArrayT) + sizeof(ModCallbackT) * static_cast<size_t>(numSlots)));
+    if (array != nullptr) {
+        array->numSlots = numSlots;
+    }
+    return array;
+}
+
+void RetireArray(ModCallbackT* slots) {
+    if (slots != nullptr) {
+        SlotArrayT* array = ArrayOf(slots);
+        const ArrayChangeT change(array);
+        array->next = gSpareArrays;
+        gSpareArrays = array;
+    }
+}
+
+// Gives a module ten more slots; the new ones are free.
+void Grow(ModT* pMod) {
+    const int before = pMod->numCallbacks;
+    SlotArrayT* array = TakeArray(before + kSlotsPerGrowth);
+    if (array == nullptr) {
+        logwarn("MOD", "can't add callback, out of memory\n");
+    }
+    ModAssertText(array != nullptr, "pCallbacks");
+    ModCallbackT* old = pMod->pCallbacks;
+    {
+        const ArrayChangeT change(array);
+        for (int i = 0; i < before; i++) {
+            WriteSlot(&SlotsOf(array)[i], old[i]);
+        }
+        FieldWrite(array->end, old != nullptr ? ArrayOf(old)->end : 0);
+    }
+    FieldWrite(pMod->pCallbacks, SlotsOf(array));
+    FieldWrite(pMod->numCallbacks, before + kSlotsPerGrowth);
+    RetireArray(old);
+}
+
+bool SameCallback(const ModCallbackT& slot, UInt32 funcIndex, CallbackFuncPtrT pFunc,
+                  const void* userDefined) {
+    return slot.pFunc == pFunc && slot.userDefined == userDefined && slot.funcIndex == funcIndex;
+}
+
+// The index of the slot that `matches`, from the array's start; -1 if there is none.
+// callbackSemaphore is held.
+template <typename MatchT>
+int FindSlot(const ModT* pMod, MatchT matches) {
+    for (int i = 0; i < pMod->numCallbacks; i++) {
+        if (matches(pMod->pCallbacks[i])) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+void FillSlot(ModT* pMod, const ModCallbackT& value) {
+    int index = FindSlot(pMod, [](const ModCallbackT& slot) { return slot.pFunc == nullptr; });
+    if (index < 0) {
+        index = pMod->numCallbacks;
+        Grow(pMod);
+    }
+    SlotArrayT* array = ArrayOf(pMod->pCallbacks);
+    const ArrayChangeT change(array);
+    WriteSlot(&pMod->pCallbacks[index], value);
+    if (index >= array->end) {
+        FieldWrite(array->end, index + 1);
+    }
+}
+
+eErrorT ModAddCallbackCommon(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
+                             void* userDefined, UInt32 whenFlags, UInt32 taskID) {
+    ModCheck(pMod);
+    ModAssert(pFunc);
+    const SemGuardT lock(callbackSemaphore);
+    const int known = FindSlot(pMod, [&](const ModCallbackT& slot) {
+        return SameCallback(slot, funcIndex, pFunc, userDefined);
+    });
+    if (known < 0) {
+        const bool elsewhere = taskID != 0 && (whenFlags & kModCallbackDeferred) != 0;
+        FillSlot(pMod, {pFunc, userDefined, whenFlags, elsewhere ? taskID : ModSelf(), funcIndex});
+    }
+    return kNoError;
+}
+
+// The first used slot from `from` on that listens to `funcIndex`, and a copy of it; -1 if there is
+// none. `changed` is set instead when the array changed under the reader.
+int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy, bool* changed) {
+    *changed = false;
+    ModCallbackT* slots = FieldRead(pMod->pCallbacks);
+    if (slots == nullptr) {
+        return -1;
+    }
+    SlotArrayT* array = ArrayOf(slots);
+    const UInt32 sequence = FieldRead(array->sequence);
+    const int end = FieldRead(array->end);
+    int found = -1;
+    for (int i = from; i < end && found < 0; i++) {
+        const ModCallbackT& slot = slots[i];
+        copy->pFunc = FieldRead(slot.pFunc);
+        copy->funcIndex = FieldRead(slot.funcIndex);
+        if (copy->pFunc != nullptr && copy->funcIndex == funcIndex) {
+            copy->userDefined = FieldRead(slot.userDefined);
+            copy->whenFlags = FieldRead(slot.whenFlags);
+            copy->destTaskID = FieldRead(slot.destTaskID);
+            found = i;
+        }
+    }
+    *changed = (sequence & 1) != 0 || FieldRead(pMod->pCallbacks) != slots ||
+               FieldRead(array->sequence) != sequence;
+    return found;
+}
+
+int NextListener(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy) {
+    bool changed;
+    int found = ScanSlots(pMod, from, funcIndex, copy, &changed);
+    if (changed) [[unlikely]] {
+        // Not tried again without the semaphore: its holder may have a lower priority.
+        const SemGuardT lock(callbackSemaphore);
+        found = ScanSlots(pMod, from, funcIndex, copy, &changed);
+    }
+    return found;
+}
+
+void RegisterModule(ModT* pMod) {
+    for (int i = 0; i < kModMaxModules; i++) {
+        ModT* none = nullptr;
+        if (gMods[i].load(std::memory_order_relaxed) == nullptr &&
+            gMods[i].compare_exchange_strong(none, pMod, std::memory_order_acq_rel)) {
+            numMods.fetch_add(1, std::memory_order_relaxed);
+            int end = gTableEnd.load(std::memory_order_relaxed);
+            while (end <= i && !gTableEnd.compare_exchange_weak(end, i + 1)) {
+            }
+            return;
+        }
+    }
+}
+
+template <typename FuncT>
+void SetDefault(FuncT** operation, FuncT* function) {
+    if (*operation == nullptr) {
+        *operation = function;
+    }
+}
+
+void FormatName(const ModT* pMod, char* text, size_t size) {
+    snprintf(text, size, "%s[%d]", pMod->name, pMod->instance);
+}
+
+}  // namespace
+
+void ModReportBad(const ModT* pMod) {
+    printf("ERROR, bad module ptr 0x%x\n", shown_address(pMod));
+    OsAssertFailed("pMod->initializedSig == kModSignature", "Common/framework/mod.cpp", __LINE__,
+                   __func__);
+}
+
+int ModTableEnd() {
+    return gTableEnd.load(std::memory_order_acquire);
+}
+
+UInt32 ModSelf() {
+    UInt32 self = 0;
+    t_ident(nullptr, 0, &self);
+    return self;
+}
+
+eErrorT ModInit(ModT* pMod, const char* pName, int instance, void* pOwner) {
+    ModAssert(pMod);
+    ModAssert(pName);
+    pMod->instance = instance;
+    pMod->pOwner = static_cast<ModT*>(pOwner);
+    const size_t length = strnlen(pName, kModNameLen);
+    memmove(pMod->name, pName, length);
+    pMod->name[length] = '\0';
+    FormatName(pMod, pMod->fullname, sizeof(pMod->fullname));
+    pMod->initializedSig = kModSignature;
+    pMod->taskID = ModSelf();
+    if (pMod->processorNum == 0) {
+        pMod->processorNum = GetProcessorNum();
+    }
+    FieldWrite(pMod->numCallbacks, 0);
+    FieldWrite(pMod->pCallbacks, nullptr);
+    pMod->Exit = ModExit;
+    pMod->Dump = ModDump;
+    pMod->DumpHeading = ModDumpHeading;
+    SetDefault(&pMod->CallCallbacks, ModCallCallbacks);
+    SetDefault(&pMod->ThrowException, ModThrowException);
+    SetDefault(&pMod->SetOwner, ModSetOwner);
+    SetDefault(&pMod->GetOwner, ModGetOwner);
+    SetDefault(&pMod->DebugCmd, ModDummyDebugCmd);
+    ModSetUp();
+    RegisterModule(pMod);
+    FieldSetBits(pMod->flags, kModFlagRegistered);
+    return kNoError;
+}
+
+eErrorT ModExit(ModT* pMod) {
+    ModCheck(pMod);
+    ModDeleteAllCallbacks(pMod);
+    for (int i = 0; i < ModTableEnd(); i++) {
+        ModT* expected = pMod;
+        if (gMods[i].load(std::memory_order_relaxed) == pMod &&
+            gMods[i].compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel)) {
+            numMods.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+    FieldClearBits(pMod->flags, kModFlagRegistered);
+    return kNoError;
+}
+
+UInt32 ModID(ModT* pMod) {
+    ModCheck(pMod);
+    return pMod->id;
+}
+
+UInt32 ModGetProcNum(ModT* pMod) {
+    ModCheck(pMod);
+    return pMod->processorNum;
+}
+
+ModT* ModGetOwner(ModT* pMod) {
+    ModCheck(pMod);
+    return pMod->pOwner;
+}
+
+eErrorT ModSetOwner(ModT* pMod, ModT* pOwner) {
+    ModCheck(pMod);
+    pMod->pOwner = pOwner;
+    return kNoError;
+}
+
+const char* ModName(ModT* pMod) {
+    if (pMod == nullptr) {
+        return "none";
+    }
+    // Written only when it changed: several tasks may ask for one module's name at once.
+    char text[sizeof(pMod->fullname)];
+    FormatName(pMod, text, sizeof(text));
+    if (strcmp(text, pMod->fullname) != 0) {
+        memcpy(pMod->fullname, text, sizeof(text));
+    }
+    return pMod->fullname;
+}
+
+ModT* ModFindByName(const char* pName, int instance) {
+    ModAssert(pName);
+    for (int i = 0; i < ModTableEnd(); i++) {
+        ModT* pMod = gMods[i].load(std::memory_order_acquire);
+        if (pMod != nullptr && (instance == kModAnyInstance || pMod->instance == instance) &&
+            strncasecmp(pMod->name, pName, kModNameLen) == 0) {
+            return pMod;
+        }
+    }
+    return nullptr;
+}
+
+eErrorT ModAddCallback(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void* userDefined,
+                       UInt32 whenFlags) {
+    return ModAddCallbackCommon(pMod, funcIndex, pFunc, userDefined, whenFlags, 0);
+}
+
+eErrorT ModAddCallbackToTask(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
+                             void* userDefined, UInt32 whenFlags, UInt32 taskID) {
+    return ModAddCallbackCommon(pMod, funcIndex, pFunc, userDefined, whenFlags, taskID);
+}
+
+eErrorT ModAddExceptionHandler(ModT* pMod, CallbackFuncPtrT pFunc, void* userDefined) {
+    return ModAddCallback(pMod, kModExceptionIndex, pFunc, userDefined, kModCallbackDeferred);
+}
+
+eErrorT ModDeleteCallback(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void* userDefined) {
+    ModCheck(pMod);
+    ModAssert(pFunc);
+    const SemGuardT lock(callbackSemaphore);
+    const int index = FindSlot(pMod, [&](const ModCallbackT& slot) {
+        return SameCallback(slot, funcIndex, pFunc, userDefined);
+    });
+    if (index < 0) {
+        return kItemNotFound;
+    }
+    SlotArrayT* array = ArrayOf(pMod->pCallbacks);
+    const ArrayChangeT change(array);
+    WriteSlot(&pMod->pCallbacks[index], {});
+    int end = array->end;
+    while (end > 0 && pMod->pCallbacks[end - 1].pFunc == nullptr) {
+        end--;
+    }
+    FieldWrite(array->end, end);
+    return kNoError;
+}
+
+eErrorT ModDeleteExceptionHandler(ModT* pMod, CallbackFuncPtrT pFunc, void* userDefined) {
+    return ModDeleteCallback(pMod, kModExceptionIndex, pFunc, userDefined);
+}
+
+eErrorT ModDeleteAllCallbacks(ModT* pMod) {
+    ModCheck(pMod);
+    const SemGuardT lock(callbackSemaphore);
+    ModCallbackT* slots = pMod->pCallbacks;
+    FieldWrite(pMod->numCallbacks, 0);
+    FieldWrite(pMod->pCallbacks, nullptr);
+    RetireArray(slots);
+    return kNoError;
+}
+
+eErrorT ModCallCallbacks(ModT* pMod, UInt32 funcIndex, void* pArgs, int argLen) {
+    ModCheck(pMod);
+    UInt32 self;
+    if (t_ident(nullptr, 0, &self) != kTaskOk) {
+        return kItemNotFound;
+    }
+    ModCallbackT slot;
+    for (int i = NextListener(pMod, 0, funcIndex, &slot); i >= 0;
+         i = NextListener(pMod, i + 1, funcIndex, &slot)) {
+        if ((slot.whenFlags & kModCallbackDeferred) == 0 || slot.destTaskID == self) {
+            slot.pFunc(pMod, funcIndex, slot.userDefined, pArgs);
+        } else {
+            ModDeferCallback(slot, pMod, funcIndex, pArgs, argLen);
+        }
+    }
+    return kNoError;
+}
+
+eErrorT ModThrowException(ModT* pMod, UInt32 ExceptionIndex, const char* description, void* pArgs,
+                          int argLen) {
+    ModCheck(pMod);
+    ModAssert(ExceptionIndex < sizeof(ModExceptionString) / sizeof(ModExceptionString[0]));
+    ModTrace(pMod, "exception:%s (%s)\n", ModExceptionString[ExceptionIndex],
+             description != nullptr ? description : "");
+    ModCallCallbacks(pMod, kModExceptionIndex, pArgs, argLen);
+    return kNoError;
+}
+
+eErrorT ModDummyDebugCmd(ModT* pMod, char*) {
+    ModAssert(pMod);
+    return kNoError;
+}

@@ -1,0 +1,24 @@
+// What the source files of the message service share among themselves.
+#pragma once
+
+#include "Common/OS/types.h"
+#include "Common/framework/address.h"
+#include "Common/framework/message.h"
+
+// How many aliases and scripts led to what the calling task is doing.
+extern thread_local UInt32 gMsgNesting;
+
+// Sets that number for a scope.
+class MsgNestingT {
+  public:
+    explicit MsgNestingT(UInt32 nesting) : before_(gMsgNesting) { gMsgNesting = nesting; }
+    ~MsgNestingT() { gMsgNesting = before_; }
+    MsgNestingT(const MsgNestingT&) = delete;
+    MsgNestingT& operator=(const MsgNestingT&) = delete;
+
+  private:
+    UInt32 before_;
+};
+
+// Whether an alias or a script may begin here; prints that it may not.
+bool MsgMayNest(const char* what, const char* name);

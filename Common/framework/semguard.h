@@ -1,0 +1,50 @@
+// Scopes that the framework's own locks are held for. Cancellation is held off meanwhile, so that a
+// task that is deleted leaves no list or pool half changed; what is guarded is short and calls no
+// user function. Any thread may use them.
+#pragma once
+
+#include <pthread.h>
+
+#include "Common/OS/linux/semaphores.h"
+#include "Common/OS/types.h"
+
+// Holds off the calling thread's cancellation for a scope.
+class NoCancelT {
+  public:
+    NoCancelT() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~NoCancelT() {
+        int ignored;
+        pthread_setcancelstate(before_, &ignored);
+    }
+    NoCancelT(const NoCancelT&) = delete;
+    NoCancelT& operator=(const NoCancelT&) = delete;
+
+  private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// Holds a semaphore for a scope, waiting for it at the start (with kSmNoWait: only if it is free).
+class SemGuardT {
+  public:
+    explicit SemGuardT(UInt32 smid, UInt32 opt = 0) : smid_(smid) {
+        held_ = sm_p(smid, opt, 0) == kSmOk;
+    }
+    ~SemGuardT() { Release(); }
+    SemGuardT(const SemGuardT&) = delete;
+    SemGuardT& operator=(const SemGuardT&) = delete;
+
+    // False when the semaphore does not exist, or was taken and is not waited for.
+    bool Held() const { return held_; }
+
+    void Release() {
+        if (held_) {
+            held_ = false;
+            sm_v(smid_);
+        }
+    }
+
+  private:
+    NoCancelT no_cancel_;
+    UInt32 smid_;
+    bool held_;
+};
