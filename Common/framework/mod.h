@@ -131,8 +131,10 @@ typedef struct ModDeferredFuncS {
     void* userDefined;
     UInt32 time;                                 // milliseconds at queueing
     alignas(8) unsigned char args[kModMaxArgs];  // a copy of the caller's
-    DeferredStageT stage;                        // private
-    UInt32 serial;                               // private: which use of the block this is
+    // Private to the service:
+    DeferredStageT stage;
+    UInt32 serial;       // which use of the block this is
+    UInt32 incarnation;  // which use of the task's id
 } ModDeferredFuncT;
 
 typedef struct ModDeferredCallbackS {
@@ -142,8 +144,10 @@ typedef struct ModDeferredCallbackS {
     UInt32 funcIndex;
     UInt32 time;
     alignas(8) unsigned char args[kModMaxArgs];
-    DeferredStageT stage;  // private
-    UInt32 serial;         // private
+    // Private, as above:
+    DeferredStageT stage;
+    UInt32 serial;
+    UInt32 incarnation;
 } ModDeferredCallbackT;
 
 // Deferred-call statistics of one task, in milliseconds.

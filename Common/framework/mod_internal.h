@@ -40,6 +40,10 @@ void ModDeferCallback(const ModCallbackT& slot, ModT* pMod, UInt32 funcIndex, co
                       int argLen);
 void ModSetUpCallbacks();
 
+// Milliseconds since start after which deferred calls are counted: the rush at start-up is not.
+// Set by tests only.
+extern UInt32 gModStatsAfter;
+
 // Whom a pool waits for: the task of its oldest pending block.
 struct ModOldestT {
     UInt32 taskID;

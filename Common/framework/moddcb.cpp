@@ -52,7 +52,8 @@ void ReclaimCallbacks() {
     int left = ListLenUnprot(&gPendDeferredCallbackList);
     for (ListT* at = gPendDeferredCallbackList; left > 0; left--) {
         ListT* next = at->next;
-        if (t_exists(CallbackOf(at)->callback.destTaskID) == 0) {
+        const ModDeferredCallbackT* block = CallbackOf(at);
+        if (t_incarnation(block->callback.destTaskID) != block->incarnation) {
             ListExtractUnprot(&gPendDeferredCallbackList, at);
             FreeCallback(CallbackOf(at));
         }
@@ -81,10 +82,12 @@ class CallbackPassT {
 
 CallbackPassT::CallbackPassT(UInt32 self) {
     const SemGuardT lock(deferredCallbackRegion);
+    const UInt32 incarnation = t_incarnation(0);
     int left = ListLenUnprot(&gPendDeferredCallbackList);
     for (ListT* at = gPendDeferredCallbackList; left > 0; left--) {
         ListT* next = at->next;
-        if (CallbackOf(at)->callback.destTaskID == self) {
+        const ModDeferredCallbackT* block = CallbackOf(at);
+        if (block->callback.destTaskID == self && block->incarnation == incarnation) {
             ListExtractUnprot(&gPendDeferredCallbackList, at);
             CallbackOf(at)->stage = kDeferredTaken;
             ListEnqueueUnprot(&work_, at);
@@ -171,6 +174,7 @@ bool Queue(const CallbackHeaderT& header, const void* pArgs, size_t length, Tick
     block->pMod = header.pMod;
     block->funcIndex = header.funcIndex;
     block->time = header.time;
+    block->incarnation = t_incarnation(header.callback.destTaskID);
     if (pArgs != nullptr) {
         memcpy(block->args, pArgs, length);
     }

@@ -26,16 +26,16 @@ std::atomic<char> gFreeDeferredFuncsLowWaterMarkPassed{0};
 DFStatsT DFStats[kModNumDFStats];
 std::atomic<int> DFCListMax{0};
 UInt32 deferredFuncRegion;
+UInt32 gModStatsAfter = 20000;
 
 namespace {
 
-constexpr int kFuncsLow = 48;          // free blocks at which the pool is reported low
-constexpr int kFuncsRecovered = 95;    // more than these free: no longer low
-constexpr UInt32 kStatsAfter = 20000;  // ms since start; the start-up rush is not counted
-constexpr UInt32 kLongDelay = 1000;    // ms
-constexpr UInt32 kLongRun = 1500;      // ms
-constexpr UInt32 kFirstWait = 10;      // ticks to wait for a block
-constexpr UInt32 kLastWait = 50;       // ticks for the log to come out before the end
+constexpr int kFuncsLow = 48;        // free blocks at which the pool is reported low
+constexpr int kFuncsRecovered = 95;  // more than these free: no longer low
+constexpr UInt32 kLongDelay = 1000;  // ms
+constexpr UInt32 kLongRun = 1500;    // ms
+constexpr UInt32 kFirstWait = 10;    // ticks to wait for a block
+constexpr UInt32 kLastWait = 50;     // ticks for the log to come out before the end
 constexpr UInt32 kPollMicroseconds = 200;
 
 pthread_once_t gSetUpOnce = PTHREAD_ONCE_INIT;
@@ -103,14 +103,13 @@ void FreeFunc(ModDeferredFuncT* block) {
     gFreeDeferredFuncsAvailable.fetch_add(1, std::memory_order_relaxed);
 }
 
-// Frees the pending blocks whose task went without serving them (it was deleted before it ever
-// ran).
+// Frees the pending blocks whose task went without serving them: it was deleted before it ever ran.
 void ReclaimFuncs() {
     const SemGuardT lock(deferredFuncRegion);
     int left = ListLenUnprot(&gPendDeferredFuncList);
     for (ListT* at = gPendDeferredFuncList; left > 0; left--) {
         ListT* next = at->next;
-        if (t_exists(FuncOf(at)->taskID) == 0) {
+        if (t_incarnation(FuncOf(at)->taskID) != FuncOf(at)->incarnation) {
             ListExtractUnprot(&gPendDeferredFuncList, at);
             FreeFunc(FuncOf(at));
         }
@@ -162,7 +161,7 @@ struct TicketT {
 };
 
 void CountQueued(UInt32 taskID, UInt32 now) {
-    if (now > kStatsAfter) {
+    if (now > gModStatsAfter) {
         DFStatsT* stats = StatsOf(taskID, true);
         if (stats != nullptr) {
             stats->eventTime = now;
@@ -185,6 +184,7 @@ QueuedT Queue(const FuncRequestT& request, TicketT* ticket) {
     block->pFunc = request.pFunc;
     block->userDefined = request.userDefined;
     block->taskID = request.taskID;
+    block->incarnation = t_incarnation(request.taskID);
     block->time = now;
     if (request.pArgs != nullptr) {
         memcpy(block->args, request.pArgs, request.length);
@@ -288,11 +288,14 @@ UInt32 FuncPassT::Delay() {
 UInt32 FuncPassT::Collect(ListCompareFuncPtrT pCompareFunc, void* u1, void* u2) {
     const SemGuardT lock(deferredFuncRegion);
     const UInt32 delay = Delay();
+    const UInt32 incarnation = t_incarnation(0);
     int left = ListLenUnprot(&gPendDeferredFuncList);
     int answer = 0;
     for (ListT* at = gPendDeferredFuncList; left > 0 && (answer & kModSearchStop) == 0; left--) {
         ListT* next = at->next;
-        answer = FuncOf(at)->taskID == self_ ? pCompareFunc(at, u1, u2) : 0;
+        const ModDeferredFuncT* block = FuncOf(at);
+        const bool own = block->taskID == self_ && block->incarnation == incarnation;
+        answer = own ? pCompareFunc(at, u1, u2) : 0;
         if ((answer & kModSearchTake) != 0) {
             ListExtractUnprot(&gPendDeferredFuncList, at);
             FuncOf(at)->stage = kDeferredTaken;

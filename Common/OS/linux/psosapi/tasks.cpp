@@ -74,6 +74,7 @@ void Reset(TCB* tcb, const SInt8* name, UInt32 priority) {
     tcb->mode = tcb->event_mask = tcb->events_pending = 0;
     tcb->refcon.store(0, std::memory_order_relaxed);
     tcb->events_captured.store(0, std::memory_order_relaxed);
+    tcb->incarnation.fetch_add(1, std::memory_order_relaxed);
     tcb->closed.store(false, std::memory_order_relaxed);
     tcb->thread = pthread_t{};
     tcb->prv_pri = {};
@@ -489,6 +490,11 @@ void t_close() {
 Boolean t_is_open(UInt32 tid) {
     const TCB* tcb = t_resolve(tid);
     return tcb != nullptr && !tcb->closed.load(std::memory_order_acquire) ? 1 : 0;
+}
+
+UInt32 t_incarnation(UInt32 tid) {
+    const TCB* tcb = t_resolve(tid);
+    return tcb != nullptr ? tcb->incarnation.load(std::memory_order_acquire) : 0;
 }
 
 int get_sched_policy() {

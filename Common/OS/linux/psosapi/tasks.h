@@ -64,8 +64,9 @@ typedef struct _TCB {
     struct _TCB* next;  // list of all tasks, in creation order
     // Private to the service:
     std::atomic<TaskLifeT> life;
-    std::atomic<bool> closed;  // takes no more events
-    bool attached;             // the thread was not made by t_start
+    std::atomic<UInt32> incarnation;  // counts the uses of the block
+    std::atomic<bool> closed;         // takes no more events
+    bool attached;                    // the thread was not made by t_start
     bool sync_made;  // event_mutex and event_cond exist; they are kept while the block is free
 } TCB;
 
@@ -120,6 +121,10 @@ void t_close();
 
 // 1 while `tid` names a task that takes events (0 = self), else 0. Does not block.
 Boolean t_is_open(UInt32 tid);
+
+// Which use of the id this is (0 = self): ids are used again, and a number differs from those of
+// the tasks that had the id before. 0 for an id that is no task. Does not block.
+UInt32 t_incarnation(UInt32 tid);
 
 // The scheduling policy of tasks with a non-zero priority: 0 (time-sharing) unless set.
 int get_sched_policy();
