@@ -50,7 +50,7 @@ void SetRate(benchmark::State& state) {
 
 void Memcpy(benchmark::State& state, const Bytes& block) {
     Bytes copy(static_cast<std::size_t>(LinkFrameBound(kBlock)));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         std::memcpy(copy.data(), block.data(), block.size());
         benchmark::DoNotOptimize(copy.data());
         benchmark::ClobberMemory();
@@ -61,7 +61,7 @@ void Memcpy(benchmark::State& state, const Bytes& block) {
 void Framing(benchmark::State& state, const Bytes& block) {
     Bytes frame(static_cast<std::size_t>(LinkFrameBound(kBlock)));
     int size = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         frame[0] = 0;  // as the senders do
         buildHarborToKestrelMsg(HARBOR_KESTREL_MESSAGE_TYPE_REFLASH_OVERLOOK_CAMERA, kBlock,
                                 block.data(), &size, frame.data());
@@ -74,7 +74,7 @@ void Framing(benchmark::State& state, const Bytes& block) {
 // What processors without a version of their own do.
 void StuffingByWords(benchmark::State& state, const Bytes& block) {
     Bytes frame(static_cast<std::size_t>(LinkFrameBound(kBlock)));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         UInt32 sum = 0;
         benchmark::DoNotOptimize(StuffBytesByWords(block.data(), block.size(), frame.data(), &sum));
         benchmark::ClobberMemory();

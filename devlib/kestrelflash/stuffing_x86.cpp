@@ -24,8 +24,13 @@ TARGET_WIDE std::size_t StuffHalf(const unsigned char* from, unsigned char* to) 
     const __m512i wide = _mm512_cvtepu8_epi16(bytes);
     const __m512i first = _mm512_min_epu16(wide, _mm512_set1_epi16(0xFE));
     const __m512i second = _mm512_and_si512(_mm512_slli_epi16(wide, 8), _mm512_set1_epi16(0x100));
+    const __m512i both = _mm512_or_si512(first, second);
+    if (pairs == 0xFFFFFFFF) {  // erased flash: nothing to squeeze out
+        _mm512_storeu_si512(to, both);
+        return 2 * kHalf;
+    }
     const __mmask64 kept = 0x5555555555555555 | _pdep_u64(pairs, 0xAAAAAAAAAAAAAAAA);
-    _mm512_storeu_si512(to, _mm512_maskz_compress_epi8(kept, _mm512_or_si512(first, second)));
+    _mm512_storeu_si512(to, _mm512_maskz_compress_epi8(kept, both));
     return kHalf + static_cast<std::size_t>(__builtin_popcount(pairs));
 }
 

