@@ -9,6 +9,7 @@
 #include "tools/kestrelwatch/bar.h"
 #include "tools/kestrelwatch/lines.h"
 #include "tools/kestrelwatch/model.h"
+#include "tools/kestrelwatch/presses.h"
 
 namespace watch {
 namespace {
@@ -204,6 +205,21 @@ TEST(WatchBar, NeverReachesTheLastColumn) {
     EXPECT_EQ(RenderBar(sight, 50), "[====>         ]  42 %  1:02:03  camera firmwa...");
     EXPECT_EQ(RenderBar({100, 7000, 0, "x", ""}, 31), "[========] 100 %  0:07  x");
     EXPECT_EQ(RenderBar({0, 0, 0, "x", "note"}, 31), "[        ]   0 %  0:00  note");
+}
+
+TEST(WatchPresses, OneAloneOrAHeldKeyNeverCounts) {
+    Presses presses(3000);
+    EXPECT_EQ(presses.Press(10000), PressT::kFirst);
+    EXPECT_FALSE(presses.Expired(12999));
+    EXPECT_TRUE(presses.Expired(13000));
+    EXPECT_FALSE(presses.Expired(13001));
+    EXPECT_EQ(presses.Press(20000), PressT::kFirst);
+    EXPECT_EQ(presses.Press(23000), PressT::kFirst);  // too late for a second one
+    for (int ms = 23600; ms < 25000; ms += 33) {
+        EXPECT_EQ(presses.Press(ms), PressT::kTooFast);
+    }
+    EXPECT_EQ(presses.Press(25900), PressT::kCounts);
+    EXPECT_EQ(presses.Press(25901), PressT::kCounts);
 }
 
 }  // namespace

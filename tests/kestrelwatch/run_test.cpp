@@ -178,17 +178,18 @@ TEST(WatchRun, AReaderThatStandsStillDoesNotHoldTheUpdater) {
     for (int i = 0; i < 2000; i++) {
         ASSERT_EQ(session.output.substr(size_t{1024} * static_cast<size_t>(i), 12), LineStart(i));
     }
-    EXPECT_EQ(session.output.substr(2000 * 1024, 17), "percentdone: [1]\n");
+    EXPECT_EQ(session.output.substr(size_t{2000} * 1024, 17), "percentdone: [1]\n");
 }
 
 TEST(WatchRun, OneInterruptWarnsAndTwoInterrupt) {
     const Folder folder;
-    for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
+    for (const int number : {SIGINT, SIGTERM}) {
         Session session(kPipes, {"--confirm", "600"}, {"say:on", "wait:never"});
         EXPECT_TRUE(session.Sees("on\n"));
         session.Signal(number);
         EXPECT_TRUE(session.Sees("without working firmware"));
-        EXPECT_TRUE(session.Sees("again within 600 seconds"));
+        EXPECT_TRUE(session.Sees("but within 600 seconds"));
+        usleep(1000000);
         session.Signal(number);
         EXPECT_TRUE(session.Sees("on to the updater"));
         EXPECT_EQ(session.End(), 128 + number);
@@ -201,7 +202,7 @@ TEST(WatchRun, AnInterruptThatIsNotRepeatedInTimeIsForgotten) {
     EXPECT_TRUE(session.Sees("on\n"));
     for (int i = 0; i < 2; i++) {
         session.Signal(SIGINT);
-        EXPECT_TRUE(session.Sees("again within 0.1 seconds"));
+        EXPECT_TRUE(session.Sees("within 0.1 seconds"));
         EXPECT_TRUE(session.Sees("not interrupted"));
     }
     folder.Touch("go");

@@ -115,7 +115,7 @@ OptionsT ParseOptions(int argc, const char* const* argv) {
     app.add_option("--stall", stall, "Warn when nothing has moved for so long; 0: never")
         ->type_name("SECONDS")
         ->capture_default_str();
-    app.add_option("--confirm", confirm, "Time for the second Ctrl-C that interrupts")
+    app.add_option("--confirm", confirm, "Time for the second Ctrl-C, which interrupts")
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_flag("--plain", options.plain, "Lines instead of a bar, on a terminal too");

@@ -162,16 +162,20 @@ void Watcher::HandleSignals() {
 }
 
 void Watcher::Press(int number) {
-    if (presses_.Press(NowMs())) {
+    const PressT press = presses_.Press(NowMs());
+    if (press == PressT::kCounts) {
         screen_.Say(std::string("passing signal ") + std::to_string(number) + " (" +
                     strsignal(number) + ") on to the updater.");
         updater_.Signal(number);
+    }
+    if (press != PressT::kFirst) {
         return;
     }
     screen_.Say(
         "an interrupted flash can leave the unit without working firmware; the update goes on.");
-    char text[80];
-    snprintf(text, sizeof(text), "to interrupt it all the same, do that again within %g seconds.",
+    char text[120];
+    snprintf(text, sizeof(text),
+             "to interrupt it all the same, do that again, not at once but within %g seconds.",
              static_cast<double>(options_.confirmMs) / 1000);
     screen_.Say(text);
 }
