@@ -41,6 +41,7 @@ constexpr int kLevelWidth = 6;         // columns of the level field, first in a
 constexpr int kEchoFacility = 64;
 
 std::atomic<bool> gReadSideTaken{false};
+std::atomic<bool> gWriterCalled{false};  // an event is on its way for what is in the queue
 thread_local bool tInOwnCalls;
 
 std::atomic<int> LogFile{-1};
@@ -322,7 +323,9 @@ int syslogAdd(const char* msg, int msglen) {
             }
             put = Put(msg, length < INT_MAX ? static_cast<int>(length) + 1 : INT_MAX);
         }
-        if (const UInt32 task = logTaskID.load(std::memory_order_acquire)) {
+        const UInt32 task = logTaskID.load(std::memory_order_acquire);
+        // One event serves all lines queued before the writer looks: it takes the mark down first.
+        if (task != 0 && !gWriterCalled.exchange(true, std::memory_order_acq_rel)) {
             ev_send(task, kWriterEvent);
         }
     }
@@ -333,6 +336,7 @@ int syslogAdd(const char* msg, int msglen) {
 }
 
 int syslogDrainQueue() {
+    gWriterCalled.exchange(false, std::memory_order_acq_rel);
     while (DrainOne()) {
     }
     fflush(stdout);
