@@ -22,7 +22,7 @@ class LogFixtureT : public testing::Test {
     std::string Printed() {
         syslogDrainQueue();
         const std::string text = out_.Text();
-        const std::string fresh = text.substr(seen_);
+        std::string fresh = text.substr(seen_);
         seen_ = text.size();
         return fresh;
     }

@@ -112,14 +112,14 @@ TEST_F(Traces, DefaultsLeaveACategoryOrTheHeaderBehind) {
 
 TEST_F(Traces, TheHeaderFormatDisagreesWithItsWidth) {
     const struct {
-        UInt8 shown[3];
         const char* format;
         int width;
+        int shown[3];
     } cases[] = {
-        {{4, 4, 4}, "%- 13.13s%- 2.2s%- 15.15s", 30},
-        {{0, 4, 0}, "%s%- 2.2s%s", 2},
-        {{4, 0, 4}, "%- 13.13s%s%- 15.15s", 28},
-        {{0, 0, 0}, "%s%s%s", 0},
+        {"%- 13.13s%- 2.2s%- 15.15s", 30, {4, 4, 4}},
+        {"%s%- 2.2s%s", 2, {0, 4, 0}},
+        {"%- 13.13s%s%- 15.15s", 28, {4, 0, 4}},
+        {"%s%s%s", 0, {0, 0, 0}},
     };
     for (const auto& c : cases) {
         for (int i = 0; i < 3; i++) {
