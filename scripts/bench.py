@@ -1,0 +1,167 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks of a build and prints their figures beside their goals, as the tables of
+docs/BENCHMARKS.md. Usage: bench.py BINDIR [--write]; --write also renews that page.
+
+Every figure is the median of five repetitions of one run. A peer's figure comes from the same
+process as ours."""
+import json
+import pathlib
+import platform
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+
+# One row: what it is, our benchmark, the peer's (or None), how they are compared, the goal.
+#   "ratio": our time / peer's time, at most the goal
+#   "rate":  our bytes per second / peer's, at least the goal
+#   "times": peer's time / our time, at least the goal
+#   "ns":    our time in nanoseconds, at most the goal
+#   "shown": our time, without a goal
+TABLES = [
+    ("Framing, one camera block", "bench_framing", [
+        ("ordinary firmware bytes beside memcpy", "framing/ordinary", "memcpy/ordinary", "rate", 0.25),
+        ("erased flash, all 0xFF", "framing/all_ff", "memcpy/all_ff", "rate", 0.25),
+        ("zeros", "framing/zeros", "memcpy/zeros", "rate", 0.25),
+        ("machine code", "framing/machine_code", "memcpy/machine_code", "rate", None),
+        ("ordinary bytes, portable stuffing (the board's)", "stuffing_by_words/ordinary",
+         "memcpy/ordinary", "rate", None),
+    ]),
+    ("Operating-system services", "bench_os", [
+        ("event there and back beside a bare mutex and condition", "EventRoundTrip/real_time",
+         "BareRoundTrip/real_time", "ratio", 1.15),
+        ("the same beside a pair of eventfds", "EventRoundTrip/real_time",
+         "EventfdRoundTrip/real_time", "ratio", None),
+        ("the same with a time-out armed, beside the bare pair",
+         "EventRoundTripWithTimeOut/real_time", "BareRoundTrip/real_time", "ratio", None),
+        ("sm_p, sm_v beside a mutex with priority inheritance", "Semaphore/real_time",
+         "MutexPriorityInheritance/real_time", "ratio", 1.1),
+        ("the same beside a default mutex", "Semaphore/real_time", "MutexDefault/real_time",
+         "ratio", None),
+        ("the same, two threads at once, beside priority inheritance",
+         "Semaphore/real_time/threads:2", "MutexPriorityInheritance/real_time/threads:2", "ratio",
+         None),
+        ("interruptsOff, interruptsRestore", "InterruptsOff", None, "shown", None),
+        ("the same, nested", "InterruptsOffNested", None, "shown", None),
+        ("timer dispatch, 1 armed", "TimerDispatch/1", None, "shown", None),
+        ("timer dispatch, 10 armed", "TimerDispatch/10", None, "shown", None),
+        ("timer dispatch, 50 armed", "TimerDispatch/50", None, "shown", None),
+        ("timer dispatch, 50 due at once", "TimerDispatchAllDue/50", None, "shown", None),
+        ("task create, start, delete beside create, cancel, join",
+         "TaskCreateStartDelete/real_time", "ThreadCreateCancelJoin/real_time", "ratio", None),
+    ]),
+    ("Log", "bench_log", [
+        ("a line, one producer, beside spdlog's asynchronous logger",
+         "LogLine/producers:1/iterations:500/manual_time",
+         "SpdlogAsyncLine/producers:1/iterations:500/manual_time", "ratio", 1.0),
+        ("a line, four producers, beside the same",
+         "LogLine/producers:4/iterations:500/manual_time",
+         "SpdlogAsyncLine/producers:4/iterations:500/manual_time", "ratio", 1.0),
+        ("logger()", "EventLogger", None, "ns", 100),
+        ("logger() beside a bare clock read", "EventLogger", "BareClock", "ratio", None),
+    ]),
+]
+
+UPDATE_ROWS = [
+    ("use of the line's time, paced at 115200 baud", "line_use", "{:.1%}", "at least 98 %",
+     lambda v: v >= 0.98),
+    ("start of the process to its first byte", "first_byte_ms", "{:.1f} ms", "under 10 ms",
+     lambda v: v < 10),
+    ("peak resident memory while updating", "peak_kb", "{:.0f} kB", "under 4096 kB",
+     lambda v: v < 4096),
+]
+
+UNITS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def medians(program):
+    """Benchmark name -> its median record, with times in nanoseconds."""
+    out = subprocess.run(
+        [program, "--benchmark_format=json", "--benchmark_repetitions=5",
+         "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.1"],
+        check=True, capture_output=True, text=True).stdout
+    result = {}
+    for record in json.loads(out[out.index("{"):])["benchmarks"]:
+        if record.get("aggregate_name") == "median":
+            record["ns"] = record["real_time"] * UNITS[record["time_unit"]]
+            result[re.sub(r"/repeats:\d+", "", record["run_name"])] = record
+    return result
+
+
+def time_text(ns):
+    for limit, divisor, unit in ((1e3, 1, "ns"), (1e6, 1e3, "µs"), (1e9, 1e6, "ms")):
+        if ns < limit:
+            return f"{ns / divisor:.3g} {unit}"
+    return f"{ns / 1e9:.3g} s"
+
+
+def row(found, what, ours, peer, kind, goal):
+    if ours not in found or (peer and peer not in found):
+        return f"| {what} | not measured | | | | |"
+    own, other = found[ours], found.get(peer)
+    if kind == "rate":
+        value = own["bytes_per_second"] / other["bytes_per_second"]
+        cells = (f"{own['bytes_per_second'] / 1e6:.0f} MB/s",
+                 f"{other['bytes_per_second'] / 1e6:.0f} MB/s", f"{value:.2f}")
+        met, wanted = value >= (goal or 0), f"at least {goal}"
+    elif kind == "times":
+        value = other["ns"] / own["ns"]
+        cells = (time_text(own["ns"]), time_text(other["ns"]), f"{value:.2f} times")
+        met, wanted = value >= (goal or 0), f"at least {goal} times"
+    elif kind == "ratio":
+        value = own["ns"] / other["ns"]
+        cells = (time_text(own["ns"]), time_text(other["ns"]), f"{value:.2f}")
+        met, wanted = goal is None or value <= goal, f"at most {goal}"
+    else:
+        cells = (time_text(own["ns"]), "", "")
+        met, wanted = goal is None or own["ns"] <= goal, f"at most {goal} ns"
+    if goal is None:
+        return f"| {what} | {cells[0]} | {cells[1]} | {cells[2]} | | |"
+    return f"| {what} | {cells[0]} | {cells[1]} | {cells[2]} | {wanted} | {'met' if met else 'missed'} |"
+
+
+def update_table(bindir):
+    out = subprocess.run([sys.executable, ROOT / "scripts/update_bench.py", bindir], check=True,
+                         capture_output=True, text=True).stdout
+    figures = json.loads(out)
+    lines = ["## A whole update", "",
+             f"Everything updated: {figures['wire_bytes']} bytes on the wire both ways, "
+             f"{figures['line_s']:.1f} s of pure line time at 11 bit times a byte, "
+             f"{figures['wall_s']:.1f} s in all, 12 s of which are designed pauses.", "",
+             "| figure | measured | goal | |", "|---|---|---|---|"]
+    for what, key, form, goal, met in UPDATE_ROWS:
+        value = figures[key]
+        lines.append(f"| {what} | {form.format(value)} | {goal} | {'met' if met(value) else 'missed'} |")
+    return lines + [""]
+
+
+def machine():
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    return f"{model.group(1) if model else platform.machine()}, {platform.system()} {platform.machine()}"
+
+
+def main():
+    bindir = pathlib.Path(sys.argv[1]).resolve()
+    lines = ["# Benchmarks", "",
+             "Made by `./run bench -- --write`. Every figure is the median of five repetitions; a peer's",
+             "figure comes from the same process. Ratios are what to compare: the machine that made this",
+             "page is shared and its speed drifts.", "", f"Machine: {machine()}.", ""]
+    lines += update_table(bindir)
+    for title, program, rows in TABLES:
+        if not (bindir / program).exists():
+            continue
+        found = medians(bindir / program)
+        lines += [f"## {title}", "", "| what | ours | peer | ratio | goal | |",
+                  "|---|---|---|---|---|---|"]
+        lines += [row(found, *r) for r in rows] + [""]
+    notes = ROOT / "docs/benchmark-notes.md"
+    if notes.exists():
+        lines += notes.read_text().splitlines()
+    page = "\n".join(lines).rstrip() + "\n"
+    print(page)
+    if "--write" in sys.argv:
+        (ROOT / "docs/BENCHMARKS.md").write_text(page)
+
+
+main()
