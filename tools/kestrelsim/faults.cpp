@@ -35,6 +35,7 @@ constexpr FaultName kFaultNames[] = {
     {"wrong-type", FaultKind::kWrongType, "value", "answer=device-type value=0x15",
      "a device-type reply that begins with another byte"},
     {"close", FaultKind::kClose, "at", "", "the line goes away after that many received bytes"},
+    {"hold", FaultKind::kHold, "at", "at=0", "no byte from the host is taken after that many"},
     {"silent", FaultKind::kSilent, "", "", "no answer from the matching one on"},
     {"slow-erase", FaultKind::kSlowErase, "ms", "answer=block block=0 ms=1000",
      "the answer to an image's first block that much later"},
@@ -105,6 +106,12 @@ json FromWords(const std::string& words, bool name_first) {
         item[word.substr(0, equals)] = word.substr(equals + 1);
     }
     return item;
+}
+
+// Whether the fault changes answers, and not the line or the unit's verdict.
+bool IsOfAnswers(FaultKind kind) {
+    return kind != FaultKind::kNack && kind != FaultKind::kClose && kind != FaultKind::kHold &&
+           kind != FaultKind::kSteadyNoise;
 }
 
 const FaultName& FindName(const json& item) {
@@ -250,8 +257,7 @@ std::vector<Piece> Faults::Shape(const Answer& answer) {
     bool dropped = false;
     std::string struck;
     for (Fault& fault : faults_) {
-        if (fault.kind == FaultKind::kNack || fault.kind == FaultKind::kClose ||
-            fault.kind == FaultKind::kSteadyNoise || !Matches(fault, answer.id)) {
+        if (!IsOfAnswers(fault.kind) || !Matches(fault, answer.id)) {
             continue;
         }
         fault.times -= fault.times > 0 ? 1 : 0;
@@ -283,22 +289,26 @@ std::vector<Piece> Faults::Shape(const Answer& answer) {
     return pieces;
 }
 
+const Fault* Faults::Find(FaultKind kind, UnitName unit) const {
+    const auto found = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& fault) {
+        return fault.kind == kind && fault.unit.value_or(unit) == unit;
+    });
+    return found == faults_.end() ? nullptr : &*found;
+}
+
 std::optional<int64_t> Faults::CloseAt(UnitName unit) const {
-    for (const Fault& fault : faults_) {
-        if (fault.kind == FaultKind::kClose && fault.unit.value_or(unit) == unit) {
-            return fault.at;
-        }
-    }
-    return std::nullopt;
+    const Fault* fault = Find(FaultKind::kClose, unit);
+    return fault != nullptr ? std::optional(fault->at) : std::nullopt;
+}
+
+std::optional<int64_t> Faults::HoldAt(UnitName unit) const {
+    const Fault* fault = Find(FaultKind::kHold, unit);
+    return fault != nullptr ? std::optional(fault->at) : std::nullopt;
 }
 
 std::optional<int> Faults::SteadyNoise(UnitName unit) const {
-    for (const Fault& fault : faults_) {
-        if (fault.kind == FaultKind::kSteadyNoise && fault.unit.value_or(unit) == unit) {
-            return std::max(1, fault.ms);
-        }
-    }
-    return std::nullopt;
+    const Fault* fault = Find(FaultKind::kSteadyNoise, unit);
+    return fault != nullptr ? std::optional(std::max(1, fault->ms)) : std::nullopt;
 }
 
 Bytes Faults::Noise(int count) {

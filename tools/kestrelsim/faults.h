@@ -26,6 +26,7 @@ enum class FaultKind {
     kNack,         // NACK for a block
     kWrongType,    // a device-type reply that begins with `value`
     kClose,        // the line goes away when `at` bytes have been received
+    kHold,         // the host's writes are held when `at` bytes have been received
     kSilent,       // no answer from here on
     kSlowErase,    // the answer to an image's first block `ms` later
     kSteadyNoise,  // one byte each `ms` from the first message on
@@ -75,6 +76,9 @@ class Faults {
     // After how many received bytes the unit's line goes away.
     std::optional<int64_t> CloseAt(UnitName unit) const;
 
+    // After how many received bytes the host's writes are held.
+    std::optional<int64_t> HoldAt(UnitName unit) const;
+
     // Milliseconds between two bytes of steady noise.
     std::optional<int> SteadyNoise(UnitName unit) const;
 
@@ -83,6 +87,7 @@ class Faults {
 
   private:
     void AddItem(const nlohmann::json& item);
+    const Fault* Find(FaultKind kind, UnitName unit) const;
     static bool Matches(const Fault& fault, const AnswerId& id);
     void ShapeBytes(const Fault& fault, Bytes* bytes, Bytes* noise, int* delay_ms);
 

@@ -46,6 +46,9 @@ class Line {
     // to it is lost.
     Bytes HostLeft(size_t limit);
 
+    // The line goes away under the host. Nothing else may follow.
+    void HangUp() { terminal_.HangUp(); }
+
     // Whether an attached line has come to its end.
     bool ended() const { return ended_; }
 

@@ -20,7 +20,9 @@ struct Simulator::Port {
     std::optional<UnitName> name;
     std::unique_ptr<Unit> unit;
     std::unique_ptr<Line> line;  // null once it is gone
+    std::unique_ptr<Line> gone;  // kept, so that a closing that is seen is the host's
     int64_t bytes_left = INT64_MAX;
+    int64_t bytes_to_hold = INT64_MAX;
     std::multimap<Nanos, Piece> scheduled;
     std::optional<int> noise_ms;
     Nanos next_noise = kNever;
@@ -47,6 +49,7 @@ void Simulator::AddPort(int number, const SimulatorOptions& options) {
         port->name = number == 0 ? UnitName::kCamera : UnitName::kMicro;
         port->unit = MakeUnit(*port->name);
         port->bytes_left = faults_->CloseAt(*port->name).value_or(INT64_MAX);
+        port->bytes_to_hold = faults_->HoldAt(*port->name).value_or(INT64_MAX);
         port->noise_ms = faults_->SteadyNoise(*port->name);
     }
     const auto attached = options.attach.find(number);
@@ -59,6 +62,9 @@ void Simulator::AddPort(int number, const SimulatorOptions& options) {
         Terminal terminal = Terminal::MakePseudo();
         nodes_.Link(number, terminal.path());
         port->line = std::make_unique<Line>(std::move(terminal), timing);
+    }
+    if (port->bytes_to_hold == 0) {
+        port->line->terminal().HoldHost(true);
     }
     ports_.push_back(std::move(port));
 }
@@ -152,6 +158,7 @@ void Simulator::Serve(Port* port, Nanos now) {
     }
     Receive(port, port->line->Receive(now, static_cast<size_t>(port->bytes_left)), now);
     if (port->bytes_left == 0) {
+        EndOfHost(port, now);
         CloseLine(port, "the line went away");
         return;
     }
@@ -169,6 +176,10 @@ void Simulator::Receive(Port* port, const Bytes& bytes, Nanos now) {
     }
     last_event_ = now;
     port->bytes_left -= static_cast<int64_t>(bytes.size());
+    port->bytes_to_hold -= static_cast<int64_t>(bytes.size());
+    if (port->bytes_to_hold <= 0 && port->line) {
+        port->line->terminal().HoldHost(true);
+    }
     if (!port->unit) {
         log_->Received(port->number, bytes, "no unit on this line");
         return;
@@ -260,7 +271,8 @@ void Simulator::CloseLine(Port* port, const char* why) {
     if (!port->line->terminal().path().empty()) {
         nodes_.Unlink(port->number);
     }
-    port->line.reset();
+    port->line->HangUp();
+    port->gone = std::move(port->line);
 }
 
 }  // namespace kestrelsim

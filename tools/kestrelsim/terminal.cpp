@@ -129,6 +129,10 @@ void Terminal::Write(const unsigned char* data, size_t size) const {
     }
 }
 
+void Terminal::HangUp() {
+    close(std::exchange(fd_, -1));
+}
+
 void Terminal::HoldHost(bool hold) const {
     if (near_ >= 0) {
         tcflow(near_, hold ? TCOOFF : TCOON);

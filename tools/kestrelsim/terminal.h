@@ -35,6 +35,9 @@ class Terminal {
     // Bytes that the line cannot take are lost, as on a wire.
     void Write(const unsigned char* data, size_t size) const;
 
+    // The host's side, where it is open, hangs up. Nothing else may follow.
+    void HangUp();
+
     // Holds the host's writes back, or lets them on. Only a pseudo-terminal can.
     void HoldHost(bool hold) const;
 

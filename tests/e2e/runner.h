@@ -1,0 +1,58 @@
+// Plays one case: a folder of images, a simulated unit, the real updater, and a comparison of
+// everything that could be seen: console text, exit status, wire bytes, openings and closings,
+// images that the unit kept.
+//
+// Environment: E2E_UPDATER, a command that runs the updater in place of the built one (an emulator
+// and its program, for example); E2E_RECORD_DIR, a folder into which each step's console text and
+// wire are written, for comparing two builds of the updater.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/transcript.h"
+
+namespace e2e {
+
+// File name to content.
+using Files = std::map<std::string, std::string>;
+
+// Folders of a case while it runs.
+struct Place {
+    std::string work;   // the updater's current folder, with the images
+    std::string dev;    // the nodes
+    std::string state;  // what the unit keeps
+};
+
+struct Step {
+    Transcript expected;
+    int status = 0;  // exit status; 128 + the signal when a signal ended it
+};
+
+struct Case {
+    std::string name;
+    std::vector<std::string> unit;  // arguments of the simulator
+    Files files;
+    std::vector<Step> steps;
+    int unit_status = 0;  // 3 when the unit has to refuse something
+    Files kept;           // images that the unit holds at the end
+    // Changes the place when unit and files stand, before the first step.
+    std::function<void(const Place&)> prepare;
+    // Looks at the place after the last step, while the unit still runs.
+    std::function<void(const Place&)> inspect;
+    // Console lines that contain one of these texts are left out of the comparison.
+    std::vector<std::string> unsteady;
+    int delay_percent = 5;  // of the designed pauses
+    bool own_nodes = true;  // false: the updater looks for the board's own nodes
+    size_t stop_after = 0;  // console bytes after which the updater is ended by SIGTERM; the wire
+                            // is then not compared
+};
+
+// Plays the case and reports every difference as a failure. A machine so busy that the unit's
+// answer came after the link's own 50 ms shows as a failed read that was not expected; the case is
+// then played again, at most twice.
+void Play(const Case& it);
+
+}  // namespace e2e
