@@ -63,13 +63,13 @@ std::vector<std::string> ProgressModel::Notices(std::int64_t nowMs) {
     }
     if (warnDueMs_ >= 0 && nowMs >= warnDueMs_) {
         notices.push_back("nothing has moved for " + ElapsedText(nowMs - movedMs_) + " (" +
-                          story_.What() + "). The updater is left alone; it may still go on.");
+                          story_.What() + "); still waiting.");
         warned_ = true;
         warnDueMs_ = nowMs + stallMs_;
     }
     if (story_.PipeTrouble() && !std::exchange(pipeTroubleTold_, true)) {
         notices.emplace_back(
-            "the updater cannot open the pipe; its printed positions are followed instead.");
+            "the updater cannot write the pipe; its printed positions are followed instead.");
     }
     return notices;
 }

@@ -44,7 +44,7 @@ class ProgressModel {
     std::int64_t DueMs() const;
 
     // Notices for the user that have become due since the last call: nothing moves, it moves
-    // again, the pipe cannot be opened. Mostly empty.
+    // again, the pipe cannot be written. Mostly empty.
     std::vector<std::string> Notices(std::int64_t nowMs);
 
     SightT Sight(std::int64_t nowMs) const;

@@ -72,6 +72,7 @@ struct StoryRules {
     // The line says success on every way out of the transfer; the last block's reply tells more.
     static void MicroEnd(Story& story, std::string_view) {
         if (story.block_ == kMicroBlocks - 1 && story.acknowledged_) {
+            story.Enter(kMicro, "starting again");
             return;
         }
         story.doubt_ = story.block_ < 0
@@ -131,7 +132,7 @@ const StoryRules::RuleT StoryRules::kRules[] = {
     {"########## NO Kestrel Image(s) Update Required", nullptr, nullptr, NothingToDo},
     {"########## Kestrel Image(s) Update Required", nullptr, nullptr, UpdateDue},
     {"Can't stat ", nullptr, nullptr, MissingFile},
-    {"progressCtrlSetPos: could not open ", nullptr, nullptr, PipeTrouble},
+    {"progressCtrlSetPos: could not ", nullptr, nullptr, PipeTrouble},
     {"ERROR: ", nullptr, nullptr, Trouble},
     {"#### Failed", nullptr, nullptr, Trouble},
     {"######### Failed", nullptr, nullptr, Trouble},

@@ -36,7 +36,7 @@ class Story {
     // Why no position can be expected any more; empty when there is no known reason.
     const std::string& NoProgress() const { return noProgress_; }
 
-    // The updater could not open the pipe at least once.
+    // The updater could not open or write the pipe at least once.
     bool PipeTrouble() const { return pipeTrouble_; }
 
     // The last line by which the updater reported a failure; empty when there was none.

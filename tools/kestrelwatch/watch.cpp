@@ -171,11 +171,10 @@ void Watcher::Press(int number) {
     if (press != PressT::kFirst) {
         return;
     }
-    screen_.Say(
-        "an interrupted flash can leave the unit without working firmware; the update goes on.");
+    screen_.Say("an interrupted flash can leave the unit dead. The update goes on.");
     char text[120];
     snprintf(text, sizeof(text),
-             "to interrupt it all the same, do that again, not at once but within %g seconds.",
+             "to interrupt it all the same: again after a moment, within %g seconds.",
              static_cast<double>(options_.confirmMs) / 1000);
     screen_.Say(text);
 }
