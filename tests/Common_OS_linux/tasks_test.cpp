@@ -217,6 +217,43 @@ TEST(Tasks, TwoTasksThatDeleteEachOtherBothGo) {
     }
 }
 
+TEST(Tasks, StartingAttachingAndDeletingTheSameTaskAtOnceIsSafe) {
+    static std::atomic<bool> stop;
+    stop = false;
+    std::vector<std::thread> threads;
+    threads.emplace_back([] {
+        while (!stop) {
+            UInt32 id;  // a priority out of range logs, which widens the race
+            if (t_create("race", 200, 0, 0, 0, &id) == kTaskOk) {
+                t_start(
+                    id, 0, [](UInt32, UInt32, UInt32, UInt32) { tm_wkafter(1000); }, nullptr);
+            }
+        }
+    });
+    threads.emplace_back([] {
+        while (!stop) {
+            std::thread([] {
+                t_attach("race", 200, nullptr);
+                tm_wkafter(1);
+            }).join();
+        }
+    });
+    for (int i = 0; i < 2; i++) {
+        threads.emplace_back([] {
+            for (UInt32 id; !stop || t_ident("race", 0, &id) == kTaskOk;) {
+                if (t_ident("race", 0, &id) == kTaskOk) {
+                    t_delete(id);
+                }
+            }
+        });
+    }
+    tm_wkafter(100);
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
 TEST(Tasks, ReportsNameEveryTask) {
     InitSyslogInterface();
     const UInt32 id = Spawn(

@@ -170,6 +170,39 @@ TEST(Timers, AFunctionMayCancelItselfArmOthersAndDeleteATask) {
     EXPECT_EQ(Free(), kTimerPoolSize);
 }
 
+TEST(Timers, AFunctionMayDeleteATaskThatCancelsThatVeryTimer) {
+    static std::atomic<UInt32> timer;
+    static std::atomic<UInt32> victim;
+    static std::atomic<int> stage;
+    struct CancelT {
+        ~CancelT() { tm_cancel(timer); }
+    };
+    UInt32 task;
+    t_create("canc", 0, 0, 0, 0, &task);
+    victim = task;
+    t_start(
+        task, 0,
+        [](UInt32, UInt32, UInt32, UInt32) {
+            const CancelT cancel;
+            stage = 1;
+            tm_wkafter(100000);
+        },
+        nullptr);
+    ASSERT_TRUE(Eventually([] { return stage == 1; }));
+    UInt32 id;
+    tm_callback_after(
+        20, &id,
+        [](void*) -> UInt32 {
+            t_delete(victim);
+            stage = 2;
+            return 1;
+        },
+        nullptr);
+    timer = id;
+    EXPECT_TRUE(Eventually([] { return stage == 2; }));
+    EXPECT_TRUE(Eventually([] { return Free() == kTimerPoolSize; }));
+}
+
 TEST(Timers, CancelWaitsForAFunctionThatIsRunning) {
     struct RunT {
         std::atomic<int> stage{0};
@@ -262,19 +295,26 @@ TEST(Timers, FiftyPeriodicTimersAllKeepTheirPaceUnderLoad) {
 }
 
 TEST(Timers, TheTimerTaskMayBeDeletedAndStartsAnewWithTheNextTimer) {
-    std::atomic<int> calls{0};
-    UInt32 first;
-    UInt32 second;
-    tm_callback_after(2, &first, CountCalls, &calls);
-    ASSERT_TRUE(Eventually([&] { return calls > 0; }));
+    static std::atomic<int> first_runs;
+    static std::atomic<int> second_runs;
+    UInt32 ids[3];
+    // Both are due at once, and the task is deleted while it runs the first.
+    tm_callback_after(
+        5, &ids[0],
+        [](void*) -> UInt32 {
+            first_runs++;
+            tm_wkafter(100000);
+            return 1;
+        },
+        nullptr);
+    tm_callback_after(5, &ids[1], CountCalls, &second_runs);
+    ASSERT_TRUE(Eventually([] { return first_runs == 1; }));
     t_delete(timerid);
     EXPECT_EQ(timerid, 0U);
-    const int before = calls;
-    tm_wkafter(5);
-    EXPECT_EQ(calls, before);
-    tm_evafter(100000, 1, &second);
-    EXPECT_TRUE(Eventually([&] { return calls > before; }));  // the armed timer lives on
-    tm_cancel(first);
-    tm_cancel(second);
+    EXPECT_EQ(second_runs, 0);
+    tm_evafter(100000, 1, &ids[2]);
+    EXPECT_TRUE(Eventually([] { return second_runs > 1; }));  // it has not missed its turn
+    tm_cancel(ids[1]);
+    tm_cancel(ids[2]);
     EXPECT_EQ(Free(), kTimerPoolSize);
 }

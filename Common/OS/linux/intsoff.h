@@ -11,8 +11,8 @@
 // same thread waits for ever.
 UInt32 interruptsOff();
 
-// Leaves the section that returned `oldie`. A token other than the current depth, or a caller that
-// is not inside, is logged and the section is left all the same.
+// Leaves the section that returned `oldie`. A token other than the current depth is logged and the
+// section is left all the same; a caller that is not inside is logged and changes nothing.
 void interruptsRestore(UInt32 oldie);
 
 // Leaves every section that the calling thread is in. Called as a task ends.

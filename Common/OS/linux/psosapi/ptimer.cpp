@@ -146,9 +146,20 @@ void Fire(TMCB* timer) {
     }
 }
 
-// Waits until the firing that is going on is over; not from within it. tmcblistmutex is held.
+// Whether the firing waits, in t_delete, for the calling task to end.
+bool FiringDeletesCaller() {
+    const TCB* self = t_self();
+    return self != nullptr &&
+           pthread_equal(self->deleter.load(std::memory_order_acquire), gFiringThread) != 0;
+}
+
+// Waits until the firing that is going on is over; not from within it, nor where it waits for the
+// caller. tmcblistmutex is held.
 void WaitForFiring() {
     const UInt32 firing = gFirings;
+    if (FiringDeletesCaller()) {
+        return;
+    }
     while (gFiring != nullptr && gFirings == firing &&
            pthread_equal(gFiringThread, pthread_self()) == 0) {
         pthread_cond_wait(&gFired, &tmcblistmutex);
@@ -203,6 +214,11 @@ void TimerTask(UInt32, UInt32, UInt32, UInt32) {
         tm_dispatch();
         SleepMicroseconds(0, kMillisecondsPerTick * 1000);
     }
+}
+
+bool TimerTaskLives() {
+    const UInt32 task = timerid.load(std::memory_order_acquire);
+    return task != 0 && t_exists(task) != 0;
 }
 
 void StartClock() {
@@ -336,15 +352,15 @@ void FreeTimer(TMCB* pTimer) {
 }
 
 void StartSystemTimer() {
-    if (timerid.load(std::memory_order_acquire) != 0) {
+    if (TimerTaskLives()) {
         return;
     }
     MutexGuardT guard(&gStartMutex);
-    UInt32 task = timerid.load(std::memory_order_acquire);
-    if (task != 0) {
+    if (TimerTaskLives()) {
         return;
     }
     MakePool();
+    UInt32 task;
     if (t_create("tmtk", 66, 0, 0, 0, &task) == kTaskOk) {
         timerid.store(task, std::memory_order_release);
         if (t_start(task, 0, TimerTask, nullptr) != kTaskOk) {
@@ -361,7 +377,8 @@ void tm_dispatch() {
     {
         MutexGuardT guard(&tmcblistmutex);
         for (TMCB* timer = timerList; timer != nullptr; timer = timer->next) {
-            if (--timer->ticks == 0) {
+            // One that was due already missed its turn when the timer task was deleted.
+            if (Due(timer) || --timer->ticks == 0) {
                 Due(timer) = true;
                 due[count++] = timer;
             }

@@ -77,6 +77,7 @@ void Reset(TCB* tcb, const SInt8* name, UInt32 priority) {
     tcb->incarnation.fetch_add(1, std::memory_order_relaxed);
     tcb->closed.store(false, std::memory_order_relaxed);
     tcb->thread = pthread_t{};
+    tcb->deleter.store(pthread_t{}, std::memory_order_relaxed);
     tcb->prv_pri = {};
     tcb->tmid = 0;
     tcb->pid = tcb->tid = 0;
@@ -101,6 +102,10 @@ TCB* NewTcb(const SInt8* name, UInt32 priority, TaskLifeT life) {
         link = &(*link)->next;
     }
     *link = tcb;
+    if (life == kTaskRunning) {  // the calling thread becomes the task
+        tcb->attached = true;
+        tcb->thread = pthread_self();
+    }
     SetLife(tcb, life);
     return tcb;
 }
@@ -175,9 +180,6 @@ void RegisterThread(TCB* tcb) {
     int err;
     {
         MutexGuardT guard(&tcblistmutex);
-        if (tcb->attached) {
-            tcb->thread = pthread_self();
-        }
         tcb->pid = getpid();
         if (gLibPThreadNPTL == 1) {
             tcb->tid = gettid();
@@ -249,6 +251,7 @@ class GoneWaitT {
             }
             t_free_tcb(tcb_);
         } else {
+            tcb_->deleter.store(pthread_t{}, std::memory_order_release);
             SetLife(tcb_, kTaskEnding);
         }
     }
@@ -281,15 +284,20 @@ class GoneWaitT {
     bool joined_ = false;
 };
 
-void DeleteOther(TCB* tcb) {
+// `use` is the use of the block that the caller means: it may serve a new task by now.
+void DeleteOther(TCB* tcb, UInt32 use) {
     {
         MutexGuardT guard(&tcblistmutex);
+        if (tcb->incarnation.load(std::memory_order_relaxed) != use) {
+            return;
+        }
         switch (Life(tcb)) {
             case kTaskCreated:
                 t_free_tcb(tcb);
                 return;
             case kTaskRunning:
                 SetLife(tcb, kTaskBeingDeleted);
+                tcb->deleter.store(pthread_self(), std::memory_order_release);
                 pthread_cancel(tcb->thread);
                 break;
             default:  // gone, or on its way
@@ -343,6 +351,9 @@ UInt32 t_start(UInt32 tid, UInt32 mode, fnptr* task_start, UInt32* params) {
     const int policy = get_sched_policy();
     // The thread's first act is to take this lock, so it sees the block complete.
     MutexGuardT guard(&tcblistmutex);
+    if (Life(tcb) != kTaskCreated) {  // started or deleted meanwhile
+        return kTaskNotFound;
+    }
     tcb->mode = mode;
     tcb->task_start = task_start;
     tcb->priority = static_cast<int>(priority);
@@ -378,12 +389,14 @@ UInt32 t_delete(UInt32 tid) {
     TCB* tcb;
     char name[sizeof(TCB::taskname)] = {'?', '?', '?', '?'};
     int pid = -1;
+    UInt32 use = 0;
     {
         MutexGuardT guard(&tcblistmutex);
         tcb = is_self ? self : t_resolve(tid);
         if (tcb != nullptr) {
             memcpy(name, tcb->taskname, sizeof(name));
             pid = tcb->pid;
+            use = tcb->incarnation.load(std::memory_order_relaxed);
         }
     }
     logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n",
@@ -392,7 +405,7 @@ UInt32 t_delete(UInt32 tid) {
         DeleteSelf(self);
     } else if (tcb != nullptr) {
         logwarn("os", "deleted task:%4.4s\n", name);
-        DeleteOther(tcb);
+        DeleteOther(tcb, use);
     }
     return kTaskOk;
 }
@@ -422,7 +435,6 @@ UInt32 t_attach(const SInt8* name, UInt32 priority, UInt32*) {
     if (tcb == nullptr) {
         return kTaskNoMemory;
     }
-    tcb->attached = true;
     const int policy = get_sched_policy();
     tcb->prv_pri.sched_priority = policy != 0 ? tcb->priority : 0;
     pthread_setschedparam(pthread_self(), policy, &tcb->prv_pri);
@@ -435,6 +447,11 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
     if (tcb == nullptr) {
         return kTaskNotFound;
     }
+    const UInt32 checked = CheckedPriority(newPriority, "t_setpri");
+    MutexGuardT guard(&tcblistmutex);
+    if (Life(tcb) == kTaskFree) {
+        return kTaskNotFound;
+    }
     const int old = tcb->priority;
     if (oldPriority != nullptr) {
         *oldPriority = static_cast<UInt32>(old);
@@ -442,8 +459,7 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
     if (static_cast<UInt32>(old) == newPriority) {
         return kTaskOk;
     }
-    newPriority = CheckedPriority(newPriority, "t_setpri");
-    MutexGuardT guard(&tcblistmutex);
+    newPriority = checked;
     tcb->priority = static_cast<int>(newPriority);
     const int policy = newPriority == 0 ? SCHED_OTHER : old == 0 ? SCHED_RR : get_sched_policy();
     tcb->prv_pri.sched_priority = policy != SCHED_OTHER ? tcb->priority : 0;

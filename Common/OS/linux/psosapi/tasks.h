@@ -66,6 +66,7 @@ typedef struct _TCB {
     std::atomic<TaskLifeT> life;
     std::atomic<UInt32> incarnation;  // counts the uses of the block
     std::atomic<bool> closed;         // takes no more events
+    std::atomic<pthread_t> deleter;   // the thread that waits for this task's end, 0 for none
     bool attached;                    // the thread was not made by t_start
     bool sync_made;  // event_mutex and event_cond exist; they are kept while the block is free
 } TCB;
