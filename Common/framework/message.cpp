@@ -19,9 +19,9 @@ std::atomic<NotifyFuncT> gNotificationTable[kMsgMaxNotify];
 std::atomic<UInt32> OutputMsgPrints{kMsgPrintNotify};
 std::atomic<UInt32> notifyTaskID{0};
 
-thread_local UInt32 gMsgNesting;
-
 namespace {
+
+thread_local UInt32 gNesting;
 
 constexpr UInt32 kNotifyPriority = 17;
 
@@ -192,7 +192,7 @@ eErrorT Dispatch(const CommandT& command, CmdArgT* args) {
         return kBadParameter;
     }
     args->flags = command.flags;
-    args->nesting = gMsgNesting;
+    args->nesting = MsgNesting();
     void* handler = from_id<void>(func_id(command.pFunc));
     if ((command.flags & kMsgCmdSync) != 0) {
         DeferredCmd(handler, args);
@@ -247,6 +247,14 @@ void NotifyTask(UInt32, UInt32, UInt32, UInt32) {
 }
 
 }  // namespace
+
+UInt32 MsgNesting() {
+    return gNesting;
+}
+
+void MsgSetNesting(UInt32 nesting) {
+    gNesting = nesting;
+}
 
 eErrorT MsgInit() {
     UInt32 task;

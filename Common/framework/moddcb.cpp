@@ -10,6 +10,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
+#include "Common/framework/taskname.h"
 
 ModDeferredCallbackT gFreeDeferredCallbacks[kModNumDeferredCallbacks];
 ListT* gFreeDeferredCallbackList;
@@ -129,8 +130,8 @@ void CheckCallbacksLow() {
         gFreeDCBLowLevelMarkPassed.load(std::memory_order_relaxed) == 0) {
         ModOldestT oldest;
         if (OldestCallback(&oldest)) {
-            printf("task %4.4s has not responded to DCBs for %dmS\n", t_name(oldest.taskID),
-                   oldest.age);
+            printf("task %4.4s has not responded to DCBs for %dmS\n",
+                   TaskNameT(oldest.taskID).Text(), oldest.age);
         } else {
             puts("ModCallCallbacks: list is empty");
         }
@@ -201,7 +202,7 @@ void Unqueue(const TicketT& ticket) {
     ModOldestT oldest;
     if (OldestCallback(&oldest)) {
         printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n",
-               t_name(oldest.taskID), oldest.age);
+               TaskNameT(oldest.taskID).Text(), oldest.age);
     }
     osTaskDump();
     tm_wkafter(kLastWait);

@@ -16,6 +16,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
+#include "Common/framework/taskname.h"
 #include "Common/framework/timer.h"
 
 ModDeferredFuncT gFreeDeferredFuncs[kModNumDeferredFuncs];
@@ -121,7 +122,7 @@ void ReportSlowFuncs() {
     ModOldestT oldest;
     if (OldestFunc(&oldest)) {
         logwarn("MOD", "task %4.4s has not responded to deferred func calls for %dmS\n",
-                t_name(oldest.taskID), oldest.age);
+                TaskNameT(oldest.taskID).Text(), oldest.age);
     }
 }
 
@@ -210,7 +211,7 @@ QueuedT QueueWaiting(const FuncRequestT& request, TicketT* ticket) {
     logcrit("MOD",
             "can't defer function call from %4.4s to task %4.4s func 0x%x, out of deferred "
             "function blocks\n",
-            t_name(0), t_name(request.taskID), shown_address(request.pFunc));
+            TaskNameT(0).Text(), TaskNameT(request.taskID).Text(), shown_address(request.pFunc));
     ReportSlowFuncs();
     ReclaimFuncs();
     tm_wkafter(kFirstWait);
@@ -349,7 +350,7 @@ void RunTimed(ModDeferredFuncT* block) {
     pFunc(block->userDefined, block->args);
     const UInt32 took = RealTimeMilliSeconds() - began;
     if (took > kLongRun) {
-        logwarn("MOD", "task:%s took %dmS to process deferred func:0x%x\n", t_name(0),
+        logwarn("MOD", "task:%s took %dmS to process deferred func:0x%x\n", TaskNameT(0).Text(),
                 static_cast<int>(took), shown_address(pFunc));
     }
 }
@@ -377,7 +378,7 @@ eErrorT ModDeferFunctionCall(UInt32 taskID, DeferredFuncPtrT pFunc, void* userDe
     }
     if (result != QueuedT::kQueued) {
         logcrit("MOD", "can't defer function call to task %4.4s, it doesn't exist\n",
-                t_name(taskID));
+                TaskNameT(taskID).Text());
         return kBadParameter;
     }
     return kNoError;
@@ -395,7 +396,7 @@ int ModSearchDeferredFunction(ListCompareFuncPtrT pCompareFunc, void* pUserDefin
                                       pUserDefined1, pUserDefined2);
     if (delay > kLongDelay) {
         logwarn("MOD", "task:%4.4s was delayed %dmS before processing a deferred function\n",
-                t_name(self), static_cast<int>(delay));
+                TaskNameT(self).Text(), static_cast<int>(delay));
     }
     while (ModDeferredFuncT* block = pass.Next()) {
         RunTimed(block);

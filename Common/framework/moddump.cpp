@@ -12,6 +12,7 @@
 #include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
 #include "Common/framework/sharedfield.h"
+#include "Common/framework/taskname.h"
 
 namespace {
 
@@ -78,7 +79,7 @@ void DumpStats(const DFStatsT* stats) {
     for (int i = 0; i < kModNumDFStats; i++) {
         const DFStatsT& entry = stats[i];
         if (entry.taskID != 0) {
-            printf("DFC %4.4s    %5d %5d %5d %5d %8d\n", t_name(entry.taskID),
+            printf("DFC %4.4s    %5d %5d %5d %5d %8d\n", TaskNameT(entry.taskID).Text(),
                    static_cast<int>(entry.minTime), static_cast<int>(entry.maxTime),
                    entry.runs != 0 ? static_cast<int>(entry.totTime / entry.runs) : 0,
                    static_cast<int>(entry.runs), static_cast<int>(entry.queued));
@@ -95,7 +96,8 @@ void ModDumpHeading() {
 
 eErrorT ModDump(ModT* pMod, int) {
     ModCheck(pMod);
-    printf("%-20.20s %8x %4.4s %c%c   \n", ModName(pMod), shown_address(pMod), t_name(pMod->taskID),
+    printf("%-20.20s %8x %4.4s %c%c   \n", ModName(pMod), shown_address(pMod),
+           TaskNameT(pMod->taskID).Text(),
            (FieldRead(pMod->flags) & kModFlagAllocated) != 0 ? 'A' : ' ',
            pMod->initializedSig == kModSignature ? 'I' : ' ');
     DumpCallbacks(pMod);
@@ -152,13 +154,13 @@ void ModDumpDeferredFuncList() {
     DFStatsT stats[kModNumDFStats];
     const int count = CopyPending(calls, stats);
     printf("DFC List %d entries, max %d (current task %4.4s)\n", count,
-           DFCListMax.load(std::memory_order_relaxed), t_name(0));
+           DFCListMax.load(std::memory_order_relaxed), TaskNameT(0).Text());
     DumpStats(stats);
     UInt32 previous = 0;
     for (int i = 0; i < count; i++) {
         const ShownCallT& call = calls[i];
         printf("%d: DFC  func 0x%0x task %4.4s @ %dmS (%dms)  0x%0x\n", i, call.pFunc,
-               t_name(call.taskID), static_cast<int>(call.time),
+               TaskNameT(call.taskID).Text(), static_cast<int>(call.time),
                static_cast<int>(RealTimeMilliSeconds() - call.time), call.userDefined);
         if (call.taskID != previous) {
             stackBackTrace(call.taskID);

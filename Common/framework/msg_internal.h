@@ -6,13 +6,14 @@
 #include "Common/framework/message.h"
 
 // How many aliases and scripts led to what the calling task is doing.
-extern thread_local UInt32 gMsgNesting;
+UInt32 MsgNesting();
+void MsgSetNesting(UInt32 nesting);
 
 // Sets that number for a scope.
 class MsgNestingT {
   public:
-    explicit MsgNestingT(UInt32 nesting) : before_(gMsgNesting) { gMsgNesting = nesting; }
-    ~MsgNestingT() { gMsgNesting = before_; }
+    explicit MsgNestingT(UInt32 nesting) : before_(MsgNesting()) { MsgSetNesting(nesting); }
+    ~MsgNestingT() { MsgSetNesting(before_); }
     MsgNestingT(const MsgNestingT&) = delete;
     MsgNestingT& operator=(const MsgNestingT&) = delete;
 

@@ -56,7 +56,7 @@ eErrorT RunAlias(int, char** argv, char*) {
     if (!MsgMayNest("alias", argv[0])) {
         return kBadState;
     }
-    const MsgNestingT nesting(gMsgNesting + 1);
+    const MsgNestingT nesting(MsgNesting() + 1);
     return MsgSendCmd(expansion, nullptr, nullptr);
 }
 
@@ -164,7 +164,7 @@ eErrorT HelpCmd(int argc, char** argv, char*) {
 }  // namespace
 
 bool MsgMayNest(const char* what, const char* name) {
-    if (gMsgNesting < kMsgMaxDepth) {
+    if (MsgNesting() < kMsgMaxDepth) {
         return true;
     }
     printf("ERROR, %s \"%s\" not run: aliases and scripts nest at most %d deep\n", what, name,

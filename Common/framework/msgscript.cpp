@@ -101,7 +101,7 @@ eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* u
         return kItemNotFound;
     }
     printf("Executing \"%s\" script\n", pFileName);
-    const MsgNestingT nesting(gMsgNesting + 1);
+    const MsgNestingT nesting(MsgNesting() + 1);
     char line[kMsgMaxLen + 2];  // one more than a line may have, to see that one is too long
     for (int length; (length = ReadLine(file.Get(), line, sizeof(line))) >= 0;) {
         puts(line);

@@ -34,7 +34,7 @@ void ProxySetTransport(const ProxyTransportT* pTransport) {
 
 UInt32 ProxyProcessorNum() {
     const ProxyTransportT* transport = Transport();
-    return transport != nullptr ? transport->processorNum : GetProcessorNum();
+    return transport != nullptr ? FieldRead(transport->processorNum) : GetProcessorNum();
 }
 
 eErrorT ProxyAllocMod(ModT* pMod, UInt32 procNum) {

@@ -23,6 +23,7 @@
 #include "Common/framework/address.h"
 #include "Common/framework/semguard.h"
 #include "Common/framework/sharedfield.h"
+#include "Common/framework/taskname.h"
 
 std::atomic<eSysStateT> SysState{kSysStateRunning};
 std::atomic<TimerT*> gTimers[kTimerMaxTimers];
@@ -546,7 +547,7 @@ void TimerDump(TimerT* pTimer, int) {
     OsAssert(pTimer);
     const unsigned runs = FieldRead(pTimer->numExecs);
     printf("%8.8x %3.3s %4.4s %8u %8u %3.3s %8.8x %8x %8u %8u\n", shown_address(pTimer),
-           FieldRead(pTimer->running) != 0 ? " Y " : " N ", t_name(pTimer->taskID),
+           FieldRead(pTimer->running) != 0 ? " Y " : " N ", TaskNameT(pTimer->taskID).Text(),
            static_cast<unsigned>(FieldRead(pTimer->time)), FieldRead(pTimer->maxLatency),
            pTimer->periodic != 0 ? " Y " : " N ", pTimer->timerID, shown_address(pTimer->pFunc),
            runs != 0 ? FieldRead(pTimer->totalExecTime) / runs : 0, FieldRead(pTimer->maxExecTime));

@@ -10,6 +10,7 @@
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/framework/mod.h"
 #include "Common/framework/mod_internal.h"
+#include "Common/framework/semguard.h"
 #include "Common/framework/timer.h"
 #include "tests/framework/module_task.h"
 #include "tests/support/stdout_file.h"
@@ -61,6 +62,11 @@ bool PoolsAreFull() {
            gFreeDCBsAvailable == kModNumDeferredCallbacks;
 }
 
+DFStatsT Stats(int index) {
+    const SemGuardT lock(deferredFuncRegion);
+    return DFStats[index];
+}
+
 int CountOf(const std::string& text, const std::string& part) {
     int count = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
@@ -73,8 +79,7 @@ int CountOf(const std::string& text, const std::string& part) {
 
 TEST(Deferred, EventsAreServedTimersFirstThenCallbacksThenCalls) {
     Attach();
-    ModT mod = {};
-    ModInit(&mod, "m", 0, nullptr);
+    TestModule mod;
     TimerT timer = {};
     TimerInit(
         &timer, 10, [](void*) { gTrace.emplace_back("timer"); }, nullptr, 0);
@@ -192,8 +197,7 @@ TEST(Deferred, LowWaterOfCallbacksIsReportedOnEveryFiring) {
     const StdoutFile out;
     StartLog();
     const UInt32 deaf = DeafTask("deaf");
-    ModT mod = {};
-    ModInit(&mod, "m", 0, nullptr);
+    TestModule mod;
     ModAddCallbackToTask(
         &mod, 1, [](ModT*, UInt32, void*, void*) {}, nullptr, kModCallbackDeferred, deaf);
     for (int i = 0; i < kModNumDeferredCallbacks - 32; i++) {
@@ -300,8 +304,7 @@ TEST(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
             refused++;
         }
     };
-    ModT mod = {};
-    ModInit(&mod, "m", 0, nullptr);
+    TestModule mod;
     const UInt32 deaf = DeafTask("deaf");
     ModAddCallbackToTask(
         &mod, 1, [](ModT*, UInt32, void*, void*) { order.push_back(-1); }, nullptr,
@@ -327,8 +330,7 @@ TEST(Deferred, ATaskCutInTheMiddleOfAFunctionLosesNoBlockAndNoWork) {
         entered = 0;
         order.clear();
         ModuleTask task("cut ");
-        ModT mod = {};
-        ModInit(&mod, "m", 0, nullptr);
+        TestModule mod;
         const auto wait = [] {
             entered = 1;
             for (;;) {
@@ -412,16 +414,16 @@ TEST(Deferred, StatisticsShowHowLongATaskLetItsCallsWait) {
     tm_wkafter(1);
     ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0);
     ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0);
-    EXPECT_EQ(DFStats[0].taskID, SelfId());
-    EXPECT_EQ(DFStats[0].queued, 2U);
+    EXPECT_EQ(Stats(0).taskID, SelfId());
+    EXPECT_EQ(Stats(0).queued, 2U);
     tm_wkafter(110);
     ModDumpDeferredFuncList();
     EXPECT_EQ(ModProcessDeferredFunctions(), 2);
-    EXPECT_EQ(DFStats[0].queued, 0U);
-    EXPECT_EQ(DFStats[0].runs, 1U);
-    EXPECT_EQ(DFStats[0].eventTime, 0U);
-    EXPECT_GE(DFStats[0].minTime, 1000U);
-    EXPECT_EQ(DFStats[0].maxTime, DFStats[0].minTime);
+    EXPECT_EQ(Stats(0).queued, 0U);
+    EXPECT_EQ(Stats(0).runs, 1U);
+    EXPECT_EQ(Stats(0).eventTime, 0U);
+    EXPECT_GE(Stats(0).minTime, 1000U);
+    EXPECT_EQ(Stats(0).maxTime, Stats(0).minTime);
     EXPECT_TRUE(out.WaitFor("WARN  pc[0]: MOD: task:main was delayed "));
     EXPECT_TRUE(out.Has("before processing a deferred function\n"));
     EXPECT_TRUE(
@@ -438,10 +440,10 @@ TEST(Deferred, StatisticsShowHowLongATaskLetItsCallsWait) {
     EXPECT_TRUE(out.WaitFor("WARN  pc[0]: MOD: task:main took "));
     const UInt32 deaf = DeafTask("deaf");
     Fill(deaf, 1);
-    EXPECT_EQ(DFStats[1].taskID, deaf);
+    EXPECT_EQ(Stats(1).taskID, deaf);
     t_delete(deaf);
-    EXPECT_EQ(DFStats[1].taskID, 0U);
-    EXPECT_EQ(DFStats[1].minTime, 0xFFFFFFFFU);
+    EXPECT_EQ(Stats(1).taskID, 0U);
+    EXPECT_EQ(Stats(1).minTime, 0xFFFFFFFFU);
 }
 
 // Senders, receivers and deletions all at once: nothing is lost, nothing runs twice.

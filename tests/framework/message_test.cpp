@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -110,8 +111,8 @@ class InTempDir {
         EXPECT_EQ(chdir(path_.c_str()), 0);
     }
     ~InTempDir() {
-        EXPECT_EQ(chdir("/"), 0);
-        EXPECT_EQ(system(("rm -r " + path_).c_str()), 0);
+        EXPECT_EQ(chdir(before_.c_str()), 0);
+        std::filesystem::remove_all(path_);
     }
     InTempDir(const InTempDir&) = delete;
     InTempDir& operator=(const InTempDir&) = delete;
@@ -120,6 +121,7 @@ class InTempDir {
     }
 
   private:
+    std::string before_ = std::filesystem::current_path();
     std::string path_;
 };
 

@@ -93,8 +93,7 @@ TEST(Mod, The4001stModuleIsAcceptedButCannotBeFound) {
 
 TEST(Mod, RegistrationIsIdempotentAndTheEleventhCallbackGrowsTheArray) {
     Attach();
-    ModT mod = {};
-    ModInit(&mod, "m", 0, nullptr);
+    TestModule mod;
     EXPECT_EQ(mod.pCallbacks, nullptr);
     for (std::uintptr_t round = 0; round < 2; round++) {
         for (std::uintptr_t i = 0; i < 10; i++) {
@@ -122,8 +121,7 @@ TEST(Mod, RegistrationIsIdempotentAndTheEleventhCallbackGrowsTheArray) {
 
 TEST(Mod, ADeferredCallbackRunsWhereItBelongsAndAtOnceInItsOwnTask) {
     const UInt32 self = Attach();
-    ModT mod = {};
-    ModInit(&mod, "m", 0, nullptr);
+    TestModule mod;
     static std::atomic<UInt32> ran_in;
     static std::atomic<int> cut;
     ran_in = 0;
@@ -167,10 +165,8 @@ TEST(Mod, FiringIsSafeWhileCallbacksComeAndGo) {
     Attach();
     static std::atomic<int> bad;
     static std::atomic<int> steady;
-    ModT mod = {};
-    ModT neighbour = {};
-    ModInit(&mod, "m", 0, nullptr);
-    ModInit(&neighbour, "n", 0, nullptr);
+    TestModule mod;
+    TestModule neighbour("n");
     const auto one = [](ModT* pMod, UInt32, void* userDefined, void* pArgs) {
         bad += userDefined != Number(1) || pMod != pArgs;
     };
@@ -183,7 +179,7 @@ TEST(Mod, FiringIsSafeWhileCallbacksComeAndGo) {
     ModAddCallback(&mod, 1, stays, nullptr, 0);
     changer.Post([&] {
         for (int round = 0; round < 3000; round++) {
-            for (ModT* pMod : {&mod, &neighbour}) {
+            for (ModT* pMod : {static_cast<ModT*>(&mod), static_cast<ModT*>(&neighbour)}) {
                 ModAddCallback(pMod, 1, one, Number(1), 0);
                 ModAddCallback(pMod, 1, two, Number(2), 0);
                 for (std::uintptr_t i = 0; i < 9 && round % 16 == 0; i++) {
@@ -205,8 +201,6 @@ TEST(Mod, FiringIsSafeWhileCallbacksComeAndGo) {
     changer.Wait();
     EXPECT_EQ(bad, 0);
     EXPECT_EQ(steady, fired);
-    ModExit(&mod);
-    ModExit(&neighbour);
 }
 
 TEST(ModDeathTest, MisuseEndsTheProgramAndNamesTheService) {
@@ -297,10 +291,7 @@ TEST(Mod, LogLinesCarryTheLabelAndObeyTheFilters) {
 
 TEST(Mod, DumpsShowTableNameAndRange) {
     Attach();
-    ModT mods[3] = {};
-    ModInit(&mods[0], "beta", 0, nullptr);
-    ModInit(&mods[1], "alpha", 1, nullptr);
-    ModInit(&mods[2], "alpha", 0, nullptr);
+    TestModule mods[3] = {TestModule("beta", 0), TestModule("alpha", 1), TestModule("alpha", 0)};
     mods[1].flags |= kModFlagAllocated;
     ModAddCallback(&mods[1], 3, Nothing, nullptr, 0);
     const std::string heading =

@@ -27,6 +27,16 @@ inline UInt32 Attach() {
     return SelfId();
 }
 
+// A module that ends with its scope.
+struct TestModule : ModT {
+    explicit TestModule(const char* module_name = "m", int number = 0) : ModT{} {
+        ModInit(this, module_name, number, nullptr);
+    }
+    ~TestModule() { ModExit(this); }
+    TestModule(const TestModule&) = delete;
+    TestModule& operator=(const TestModule&) = delete;
+};
+
 // Starts the log's output, with levels, and the framework.
 inline void StartLog() {
     ASSERT_EQ(InitSyslogInterface(), 0);

@@ -11,6 +11,7 @@
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/system.h"
 #include "Common/framework/modman.h"
+#include "Common/framework/sharedfield.h"
 #include "tests/framework/module_task.h"
 #include "tests/support/stdout_file.h"
 
@@ -53,11 +54,11 @@ eErrorT Call(ModT* pMod, const char* pName, char* pText) {
         strcpy(pText, gLink.garbage);
         return kNoError;
     }
-    const UInt32 before = gLink.transport.processorNum;
-    gLink.transport.processorNum = pMod->proxy.nodeType == kProxyClient ? 1 : 0;
+    const UInt32 before = FieldRead(gLink.transport.processorNum);
+    FieldWrite(gLink.transport.processorNum, pMod->proxy.nodeType == kProxyClient ? 1U : 0U);
     const int length = ProxyServe(static_cast<ModT*>(pMod->proxy.remHandle), pName, pText);
     EXPECT_EQ(length, static_cast<int>(strlen(pText)) + 1);
-    gLink.transport.processorNum = before;
+    FieldWrite(gLink.transport.processorNum, before);
     return kNoError;
 }
 

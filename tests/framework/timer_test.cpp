@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/framework/sharedfield.h"
 #include "tests/framework/module_task.h"
 #include "tests/support/stdout_file.h"
 
@@ -397,8 +398,8 @@ TEST(Timer, DumpsShowEveryColumn) {
     Init(&active, 60000, true);
     Init(&idle, 25, false);
     TimerStart(&active.timer);
-    ASSERT_TRUE(
-        Eventually([&] { return gTimerTask.mod.taskID != 0 && active.timer.startsQueued == 0; }));
+    ASSERT_TRUE(Eventually(
+        [&] { return gTimerTask.mod.taskID != 0 && FieldRead(active.timer.startsQueued) == 0; }));
     idle.timer.maxLatency = 7;
     idle.timer.numExecs = 3;
     idle.timer.totalExecTime = 10;
