@@ -33,7 +33,7 @@ int gGuarded;  // under gSemaphore
 std::atomic<long> gGuardedEntries{0};
 std::atomic<long> gRoundTrips{0}, gTimeOuts{0}, gLines{0}, gFirings{0}, gDeletions{0};
 std::atomic<int> gLost{0};
-UInt32 gPartner[kPairs];
+std::atomic<UInt32> gPartner[kPairs];
 
 int CountEntries(const char* folder) {
     int count = 0;
