@@ -46,6 +46,9 @@ target_compile_options(harbor_product_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
 # All product libraries, linked as one group: any header's needs are met by linking `harbor`.
 add_library(harbor INTERFACE)
 target_link_libraries(harbor INTERFACE harbor_flags)
+if(CMAKE_CROSSCOMPILING)
+    target_sources(harbor INTERFACE ${CMAKE_SOURCE_DIR}/target/runtime.cpp)
+endif()
 set_property(GLOBAL PROPERTY HARBOR_LIBRARIES "")
 
 # harbor_library(name sources...): one static library of the product, for one floor and folder.

@@ -89,7 +89,8 @@ void Simulator::Run(int stop_fd) {
             polled.push_back({wanted ? port->line->terminal().fd() : -1, POLLIN, 0});
         }
         const Nanos wait = std::max<Nanos>(0, NextDeadline() - MonotonicNow());
-        const timespec timeout{wait / kSecond, wait % kSecond};
+        const timespec timeout{static_cast<time_t>(wait / kSecond),
+                               static_cast<long>(wait % kSecond)};
         ppoll(polled.data(), polled.size(), &timeout, nullptr);
         const Nanos now = MonotonicNow();
         TakeNodeEvents(now);

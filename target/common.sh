@@ -1,0 +1,54 @@
+# Shared by the scripts of this folder (sourced, never run): where things are kept, how a stage
+# is timed, which packages the emulated machine needs.
+
+target_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+root_dir=$(dirname "$target_dir")
+cache_dir="${XDG_CACHE_HOME:-$HOME/.cache}/harbor-target"
+cross=powerpc-linux-gnu
+sysroot=/usr/$cross
+
+target_packages=(
+    g++-powerpc-linux-gnu libgtest-dev nlohmann-json3-dev libcli11-dev qemu-user qemu-system-ppc qemu-system-data
+    linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio xz-utils bzip2 make gcc g++
+    cmake ninja-build)
+
+die() {
+    echo "target: $*" >&2
+    exit 1
+}
+
+# Installs what is missing where it may; says what is missing where it may not.
+need_packages() {
+    local package missing=()
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+            missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    local as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null && sudo -n true 2>/dev/null ||
+            die "these Debian packages are missing: ${missing[*]}"
+        as_root=(sudo)
+    fi
+    echo "target: installing ${missing[*]}"
+    "${as_root[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq \
+        --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+stage_times=()
+
+# stage NAME COMMAND...: runs the command and notes how long it took; its failure ends the run.
+stage() {
+    local name=$1 start=$SECONDS status=0
+    shift
+    echo "== $name"
+    "$@" || status=$?
+    stage_times+=("$(printf '%5d s  %s' $((SECONDS - start)) "$name")")
+    [ $status -eq 0 ] || die "$name: failed ($status)"
+}
+
+print_stage_times() {
+    [ ${#stage_times[@]} -eq 0 ] || printf '%s\n' "${stage_times[@]}"
+}
