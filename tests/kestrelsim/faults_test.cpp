@@ -27,7 +27,7 @@ std::string Show(const std::vector<Piece>& pieces) {
 
 TEST(Faults, ShapeAnAnswerAsTheirNamesSay) {
     const struct {
-        std::vector<const char*> specs;
+        std::vector<const char*> texts;
         const char* pieces;
     } cases[] = {
         {{}, "0:01020304"},
@@ -46,11 +46,11 @@ TEST(Faults, ShapeAnAnswerAsTheirNamesSay) {
     };
     for (const auto& it : cases) {
         Faults faults;
-        for (const char* spec : it.specs) {
-            faults.Add(spec);
+        for (const char* text : it.texts) {
+            faults.Add(text);
         }
         EXPECT_EQ(Show(faults.Shape(kVersionAnswer)), it.pieces)
-            << testing::PrintToString(it.specs);
+            << testing::PrintToString(it.texts);
     }
 }
 
@@ -91,9 +91,9 @@ TEST(Faults, TheSameSeedMakesTheSameNoise) {
 }
 
 TEST(Faults, NamesWhatIsWrongWithASpecOrScript) {
-    for (const char* spec : {"", "melt", "late ms", "late ms=x", "late ms=-1", "late count=2",
+    for (const char* text : {"", "melt", "late ms", "late ms=x", "late ms=-1", "late count=2",
                              "drop unit=keypad", "noise bytes=f", "close", "nack image=both"}) {
-        EXPECT_THROW(Faults().Add(spec), std::invalid_argument) << spec;
+        EXPECT_THROW(Faults().Add(text), std::invalid_argument) << text;
     }
     for (const char* script : {"[1]", R"({"faults": 1})", R"({"faults": [1]})", R"({"seed": -1})",
                                R"({"faults": [{"fault": "late", "ms": 1.5}]})"}) {

@@ -19,12 +19,12 @@ namespace {
 // A simulator in a thread of its own; ended and taken down by Stop.
 class Running {
   public:
-    explicit Running(SimulatorOptions options, const std::vector<const char*>& specs = {}) {
+    explicit Running(SimulatorOptions options, const std::vector<const char*>& texts = {}) {
         folder_ = (std::filesystem::temp_directory_path() / "simtest.XXXXXX").string();
         EXPECT_NE(mkdtemp(folder_.data()), nullptr);
         options.folder = folder_ + "/dev";
-        for (const char* spec : specs) {
-            faults_.Add(spec);
+        for (const char* text : texts) {
+            faults_.Add(text);
         }
         StateOptions state;
         state.folder = folder_ + "/state";

@@ -139,8 +139,8 @@ std::string FaultHelp() {
     return text;
 }
 
-void Faults::Add(const std::string& spec) {
-    AddItem(FromWords(spec, true));
+void Faults::Add(const std::string& text) {
+    AddItem(FromWords(text, true));
 }
 
 void Faults::AddScript(const json& script) {

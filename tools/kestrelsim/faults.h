@@ -60,8 +60,8 @@ struct Piece {
 class Faults {
   public:
     // Both throw std::invalid_argument with a text for the user.
-    // `spec` is "noise unit=micro answer=version count=3".
-    void Add(const std::string& spec);
+    // `text` is "noise unit=micro answer=version count=3".
+    void Add(const std::string& text);
     // `script` is {"seed": 7, "faults": [{"fault": "noise", "unit": "micro", ...}, ...]}.
     void AddScript(const nlohmann::json& script);
 

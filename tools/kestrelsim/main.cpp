@@ -107,8 +107,8 @@ Faults ReadFaults(const Options& options) {
             throw std::invalid_argument(options.script + ": " + error.what());
         }
     }
-    for (const std::string& spec : options.faults) {
-        faults.Add(spec);
+    for (const std::string& text : options.faults) {
+        faults.Add(text);
     }
     if (options.seed) {
         faults.Seed(*options.seed);
