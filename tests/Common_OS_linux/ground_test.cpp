@@ -38,7 +38,8 @@ TEST(BinTree, HoldsWhatAMapHoldsThroughRandomInsertsAndRebuilds) {
     TreeT* tree = CreateTree();
     std::map<TreeKeyT, void*> model;
     for (int i = 0; i < 2000; i++) {
-        const TreeKeyT key = i < 1000 ? static_cast<TreeKeyT>(i) : static_cast<TreeKeyT>(random() % 5000);
+        const TreeKeyT key =
+            i < 1000 ? static_cast<TreeKeyT>(i) : static_cast<TreeKeyT>(random() % 5000);
         void* object = reinterpret_cast<void*>(random() | 1);
         ASSERT_EQ(InsertItem(tree, key, object), 0);
         model[key] = object;
