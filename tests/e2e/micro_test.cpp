@@ -8,312 +8,143 @@
 namespace e2e {
 namespace {
 
-Micro TheMicro(size_t size = 6144) {
-    return {Pattern(size)};
+// Twelve full blocks.
+Scene WholeScene() {
+    Scene scene;
+    scene.micro = Pattern(6144);
+    return scene;
 }
 
-Case MicroCase(const std::string& name, const Micro& micro, const Words& faults = {}) {
-    Case it;
-    it.name = "micro-" + name;
-    it.files["kestrelmicro.bin"] = micro.image;
-    it.unit = {"--micro-version", std::to_string(micro.version)};
-    for (const std::string& fault : faults) {
-        it.unit.insert(it.unit.end(), {"--fault", fault});
-    }
-    return it;
-}
-
-TEST(MicroUpdate, TwelveBlocksReachTheUnitWhateverTheImagesSize) {
-    for (const size_t size : {6144, 600, 512, 1, 7000}) {
-        Micro micro = TheMicro(size);
-        Case it = MicroCase("size-" + std::to_string(size), micro);
-        it.kept["kestrelmicro.bin"] = micro.image.substr(0, 6144);
-        Transcript update({"micro"});
-        micro.Update(&update);
-        update.Executed(true);
-        Transcript query({"micro", "q"});
-        micro.version = static_cast<uint8_t>(micro.image[0]);
-        micro.Open(&query);
-        micro.Ask(&query);
-        micro.Verdict(&query);
-        query.Event(1, "closed").Say("not-required");
-        it.steps = {{update, 0}, {query, 0}};
-        Play(it);
-    }
-}
-
-TEST(MicroUpdate, ImagesFullOfStuffedBytesArriveWhole) {
-    for (const char fill : {'\xFF', '\xFE'}) {
-        const Micro micro = {std::string(6144, fill)};
-        Case it = MicroCase("fill-" + Hex(static_cast<uint8_t>(fill)), micro);
-        it.kept["kestrelmicro.bin"] = micro.image;
-        Transcript t({"micro"});
-        micro.Update(&t);
-        it.steps = {{t.Executed(true), 0}};
+TEST(MicroUpdate, TwelveBlocksReachTheUnitWhateverTheImageHolds) {
+    const struct {
+        const char* name;
+        std::string image;
+    } images[] = {{"micro-whole", Pattern(6144)},
+                  {"micro-600-bytes", Pattern(600)},
+                  {"micro-one-block", Pattern(512)},
+                  {"micro-one-byte", Pattern(1)},
+                  {"micro-too-long", Pattern(7000)},
+                  {"micro-all-ff", std::string(6144, '\xFF')},
+                  {"micro-all-fe", std::string(6144, '\xFE')}};
+    for (const auto& image : images) {
+        Scene scene;
+        scene.micro = image.image;
+        Case it(image.name, scene);
+        it.kept = {{"kestrelmicro.bin", image.image.substr(0, 6144)}};
+        it.Run({"micro"}, 0, "m.update done");
+        it.Run({"micro", "q"}, 0, "m.current say:not-required", scene.Updated());
         Play(it);
     }
 }
 
 TEST(MicroUpdate, AnOlderImageIsSentAndAnEqualOneIsNot) {
-    for (const uint8_t version : {uint8_t{0x14}, uint8_t{0x13}}) {
-        Micro micro = TheMicro(10);
-        micro.version = version;
-        Case it = MicroCase("version-" + Hex(version), micro);
-        Transcript t({"micro", "q"});
-        micro.Open(&t);
-        micro.Ask(&t);
-        micro.Verdict(&t);
-        t.Event(1, "closed").Say(version == 0x13 ? "not-required" : "required");
-        it.steps = {{t, version == 0x13 ? 0 : 1}};
-        Play(it);
-    }
+    Scene scene;
+    scene.unit_micro = 0x14;
+    Case older("micro-older", scene);
+    older.Run({"micro", "q"}, 1, "m.current say:required");
+    Play(older);
+    scene.unit_micro = 0x13;
+    Case equal("micro-equal", scene);
+    equal.Run({"micro"}, 0, "m.current done");
+    Play(equal);
 }
-
-// One block's answer goes wrong. `tell` takes over at the working line of block 3.
-struct BlockFault {
-    const char* name;
-    Words faults;
-    void (*tell)(const Micro&, Transcript*);
-    bool kept = false;
-    int unit_status = 0;
-};
-
-void SendThird(const Micro& micro, Transcript* t) {
-    t->Say("micro-working");
-    micro.Send(t, 3);
-}
-
-void Silence(const Micro& micro, Transcript* t) {
-    SendThird(micro, t);
-    Micro::Got(t, false, 0);
-    t->Say("micro-end");
-}
-
-// After an unknown answer the next 512 bytes go out under the same number, which the unit refuses.
-void Misnumbered(const Micro& micro, Transcript* t, const std::string& unknown) {
-    Micro::Got(t, false, -2);
-    t->Say("micro-working").Say("micro-unknown", {unknown});
-    micro.Send(t, 3, 4);
-}
-
-const BlockFault kBlockFaults[] = {
-    {"nack",
-     {"nack unit=micro block=3 attempt=1"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         Micro::Got(t, false);
-         micro.Retry(t, 3, 2);
-         Micro::Got(t, true);
-         micro.Blocks(t, 4, 11);
-         Micro::End(t);
-     },
-     true},
-    {"nack-nack",
-     {"nack unit=micro block=3 times=2"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         for (const int iteration : {2, 3}) {
-             Micro::Got(t, false);
-             micro.Retry(t, 3, iteration);
-         }
-         Micro::Got(t, true);
-         micro.Blocks(t, 4, 11);
-         Micro::End(t);
-     },
-     true},
-    // Exhausted retries are no failure: nothing is sent any more and the run ends as a success.
-    {"nack-nack-nack",
-     {"nack unit=micro block=3"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         for (const int iteration : {2, 3}) {
-             Micro::Got(t, false);
-             micro.Retry(t, 3, iteration);
-         }
-         Micro::Got(t, false);
-         t->Say("micro-working");
-         Micro::Got(t, false, 0);
-         t->Say("micro-end");
-     }},
-    {"drop", {"drop unit=micro block=3"}, Silence},
-    {"late", {"late unit=micro block=3 ms=5000"}, Silence},
-    {"silent", {"silent unit=micro block=3"}, Silence},
-    {"short",
-     {"short unit=micro block=3"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         t->Unit(1, "\x48");
-         Micro::Got(t, false, 1);
-         t->Say("micro-end");
-     }},
-    {"corrupt",
-     {"corrupt unit=micro block=3 value=0x55"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         t->Unit(1, "\x48\x55");
-         Misnumbered(micro, t, "55");
-         Micro::Got(t, false, 0);
-         t->Say("micro-end");
-     },
-     false,
-     3},
-    // One stray byte shifts every later answer by one.
-    {"stray",
-     {"noise unit=micro block=3 bytes=00"},
-     [](const Micro& micro, Transcript* t) {
-         SendThird(micro, t);
-         t->Unit(1, std::string("\0\x48\x06", 3));
-         Misnumbered(micro, t, "48");
-         Micro::Got(t, false, 1);
-         t->Say("micro-end");
-     },
-     false,
-     3},
-    {"split",
-     {"split unit=micro ms=1"},
-     [](const Micro& micro, Transcript* t) {
-         micro.Blocks(t, 3, 11);
-         Micro::End(t);
-     },
-     true},
-    {"duplicate",
-     {"duplicate unit=micro block=11"},
-     [](const Micro& micro, Transcript* t) {
-         micro.Blocks(t, 3, 11);
-         t->Unit(1, "\x48\x06");
-         Micro::End(t);
-     },
-     true},
-};
 
 TEST(MicroUpdate, ABlocksWrongAnswerEndsOrBendsTheRunAsDesigned) {
-    const Micro micro = TheMicro();
-    for (const BlockFault& fault : kBlockFaults) {
-        Case it = MicroCase(fault.name, micro, fault.faults);
-        Transcript t({"micro"});
-        micro.Begin(&t);
-        micro.Blocks(&t, 0, 2);
-        fault.tell(micro, &t);
-        t.Event(1, "closed").Executed(true);
-        it.steps = {{t, 0}};
+    const struct {
+        const char* name;
+        const char* fault;
+        const char* story;  // from block 3 on
+        bool kept = false;
+        int unit_status = 0;
+    } cases[] = {
+        {"micro-nack", "nack unit=micro block=3 attempt=1",
+         "m.work m.send:3 m.nack m.retry:3,2 m.ack m.blocks:4,11 m.end", true},
+        {"micro-nack-twice", "nack unit=micro block=3 times=2",
+         "m.work m.send:3 m.nack m.retry:3,2 m.nack m.retry:3,3 m.ack m.blocks:4,11 m.end", true},
+        // Exhausted retries are no failure: nothing is sent any more, and the run ends well.
+        {"micro-nack-thrice", "nack unit=micro block=3",
+         "m.work m.send:3 m.nack m.retry:3,2 m.nack m.retry:3,3 m.nack m.work m.miss:0 "
+         "say:micro-end"},
+        {"micro-drop", "drop unit=micro block=3", "m.work m.send:3 m.miss:0 say:micro-end"},
+        {"micro-late", "late unit=micro block=3 ms=5000", "m.work m.send:3 m.miss:0 say:micro-end"},
+        {"micro-silent", "silent unit=micro block=3", "m.work m.send:3 m.miss:0 say:micro-end"},
+        {"micro-short", "short unit=micro block=3",
+         "m.work m.send:3 unit:1,48 m.miss:1 say:micro-end"},
+        // After an unknown answer the next 512 bytes go out under the same number, which the unit
+        // refuses. One stray byte makes every later answer an unknown one.
+        {"micro-corrupt", "corrupt unit=micro block=3 value=0x55",
+         "m.work m.send:3 unit:1,4855 m.miss:2 m.work say:micro-unknown,55 m.send:3,4 m.miss:0 "
+         "say:micro-end",
+         false, 3},
+        {"micro-stray", "noise unit=micro block=3 bytes=00",
+         "m.work m.send:3 unit:1,004806 m.miss:2 m.work say:micro-unknown,48 m.send:3,4 m.miss:1 "
+         "say:micro-end",
+         false, 3},
+        {"micro-split", "split unit=micro ms=1", "m.blocks:3,11 m.end", true},
+        {"micro-duplicate", "duplicate unit=micro block=11", "m.blocks:3,11 unit:1,4806 m.end",
+         true},
+    };
+    const Scene scene = WholeScene();
+    for (const auto& fault : cases) {
+        Case it(fault.name, scene, {fault.fault});
+        it.Run({"micro"}, 0, std::string("m.begin m.blocks:0,2 ") + fault.story + " closed:1 done");
         it.unit_status = fault.unit_status;
         if (fault.kept) {
-            it.kept["kestrelmicro.bin"] = micro.image;
+            it.kept = {{"kestrelmicro.bin", scene.micro}};
         }
         Play(it);
     }
 }
 
 TEST(MicroUpdate, ALineThatGoesAwayHalfWayEndsInAFailureAndAClosedPort) {
-    const Micro micro = TheMicro();
-    Transcript t({"micro"});
-    micro.Begin(&t);
-    micro.Blocks(&t, 0, 2);
-    SendThird(micro, &t);
-    t.Event(1, "the line went away");
-    Micro::Got(&t, false, 0);
-    t.Say("micro-end").Say("disable-failed", {"1", "1"}).Event(1, "closed").Executed(false);
-    size_t bytes = Frame(0x44, "\x01").size();
+    const Scene scene = WholeScene();
+    size_t bytes = 11;
     for (size_t block = 0; block < 4; block++) {
-        bytes += Frame(0x48, Word(block) + micro.image.substr(block * 512, 512)).size();
+        bytes += Frame(0x48, Word(block) + scene.micro.substr(block * 512, 512)).size();
     }
-    Case it = MicroCase("gone", micro, {"close unit=micro at=" + std::to_string(bytes)});
-    it.steps = {{t, 255}};
+    Case it("micro-gone", scene, {"close unit=micro at=" + std::to_string(bytes)});
+    it.Run({"micro"}, 255,
+           "m.begin m.blocks:0,2 m.work m.send:3 gone:1 m.miss:0 say:micro-end "
+           "say:disable-failed,1,1 closed:1 failed");
     Play(it);
 }
 
-// What is wrong with the version reply, and what the updater makes of it, from the reply on.
-struct ReplyFault {
-    const char* name;
-    Words faults;
-    void (*tell)(const Micro&, Transcript*);
-    int status = 255;
-};
-
-void NoDelimiter(const Micro&, Transcript* t) {
-    t->Say("no-delimiter").Event(1, "closed");
-}
-
-void TellVerdict(const Micro& micro, Transcript* t) {
-    micro.Verdict(t);
-    t->Event(1, "closed").Say("required");
-}
-
-const ReplyFault kReplyFaults[] = {
-    {"reply-silent", {"silent unit=micro"}, NoDelimiter},
-    {"reply-late", {"late unit=micro ms=5000"}, NoDelimiter},
-    {"reply-one-byte",
-     {"short unit=micro count=1"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, micro.Reply().substr(0, 1)).Say("no-code").Event(1, "closed");
-     }},
-    {"reply-two-bytes",
-     {"short unit=micro count=2"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, micro.Reply().substr(0, 2)).Say("no-rest").Event(1, "closed");
-     }},
-    {"reply-five-bytes",
-     {"short unit=micro count=5"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, micro.Reply().substr(0, 5));
-         micro.ShowReply(t, 3);
-         TellVerdict(micro, t);
-     },
-     1},
-    {"reply-after-noise",
-     {"noise unit=micro bytes=0102FF15FF"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, "\x01\x02\xFF\x15").Say("drop-first", {"1"}).Say("drop-first", {"2"});
-         t->Say("drop-second", {"15"});
-         // The byte dropped as a second one is not looked at again as a delimiter, so the reply
-         // behind a lone 0xFF is lost.
-         t->Unit(1, "\xFF" + micro.Reply()).Say("drop-second", {"ff"});
-         for (const char byte : micro.Reply().substr(1)) {
-             t->Say("drop-first", {Hex(static_cast<uint8_t>(byte))});
-         }
-         NoDelimiter(micro, t);
-     }},
-    {"reply-behind-noise",
-     {"noise unit=micro bytes=0102FF15"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, "\x01\x02\xFF\x15" + micro.Reply());
-         t->Say("drop-first", {"1"}).Say("drop-first", {"2"}).Say("drop-second", {"15"});
-         micro.ShowReply(t);
-         TellVerdict(micro, t);
-     },
-     1},
-    {"reply-twice",
-     {"duplicate unit=micro"},
-     [](const Micro& micro, Transcript* t) {
-         t->Unit(1, micro.Reply() + micro.Reply());
-         micro.ShowReply(t);
-         TellVerdict(micro, t);
-     },
-     1},
-};
-
 TEST(MicroQuery, AWrongVersionReplyIsHuntedThroughOrReported) {
-    const Micro micro = TheMicro(10);
-    for (const ReplyFault& fault : kReplyFaults) {
-        Case it = MicroCase(fault.name, micro, fault.faults);
-        Transcript t({"micro", "q"});
-        micro.Open(&t);
-        t.Host(1, Frame(0x44, "\x01"));
-        fault.tell(micro, &t);
-        if (fault.status == 255) {
-            t.Executed(false);
-        }
-        it.steps = {{t, fault.status}};
+    const struct {
+        const char* name;
+        const char* fault;
+        const char* story;  // from the request on
+        int status = 255;
+    } cases[] = {
+        {"reply-silent", "silent unit=micro", "m.unheard failed"},
+        {"reply-late", "late unit=micro ms=5000", "m.unheard failed"},
+        {"reply-one-byte", "short unit=micro count=1", "m.unit:1 say:no-code closed:1 failed"},
+        {"reply-two-bytes", "short unit=micro count=2", "m.unit:2 say:no-rest closed:1 failed"},
+        {"reply-five-bytes", "short unit=micro count=5", "m.unit:5 m.reply:3 m.required", 1},
+        {"reply-twice", "duplicate unit=micro", "m.unit:15 m.unit:15 m.reply:13 m.required", 1},
+        {"reply-behind-noise", "noise unit=micro bytes=0102FF15",
+         "unit:1,0102ff15 m.unit:15 say:drop-first,1 say:drop-first,2 say:drop-second,15 "
+         "m.reply:13 m.required",
+         1},
+        // A byte dropped as a second one is not looked at again as a delimiter: behind a lone 0xFF
+        // the whole reply is lost.
+        {"reply-behind-ff", "noise unit=micro bytes=FF",
+         "unit:1,ff m.unit:15 say:drop-second,ff say:drop-first,14 say:drop-first,0 "
+         "say:drop-first,d say:drop-first,12 say:drop-first,6b say:drop-first,65 "
+         "say:drop-first,73 say:drop-first,74 say:drop-first,72 say:drop-first,65 "
+         "say:drop-first,6c say:drop-first,73 say:drop-first,69 say:drop-first,6d m.unheard "
+         "failed"},
+    };
+    for (const auto& fault : cases) {
+        Case it(fault.name, {}, {fault.fault});
+        it.Run({"micro", "q"}, fault.status, std::string("m.open m.request ") + fault.story);
         Play(it);
     }
 }
 
 TEST(MicroQuery, SteadyNoiseIsHuntedThroughWithoutEndUntilTheUserEndsIt) {
-    const Micro micro = TheMicro(10);
-    Case it = MicroCase("noise", micro, {"drop unit=micro", "steady-noise unit=micro ms=2"});
-    Transcript t({"micro"});
-    micro.Open(&t);
-    it.steps = {{t, 128 + 15}};
+    Case it("reply-noise", {}, {"drop unit=micro", "steady-noise unit=micro ms=2"});
+    it.Run({"micro"}, 128 + 15, "m.open");
     it.unsteady = {"##### Drop first byte"};
     it.stop_after = 3000;
     it.delay_percent = 0;
@@ -321,36 +152,30 @@ TEST(MicroQuery, SteadyNoiseIsHuntedThroughWithoutEndUntilTheUserEndsIt) {
 }
 
 TEST(MicroUpdate, AnImageWithoutAUsableVersionNeedsNoUpdate) {
-    using std::filesystem::create_directory;
-    using std::filesystem::create_symlink;
-    struct {
+    const struct {
         const char* name;
-        std::function<void(const std::string&)> make;
-        Words text;
-    } cases[] = {
-        {"missing", [](const std::string&) {}, {"micro-no-file"}},
-        {"unreadable",
-         [](const std::string& path) { create_symlink(path, path); },
-         {"micro-no-file"}},
-        {"directory",
-         [](const std::string& path) { create_directory(path); },
-         {"micro-no-version", "0"}},
-        {"empty", nullptr, {"micro-no-version", "0"}},
-        {"version-zero", nullptr, {"micro-no-version", "1"}},
+        const char* target;  // of the link that stands for the image; null: a file or nothing
+        const char* content;
+        const char* text;
+    } images[] = {
+        {"micro-missing", nullptr, nullptr, "micro-no-file"},
+        {"micro-unreadable", "kestrelmicro.bin", nullptr, "micro-no-file"},
+        {"micro-directory", ".", nullptr, "micro-no-version,0"},
+        {"micro-empty", nullptr, "", "micro-no-version,0"},
+        {"micro-version-zero", "/dev/zero", nullptr, "micro-no-version,1"},
     };
-    for (const auto& file : cases) {
-        Micro micro = {file.text.back() == "1" ? std::string(600, '\0') : ""};
-        Case it = MicroCase(std::string("image-") + file.name, micro);
-        if (file.make) {
-            it.files.clear();
-            it.prepare = [&](const Place& place) { file.make(place.work + "/kestrelmicro.bin"); };
+    for (const auto& image : images) {
+        Case it(image.name, {});
+        it.files.erase("kestrelmicro.bin");
+        if (image.content != nullptr) {
+            it.files["kestrelmicro.bin"] = image.content;
         }
-        Transcript t({"micro"});
-        micro.Open(&t);
-        micro.Ask(&t);
-        t.Say(file.text[0], Words(file.text.begin() + 1, file.text.end()));
-        t.Event(1, "closed").Executed(true);
-        it.steps = {{t, 0}};
+        it.prepare = [&](const Place& place) {
+            if (image.target != nullptr) {
+                std::filesystem::create_symlink(image.target, place.work + "/kestrelmicro.bin");
+            }
+        };
+        it.Run({"micro"}, 0, std::string("m.open m.ask say:") + image.text + " closed:1 done");
         Play(it);
     }
 }

@@ -14,157 +14,126 @@
 namespace e2e {
 namespace {
 
-const Micro kMicro = {Pattern(6144)};
-const Camera kCamera = {Pattern(64512 + 700, 1), Pattern(1300, 2)};
-
-Case ProgressCase(const std::string& name) {
-    Case it;
-    it.name = "progress-" + name;
-    it.files = {{"kestrelmicro.bin", kMicro.image},
-                {"overlookcam.bin", kCamera.camera},
-                {"overlooksys.bin", kCamera.system},
-                {"overlookcamver", kCamera.new_camera},
-                {"overlooksysver", kCamera.new_system}};
-    it.unit = {"--micro-version", "0x12"};
-    it.kept = {{"kestrelmicro.bin", kMicro.image}};
-    return it;
-}
-
-size_t TotalSize() {
-    return kMicro.image.size() + kCamera.camera.size() + kCamera.system.size();
+Scene WholeScene() {
+    Scene scene;
+    scene.micro = Pattern(6144);
+    scene.camera = Pattern(64512 + 700, 1);
+    scene.system = Pattern(1300, 2);
+    return scene;
 }
 
 // A pipe whose reader holds it open from the beginning to the end. A writer may open it again
 // before the reader has seen the end, so the numbers are compared as one text.
-struct Pipe {
-    int fd = -1;
-
+class Pipe {
+  public:
     void Make(const Place& place) {
         const std::string path = place.work + "/pipe";
         EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-        fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        fd_ = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     }
     std::string Take() {
         char buffer[4096];
-        const ssize_t count = read(fd, buffer, sizeof buffer);
-        close(fd);
+        const ssize_t count = read(fd_, buffer, sizeof buffer);
+        close(fd_);
         return {buffer, static_cast<size_t>(count > 0 ? count : 0)};
     }
+
+  private:
+    int fd_ = -1;
 };
 
-TEST(Progress, EveryNumberReachesThePipeOverBothTargets) {
-    Case it = ProgressCase("pipe");
-    it.kept.insert({{"overlookcam.bin", kCamera.camera}, {"overlooksys.bin", kCamera.system}});
-    Transcript t({"all", "-p", "pipe", "10", "90"});
-    t.Progress(TotalSize(), 10, 90);
-    kMicro.Update(&t);
-    kCamera.Update(&t);
-    it.steps = {{t.Executed(true), 0}};
-    Pipe pipe;
-    it.prepare = [&](const Place& place) { pipe.Make(place); };
-    it.inspect = [&](const Place&) { EXPECT_EQ(pipe.Take(), t.positions()); };
-    Play(it);
-}
-
-// The designed pauses in full, on a line as fast as the real one.
-TEST(Progress, ARunInRealTimeTakesItsPausesAndTheTimeOfTheLine) {
-    Case it = ProgressCase("real-time");
-    it.kept.insert({{"overlookcam.bin", kCamera.camera}, {"overlooksys.bin", kCamera.system}});
-    it.unit.insert(it.unit.end(), {"--baud", "115200"});
-    it.delay_percent = 100;
-    Transcript t({"all", "-p", "pipe", "0", "100"});
-    t.Progress(TotalSize(), 0, 100);
-    kMicro.Update(&t);
-    kCamera.Update(&t);
-    it.steps = {{t.Executed(true), 0}};
+// Both targets with all numbers into a pipe; returns the seconds that it took.
+double PlayAllInto(Case* it, int low, int high) {
+    const Scene scene = WholeScene();
+    const size_t total = scene.micro.size() + scene.camera.size() + scene.system.size();
+    Transcript t({"all", "-p", "pipe", std::to_string(low), std::to_string(high)}, scene);
+    t.Progress(total, low, high).Tell("m.update c.update done");
+    it->kept = it->AllImages();
+    it->steps = {{t, 0}};
     Pipe pipe;
     std::chrono::steady_clock::time_point start;
-    it.prepare = [&](const Place& place) {
+    std::chrono::duration<double> taken{};
+    it->prepare = [&](const Place& place) {
         pipe.Make(place);
         start = std::chrono::steady_clock::now();
     };
-    it.inspect = [&](const Place&) {
-        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-        // The last block of the microcontroller is acknowledged up to ten milliseconds early.
-        EXPECT_GE(taken.count(), 3 + 3 * 3 + static_cast<double>(TotalSize()) * 11 / 115200 - 0.01);
+    it->inspect = [&](const Place&) {
+        taken = std::chrono::steady_clock::now() - start;
         EXPECT_EQ(pipe.Take(), t.positions());
     };
-    Play(it);
+    Play(*it);
+    return taken.count();
 }
 
-struct PipeCase {
-    const char* name;
-    std::string path;
-    const char* low;
-    const char* high;
-    int low_value;
-    int high_value;
-    const char* trouble = "";
-    Words unsteady;
-    std::string file_holds;  // of "position", when it is the path
-};
+TEST(Progress, EveryNumberReachesThePipeOverBothTargets) {
+    Case it("progress-pipe", WholeScene());
+    PlayAllInto(&it, 10, 90);
+}
 
-const PipeCase kPipeCases[] = {
-    {"file", "position", "0", "100", 0, 100, "", {}, "100"},
-    {"full-disk", "/dev/full", "0", "100", 0, 100, "pipe-write", {}, ""},
-    {"no-folder", "nowhere/pipe", "0", "100", 0, 100, "pipe-open", {}, ""},
-    {"folder", ".", "0", "100", 0, 100, "pipe-open", {}, ""},
-    {"reversed", "position", "100", "0", 100, 0, "", {}, "92"},
-    {"negative", "position", "-50", "50", -50, 50, "", {}, "50"},
-    {"below-zero", "position", "-100", "-1", -100, -1, "", {}, ""},
-    {"no-numbers", "position", "low", "high", 0, 0, "", {}, ""},
-    {"half-numbers", "position", "10low", "20", 10, 20, "", {}, "20"},
-};
+TEST(Progress, ARunInRealTimeTakesItsPausesAndTheTimeOfTheLine) {
+    Case it("progress-real-time", WholeScene());
+    it.unit.insert(it.unit.end(), {"--baud", "115200"});
+    it.delay_percent = 100;
+    // Four pauses of three seconds, and the images' bytes at 11 bit times each. The last block of
+    // the microcontroller is acknowledged up to ten milliseconds early.
+    EXPECT_GE(PlayAllInto(&it, 0, 100), 4 * 3 + (6144 + 65212 + 1300) * 11 / 115200.0 - 0.01);
+}
 
 TEST(Progress, TroubleWithPipeOrRangeNeverTouchesTheUpdate) {
-    for (const PipeCase& pipe : kPipeCases) {
-        Case it = ProgressCase(pipe.name);
-        Transcript t({"micro", "-p", pipe.path, pipe.low, pipe.high});
-        t.Progress(kMicro.image.size(), pipe.low_value, pipe.high_value, pipe.trouble, pipe.path);
-        kMicro.Update(&t);
-        it.steps = {{t.Executed(true), 0}};
+    std::string path;
+    for (int i = 0; i < 123; i++) {
+        path += "./";
+    }
+    const struct {
+        const char* name;
+        std::string path;
+        const char* low;
+        const char* high;
+        int low_value;
+        int high_value;
+        const char* trouble = "";
+        const char* position = "";  // what the file of that name holds at the end
+    } cases[] = {
+        {"progress-file", "position", "0", "100", 0, 100, "", "100"},
+        {"progress-longest-path", path + "/position", "0", "100", 0, 100, "", "100"},
+        {"progress-long-path", path + "//position", "0", "100", 0, 0, "pipe-long"},
+        {"progress-full-disk", "/dev/full", "0", "100", 0, 100, "pipe-write"},
+        {"progress-no-folder", "nowhere/pipe", "0", "100", 0, 100, "pipe-open"},
+        {"progress-directory", ".", "0", "100", 0, 100, "pipe-open"},
+        {"progress-reversed", "position", "100", "0", 100, 0, "", "92"},
+        {"progress-negative", "position", "-50", "50", -50, 50, "", "50"},
+        {"progress-below-zero", "position", "-100", "-1", -100, -1},
+        {"progress-no-numbers", "position", "low", "high", 0, 0},
+        {"progress-half-numbers", "position", "10low", "20", 10, 20, "", "20"},
+    };
+    for (const auto& pipe : cases) {
+        const Scene scene = WholeScene();
+        Case it(pipe.name, scene);
+        it.kept = {{"kestrelmicro.bin", scene.micro}};
+        Transcript t({"micro", "-p", pipe.path, pipe.low, pipe.high}, scene);
+        if (pipe.path.size() > 255) {
+            t.Say(pipe.trouble);
+        }
+        t.Progress(scene.micro.size(), pipe.low_value, pipe.high_value, pipe.trouble, pipe.path);
+        it.steps = {{t.Tell("m.update done"), 0}};
         it.inspect = [&](const Place& place) {
             std::ifstream file(place.work + "/position");
             std::string text;
             file >> text;
-            EXPECT_EQ(text, pipe.file_holds) << pipe.name;
-        };
-        Play(it);
-    }
-}
-
-TEST(Progress, APathThatDoesNotFitIsRefusedAndTheUpdateGoesOn) {
-    std::string path;
-    for (int i = 0; i < 126; i++) {
-        path += "./";
-    }
-    for (const bool fits : {true, false}) {
-        const std::string name = path + (fits ? "pos" : "posi");
-        ASSERT_EQ(name.size(), fits ? 255U : 256U);
-        Case it = ProgressCase(fits ? "longest" : "too-long");
-        Transcript t({"micro", "-p", name, "0", "100"});
-        if (fits) {
-            t.Progress(kMicro.image.size(), 0, 100);
-        } else {
-            t.Say("pipe-long");
-        }
-        kMicro.Update(&t);
-        it.steps = {{t.Executed(true), 0}};
-        it.inspect = [&](const Place& place) {
-            EXPECT_EQ(access((place.work + "/pos").c_str(), F_OK) == 0, fits);
-            EXPECT_NE(access((place.work + "/posi").c_str(), F_OK), 0);
+            EXPECT_EQ(text, pipe.position) << pipe.name;
         };
         Play(it);
     }
 }
 
 TEST(Progress, AReaderThatGoesAwayAgainAndAgainDoesNotEndTheUpdate) {
-    Case it = ProgressCase("reader-gone");
+    const Scene scene = WholeScene();
+    Case it("progress-reader-gone", scene);
+    it.kept = {{"kestrelmicro.bin", scene.micro}};
     it.unsteady = {"progressCtrlSetPos: could not write"};
-    Transcript t({"micro", "-p", "pipe", "0", "100"});
-    t.Progress(kMicro.image.size(), 0, 100);
-    kMicro.Update(&t);
-    it.steps = {{t.Executed(true), 0}};
+    Transcript t({"micro", "-p", "pipe", "0", "100"}, scene);
+    t.Progress(scene.micro.size(), 0, 100).Tell("m.update done");
+    it.steps = {{t, 0}};
     std::atomic<bool> done = false;
     std::thread reader;
     it.prepare = [&](const Place& place) {
@@ -186,22 +155,13 @@ TEST(Progress, AReaderThatGoesAwayAgainAndAgainDoesNotEndTheUpdate) {
 }
 
 TEST(Progress, AMissingImageSwitchesReportsOffAndNamesTheLastOne) {
-    Case it = ProgressCase("cannot-stat");
+    Case it("progress-cannot-stat", {});
     it.files.erase("kestrelmicro.bin");
     it.files.erase("overlookcam.bin");
-    it.kept.clear();
-    Transcript t({"all", "-p", "position", "0", "100"});
-    t.Say("cannot-stat", {"overlookcam.bin"});
-    kMicro.Open(&t);
-    kMicro.Ask(&t);
-    t.Say("micro-no-file").Event(1, "closed");
-    kCamera.Open(&t);
-    t.Say("count-blocks").Say("image-size", {"overlooksys.bin", "1300"});
-    t.Host(0, "\x82\x06\x77").Say("await-device-type");
-    kCamera.Reply(&t);
-    kCamera.Verdict(&t);
-    t.Say("no-file", {"overlookcam.bin"}).Say("come-up").Say("camera-failed", {"ffffffdc"});
-    it.steps = {{t.Event(0, "closed").Executed(false), 255}};
+    it.Run({"all", "-p", "position", "0", "100"}, 255,
+           "say:cannot-stat,overlookcam.bin m.open m.ask say:micro-no-file closed:1 c.open "
+           "say:count-blocks say:image-size,overlooksys.bin,200 c.request c.unit:13 c.reply "
+           "c.verdict say:no-file,overlookcam.bin say:come-up c.no-file");
     it.inspect = [](const Place& place) {
         EXPECT_NE(access((place.work + "/position").c_str(), F_OK), 0);
     };

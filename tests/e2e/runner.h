@@ -32,22 +32,33 @@ struct Step {
 };
 
 struct Case {
+    // Files and unit as the scene has them.
+    Case(const std::string& case_name, const Scene& case_scene, const Words& faults = {});
+
+    // One run of the updater.
+    void Run(const Words& arguments, int status, const std::string& story);
+    void Run(const Words& arguments, int status, const std::string& story, const Scene& now);
+
+    // The three images under their names.
+    Files AllImages() const;
+
     std::string name;
-    std::vector<std::string> unit;  // arguments of the simulator
+    Scene scene;
+    Words unit;  // arguments of the simulator
     Files files;
     std::vector<Step> steps;
-    int unit_status = 0;  // 3 when the unit has to refuse something
     Files kept;           // images that the unit holds at the end
+    int unit_status = 0;  // 3 when the unit has to refuse something
     // Changes the place when unit and files stand, before the first step.
     std::function<void(const Place&)> prepare;
     // Looks at the place after the last step, while the unit still runs.
     std::function<void(const Place&)> inspect;
     // Console lines that contain one of these texts are left out of the comparison.
-    std::vector<std::string> unsteady;
+    Words unsteady;
     int delay_percent = 5;  // of the designed pauses
     bool own_nodes = true;  // false: the updater looks for the board's own nodes
-    size_t stop_after = 0;  // console bytes after which the updater is ended by SIGTERM; the wire
-                            // is then not compared
+    // Console bytes after which the updater is ended by SIGTERM; the wire is then not compared.
+    size_t stop_after = 0;
 };
 
 // Plays the case and reports every difference as a failure. A machine so busy that the unit's

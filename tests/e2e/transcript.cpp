@@ -1,4 +1,5 @@
-// Transcripts are put together from fragments; the sequences are those of the two procedures.
+// Transcripts are told in words: plain ones that stand for a list of others, and ones that do
+// something.
 #include "tests/e2e/transcript.h"
 
 #include <stdio.h>
@@ -7,12 +8,42 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 namespace e2e {
 namespace {
 
 constexpr size_t kMicroBlock = 512;
 constexpr size_t kCameraBlock = 64512;
+
+// Words that stand for others. Those that begin with "m." are about the microcontroller, with "c."
+// about the camera.
+const std::map<std::string, const char*> kStories = {
+    {"m.open", "say:micro say:open opened:1"},
+    {"m.request", "host:1,ff44000401fe01fe01fe01"},
+    {"m.ask", "m.request m.unit:15 m.reply:13"},
+    {"m.begin", "m.open m.ask m.verdict say:micro-begin"},
+    {"m.work", "say:micro-working"},
+    {"m.ack", "unit:1,4806 say:micro-got,ACK,2"},
+    {"m.nack", "unit:1,480f say:micro-got,NACK,2"},
+    {"m.end", "m.work say:micro-end"},
+    {"m.update", "m.begin m.blocks:0,11 m.end closed:1"},
+    {"m.current", "m.open m.ask m.verdict closed:1"},
+    {"m.reboot", "say:micro say:open opened:1 say:reboot host:1,ff49000469fe01fe0197 closed:1"},
+    {"m.unheard", "say:no-delimiter closed:1"},
+    {"m.required", "m.verdict closed:1 say:required"},
+    {"c.begin", "c.ask c.unit:13 c.reply c.verdict"},
+    {"c.ask", "c.open c.sizes c.request"},
+    {"c.request", "host:0,820677 say:await-device-type"},
+    {"c.mode", "c.announce c.mode-unit:4 c.mode-reply"},
+    {"c.update", "c.begin c.mode c.transfer closed:0"},
+    {"c.current", "c.begin closed:0"},
+    {"c.unheard", "say:no-device-type say:camera-crashed closed:0 executed:un"},
+    {"c.failed", "say:camera-failed,ffffffff closed:0 executed:un"},
+    {"c.no-file", "say:camera-failed,ffffffdc closed:0 executed:un"},
+    {"done", "executed:"},
+    {"failed", "executed:un"},
+};
 
 std::map<std::string, std::string> LoadFragments() {
     std::map<std::string, std::string> fragments;
@@ -29,20 +60,6 @@ std::map<std::string, std::string> LoadFragments() {
     return fragments;
 }
 
-const std::string& Fragment(const std::string& name) {
-    static const std::map<std::string, std::string> fragments = LoadFragments();
-    const auto found = fragments.find(name);
-    if (found == fragments.end()) {
-        fprintf(stderr, "no text named %s\n", name.c_str());
-        abort();
-    }
-    return found->second;
-}
-
-std::string Number(size_t value) {
-    return std::to_string(value);
-}
-
 std::string Cut(const std::string& image, size_t block, size_t size) {
     return block * size < image.size() ? image.substr(block * size, size) : "";
 }
@@ -51,9 +68,186 @@ size_t Blocks(const std::string& image) {
     return (image.size() + kCameraBlock - 1) / kCameraBlock;
 }
 
-uint8_t At(const std::string& text, size_t position) {
-    return static_cast<uint8_t>(text[position]);
+std::string HexOf(const std::string& text, size_t at, int width = 1) {
+    return Hex(static_cast<uint8_t>(text[at]), width);
 }
+
+size_t Number(const Words& values, size_t at, size_t otherwise = 0) {
+    return at < values.size() ? std::stoul(values[at]) : otherwise;
+}
+
+std::string Text(size_t value) {
+    return std::to_string(value);
+}
+
+// A fresh block of data: read, framed and sent.
+void SendBlock(Transcript& t, const char* text, const char* file, uint8_t type, size_t number,
+               const std::string& data, size_t full) {
+    t.Say("read", {Text(data.size())});
+    if (data.size() < full) {
+        t.Say("last-block", {Text(data.size()), std::string(file) + " "});
+    }
+    t.Say(text, {Text(number), "1"}).Say("sending", {Text(number), Text(data.size() + 2)});
+    t.Count(data.size());
+    t.Bytes(type == 0x48 ? 1 : 0, '>', Frame(type, Word(number) + data));
+}
+
+// Block number and, where they differ, the number of the data's own block.
+void SendMicro(Transcript& t, const Words& v) {
+    const std::string data = Cut(t.scene().micro, Number(v, 1, Number(v, 0)), kMicroBlock);
+    SendBlock(t, "micro-block", "kestrelmicro.bin", 0x48, Number(v, 0), data, kMicroBlock);
+}
+
+void SendCamera(Transcript& t, const Words& v) {
+    const bool is_system = v.at(0) == "system";
+    const std::string& image = is_system ? t.scene().system : t.scene().camera;
+    const std::string data = Cut(image, Number(v, 2, Number(v, 1)), kCameraBlock);
+    SendBlock(t, is_system ? "system-block" : "camera-block",
+              is_system ? "overlooksys.bin" : "overlookcam.bin", is_system ? 0x89 : 0x88,
+              Number(v, 1), data, kCameraBlock);
+}
+
+void CameraBlocks(Transcript& t, const std::string& image, size_t blocks) {
+    for (size_t i = 0; i < blocks; i++) {
+        const std::string number = Text(i);
+        t.Say(image + "-working", {number});
+        SendCamera(t, {image, number});
+        t.Tell("unit:0,4806 c.got:4806");
+    }
+    t.Say(image + "-working", {Text(blocks)});
+}
+
+void ReplyBytes(Transcript& t, const char* text, const std::string& bytes) {
+    for (size_t i = 0; i < bytes.size(); i++) {
+        t.Say(text, {Text(i), HexOf(bytes, i)});
+    }
+}
+
+void CameraVerdict(Transcript& t, const Words&) {
+    const Scene& scene = t.scene();
+    t.Say(scene.camera_needed() ? "camera-needed" : "camera-current",
+          scene.camera_needed() ? Words{scene.unit_camera, scene.new_camera} : Words{});
+    t.Count(scene.camera_needed() ? 0 : scene.camera.size());
+    t.Say(scene.system_needed() ? "system-needed" : "system-current",
+          scene.system_needed() ? Words{scene.unit_system, scene.new_system} : Words{});
+    t.Count(scene.system_needed() ? 0 : scene.system.size());
+}
+
+using Doing = void (*)(Transcript&, const Words&);
+
+const std::map<std::string, Doing> kDoings = {
+    {"say", [](Transcript& t, const Words& v) { t.Say(v.at(0), Words(v.begin() + 1, v.end())); }},
+    {"opened", [](Transcript& t, const Words& v) { t.Event(std::stoi(v.at(0)), "opened"); }},
+    {"closed", [](Transcript& t, const Words& v) { t.Event(std::stoi(v.at(0)), "closed"); }},
+    {"gone",
+     [](Transcript& t, const Words& v) { t.Event(std::stoi(v.at(0)), "the line went away"); }},
+    {"host",
+     [](Transcript& t, const Words& v) { t.Bytes(std::stoi(v.at(0)), '>', FromHex(v.at(1))); }},
+    {"unit",
+     [](Transcript& t, const Words& v) { t.Bytes(std::stoi(v.at(0)), '<', FromHex(v.at(1))); }},
+    {"executed",
+     [](Transcript& t, const Words& v) {
+         t.Say("executed", {"kestrelflash " + t.arguments().at(0), v.at(0) + "successfully"});
+     }},
+    // So many bytes of the version reply, as they come and as they are shown.
+    {"m.unit",
+     [](Transcript& t, const Words& v) {
+         t.Bytes(1, '<', t.scene().VersionReply().substr(0, Number(v, 0)));
+     }},
+    {"m.reply",
+     [](Transcript& t, const Words& v) {
+         std::string bytes;
+         for (size_t i = 0; i < Number(v, 0); i++) {
+             bytes += "0x" + HexOf(t.scene().VersionReply(), i, 2) + " ";
+         }
+         t.Say("version-reply", {bytes});
+     }},
+    {"m.verdict",
+     [](Transcript& t, const Words&) {
+         const bool needed = static_cast<uint8_t>(t.scene().micro[0]) != t.scene().unit_micro;
+         t.Say("micro-versions", {HexOf(t.scene().micro, 0, 2), Hex(t.scene().unit_micro, 2),
+                                  needed ? "needed" : "not needed"});
+     }},
+    {"m.send", SendMicro},
+    {"m.blocks",
+     [](Transcript& t, const Words& v) {
+         for (size_t i = Number(v, 0); i <= Number(v, 1); i++) {
+             t.Tell("m.work m.send:" + Text(i) + " m.ack");
+         }
+     }},
+    {"m.retry",
+     [](Transcript& t, const Words& v) {
+         t.Say("micro-working").Say("micro-block", v).Say("sending", {v.at(0), "0"});
+         t.Bytes(1, '>', Frame(0x48, ""));
+     }},
+    // A block's answer of which only so many bytes were read.
+    {"m.miss",
+     [](Transcript& t, const Words& v) {
+         t.Say("micro-got", {"NACK", v.at(0)});
+     }},
+    {"c.open",
+     [](Transcript& t, const Words&) {
+         t.Say("camera").Say("argument", {"0", "kestrelflash"});
+         for (size_t i = 0; i < t.arguments().size(); i++) {
+             t.Say("argument", {Text(i + 1), t.arguments()[i]});
+         }
+         t.Tell("say:open opened:0");
+     }},
+    {"c.sizes",
+     [](Transcript& t, const Words&) {
+         t.Say("count-blocks");
+         t.Say("image-size", {"overlookcam.bin", Text(t.scene().camera.size())});
+         t.Say("image-size", {"overlooksys.bin", Text(t.scene().system.size())});
+     }},
+    {"c.unit",
+     [](Transcript& t, const Words& v) {
+         t.Bytes(0, '<', t.scene().DeviceType().substr(0, Number(v, 0)));
+     }},
+    {"c.reply",
+     [](Transcript& t, const Words&) {
+         t.Say("first-byte").Say("device-type");
+         ReplyBytes(t, "reply-byte", t.scene().DeviceType());
+     }},
+    {"c.verdict", CameraVerdict},
+    {"c.announce",
+     [](Transcript& t, const Words&) {
+         const Scene& scene = t.scene();
+         t.Bytes(0, '>',
+                 "\x87\x43\x72" + scene.FlashReply().substr(3) +
+                     Word(scene.camera_needed() ? Blocks(scene.camera) : 0) +
+                     Word(scene.system_needed() ? Blocks(scene.system) : 0));
+         t.Say("await-flash-mode");
+     }},
+    {"c.mode-unit",
+     [](Transcript& t, const Words& v) {
+         t.Bytes(0, '<', t.scene().FlashReply().substr(0, Number(v, 0)));
+     }},
+    {"c.mode-reply",
+     [](Transcript& t, const Words&) {
+         ReplyBytes(t, "reply-byte", t.scene().FlashReply());
+         t.Say("counts", {Text(Blocks(t.scene().camera)), Text(Blocks(t.scene().system))});
+     }},
+    {"c.send", SendCamera},
+    // A block's answer as it was read.
+    {"c.got",
+     [](Transcript& t, const Words& v) {
+         const std::string reply = FromHex(v.at(0));
+         t.Say("camera-got", {v.at(0) == "4806" ? "ACK" : "NACK", Text(reply.size())});
+         ReplyBytes(t, "reply-of-block", reply);
+     }},
+    {"c.camera-image",
+     [](Transcript& t, const Words&) { CameraBlocks(t, "camera", Blocks(t.scene().camera)); }},
+    {"c.transfer",
+     [](Transcript& t, const Words&) {
+         if (t.scene().camera_needed()) {
+             CameraBlocks(t, "camera", Blocks(t.scene().camera));
+         }
+         if (t.scene().system_needed()) {
+             CameraBlocks(t, "system", Blocks(t.scene().system));
+         }
+         t.Say("come-up");
+     }},
+};
 
 }  // namespace
 
@@ -65,6 +259,14 @@ std::string Hex(unsigned value, int width) {
     char text[16];
     snprintf(text, sizeof text, "%0*x", width, value);
     return text;
+}
+
+std::string FromHex(const std::string& hex) {
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
 }
 
 std::string Frame(uint8_t type, const std::string& payload) {
@@ -88,19 +290,38 @@ std::string Frame(uint8_t type, const std::string& payload) {
 }
 
 std::string Pattern(size_t size, uint8_t first) {
-    std::string text(size, '\0');
+    std::string text(size, static_cast<char>(first));
     uint32_t state = 0x2545F491U + first;
-    for (size_t i = 0; i < size; i++) {
+    for (size_t i = 1; i < size; i++) {
         state = state * 1664525U + 1013904223U;
         text[i] = static_cast<char>(state >> 24);
-    }
-    if (size > 0) {
-        text[0] = static_cast<char>(first);
     }
     return text;
 }
 
-Transcript::Transcript(const Words& arguments) : arguments_(arguments) {
+std::string Scene::VersionReply() const {
+    return std::string("\xFF\x14\x00\x0D", 4) + static_cast<char>(unit_micro) + "kestrelsim";
+}
+
+std::string Scene::DeviceType() const {
+    return "\xA0OVLK" + unit_system + unit_camera;
+}
+
+std::string Scene::FlashReply() const {
+    const char* mode = camera_needed() ? (system_needed() ? "\x05" : "\x03") : "\x01";
+    return std::string("\xA0\x43\x72") + mode;
+}
+
+Scene Scene::Updated() const {
+    Scene after = *this;
+    after.unit_micro = static_cast<uint8_t>(micro[0]);
+    after.unit_camera = new_camera;
+    after.unit_system = new_system;
+    return after;
+}
+
+Transcript::Transcript(const Words& arguments, const Scene& scene)
+    : scene_(scene), arguments_(arguments) {
     std::string all = "kestrelflash ";
     for (const std::string& argument : arguments) {
         all += argument + " ";
@@ -108,8 +329,41 @@ Transcript::Transcript(const Words& arguments) : arguments_(arguments) {
     Say("entered", {all});
 }
 
+Transcript& Transcript::Tell(const std::string& story) {
+    std::istringstream words(story);
+    for (std::string word; words >> word;) {
+        const size_t colon = std::min(word.find(':'), word.size());
+        const std::string name = word.substr(0, colon);
+        const auto list = kStories.find(name);
+        if (list != kStories.end()) {
+            Tell(list->second);
+            continue;
+        }
+        Words values;
+        std::istringstream rest(word.substr(std::min(colon + 1, word.size())));
+        for (std::string value; std::getline(rest, value, ',');) {
+            values.push_back(value);
+        }
+        if (values.empty()) {
+            values.emplace_back();
+        }
+        const auto doing = kDoings.find(name);
+        if (doing == kDoings.end()) {
+            fprintf(stderr, "no word %s\n", name.c_str());
+            abort();
+        }
+        doing->second(*this, values);
+    }
+    return *this;
+}
+
 Transcript& Transcript::Say(const std::string& name, const Words& values) {
-    std::string text = Fragment(name);
+    static const std::map<std::string, std::string> fragments = LoadFragments();
+    if (fragments.count(name) == 0) {
+        fprintf(stderr, "no text named %s\n", name.c_str());
+        abort();
+    }
+    std::string text = fragments.at(name);
     size_t at = 0;
     for (const std::string& value : values) {
         at = text.find("{}", at);
@@ -118,11 +372,6 @@ Transcript& Transcript::Say(const std::string& name, const Words& values) {
     }
     console_ += text;
     return *this;
-}
-
-Transcript& Transcript::Executed(bool successfully) {
-    return Say("executed", {"kestrelflash " + arguments_.at(0),
-                            successfully ? "successfully" : "unsuccessfully"});
 }
 
 Transcript& Transcript::Event(int port, const std::string& event) {
@@ -138,8 +387,8 @@ Transcript& Transcript::Bytes(int port, char direction, const std::string& bytes
     } else {
         wire_ += start;
     }
-    for (const char byte : bytes) {
-        wire_ += Hex(static_cast<uint8_t>(byte), 2);
+    for (size_t i = 0; i < bytes.size(); i++) {
+        wire_ += HexOf(bytes, i, 2);
     }
     wire_ += "\n";
     wire_end_ = start;
@@ -156,227 +405,18 @@ Transcript& Transcript::Progress(size_t total, int low, int high, const std::str
     return *this;
 }
 
-Transcript& Transcript::Count(size_t bytes) {
-    if (total_ > 0) {
-        done_ += static_cast<int>(bytes);
-        const int position = done_ * 100 / total_ * width_ / 100 + low_;
-        if (position > last_) {
-            last_ = position;
-            positions_ += std::to_string(position);
-            if (!trouble_.empty()) {
-                Say(trouble_, {path_});
-            }
-            Say("percent", {std::to_string(position)});
-        }
+void Transcript::Count(size_t bytes) {
+    done_ += static_cast<int>(bytes);
+    const int position = total_ > 0 ? done_ * 100 / total_ * width_ / 100 + low_ : 0;
+    if (position <= last_) {
+        return;
     }
-    return *this;
-}
-
-std::string Micro::Reply() const {
-    return std::string("\xFF\x14\x00\x0D", 4) + static_cast<char>(version) + "kestrelsim";
-}
-
-void Micro::Open(Transcript* t) const {
-    t->Say("micro").Say("open").Event(1, "opened");
-}
-
-void Micro::Ask(Transcript* t, size_t body) const {
-    t->Host(1, Frame(0x44, "\x01")).Unit(1, Reply().substr(0, 2 + body));
-    ShowReply(t, body);
-}
-
-void Micro::ShowReply(Transcript* t, size_t body) const {
-    std::string bytes;
-    for (size_t i = 0; i < body; i++) {
-        bytes += "0x" + Hex(At(Reply(), i), 2) + " ";
+    last_ = position;
+    positions_ += std::to_string(position);
+    if (!trouble_.empty()) {
+        Say(trouble_, {path_});
     }
-    t->Say("version-reply", {bytes});
-}
-
-void Micro::Verdict(Transcript* t) const {
-    const bool needed = At(image, 0) != version;
-    t->Say("micro-versions",
-           {Hex(At(image, 0), 2), Hex(version, 2), needed ? "needed" : "not needed"});
-}
-
-void Micro::Begin(Transcript* t) const {
-    Open(t);
-    Ask(t);
-    Verdict(t);
-    t->Say("micro-begin");
-}
-
-void Micro::Send(Transcript* t, int block, int from) const {
-    const auto number = static_cast<size_t>(block);
-    const std::string data = Cut(image, from < 0 ? number : static_cast<size_t>(from), kMicroBlock);
-    t->Say("read", {Number(data.size())});
-    if (data.size() < kMicroBlock) {
-        t->Say("last-block", {Number(data.size()), "kestrelmicro.bin "});
-    }
-    t->Say("micro-block", {Number(number), "1"})
-        .Say("sending", {Number(number), Number(data.size() + 2)});
-    t->Count(data.size()).Host(1, Frame(0x48, Word(number) + data));
-}
-
-void Micro::Got(Transcript* t, bool ack, int count) {
-    if (count == 2) {
-        t->Unit(1, ack ? "\x48\x06" : "\x48\x0F");
-    }
-    t->Say("micro-got", {ack ? "ACK" : "NACK", std::to_string(abs(count))});
-}
-
-void Micro::Block(Transcript* t, int block) const {
-    t->Say("micro-working");
-    Send(t, block);
-    Got(t, true);
-}
-
-void Micro::Blocks(Transcript* t, int from, int to) const {
-    for (int block = from; block <= to; block++) {
-        Block(t, block);
-    }
-}
-
-void Micro::Retry(Transcript* t, int block, int iteration) const {
-    const std::string number = std::to_string(block);
-    t->Say("micro-working").Say("micro-block", {number, std::to_string(iteration)});
-    t->Say("sending", {number, "0"}).Host(1, Frame(0x48, ""));
-}
-
-void Micro::End(Transcript* t) {
-    t->Say("micro-working").Say("micro-end");
-}
-
-void Micro::Update(Transcript* t) const {
-    Begin(t);
-    Blocks(t, 0, 11);
-    End(t);
-    Close(t);
-}
-
-std::string Camera::DeviceType() const {
-    return "\xA0OVLK" + unit_system + unit_camera;
-}
-
-std::string Camera::FlashReply() const {
-    const char mode = camera_needed() ? (system_needed() ? 5 : 3) : 1;
-    return std::string("\xA0\x43\x72") + mode;
-}
-
-void Camera::Open(Transcript* t) const {
-    t->Say("camera").Say("argument", {"0", "kestrelflash"});
-    for (size_t i = 0; i < t->arguments().size(); i++) {
-        t->Say("argument", {Number(i + 1), t->arguments()[i]});
-    }
-    t->Say("open").Event(0, "opened");
-}
-
-void Camera::Sizes(Transcript* t) const {
-    t->Say("count-blocks");
-    t->Say("image-size", {"overlookcam.bin", Number(camera.size())});
-    t->Say("image-size", {"overlooksys.bin", Number(system.size())});
-}
-
-void Camera::Ask(Transcript* t) const {
-    Open(t);
-    Sizes(t);
-    t->Host(0, "\x82\x06\x77").Say("await-device-type");
-}
-
-void Camera::Reply(Transcript* t) const {
-    t->Unit(0, DeviceType());
-    ShowReply(t);
-}
-
-void Camera::ShowReply(Transcript* t) const {
-    t->Say("first-byte").Say("device-type");
-    for (size_t i = 0; i < 13; i++) {
-        t->Say("reply-byte", {Number(i), Hex(At(DeviceType(), i))});
-    }
-}
-
-void Camera::Verdict(Transcript* t) const {
-    if (camera_needed()) {
-        t->Say("camera-needed", {unit_camera, new_camera});
-    } else {
-        t->Say("camera-current").Count(camera.size());
-    }
-    if (system_needed()) {
-        t->Say("system-needed", {unit_system, new_system});
-    } else {
-        t->Say("system-current").Count(system.size());
-    }
-}
-
-void Camera::Begin(Transcript* t) const {
-    Ask(t);
-    Reply(t);
-    Verdict(t);
-}
-
-void Camera::Announce(Transcript* t) const {
-    t->Host(0, "\x87\x43\x72" + FlashReply().substr(3) +
-                   Word(camera_needed() ? e2e::Blocks(camera) : 0) +
-                   Word(system_needed() ? e2e::Blocks(system) : 0));
-    t->Say("await-flash-mode");
-}
-
-void Camera::FlashMode(Transcript* t) const {
-    Announce(t);
-    t->Unit(0, FlashReply());
-    for (size_t i = 0; i < 4; i++) {
-        t->Say("reply-byte", {Number(i), Hex(At(FlashReply(), i))});
-    }
-    t->Say("counts", {Number(e2e::Blocks(camera)), Number(e2e::Blocks(system))});
-}
-
-void Camera::Send(Transcript* t, bool is_system, size_t block, size_t from) const {
-    const std::string data = Cut(is_system ? system : camera, from, kCameraBlock);
-    t->Say("read", {Number(data.size())});
-    if (data.size() < kCameraBlock) {
-        t->Say("last-block",
-               {Number(data.size()), is_system ? "overlooksys.bin " : "overlookcam.bin "});
-    }
-    t->Say(is_system ? "system-block" : "camera-block", {Number(block), "1"});
-    t->Say("sending", {Number(block), Number(data.size() + 2)}).Count(data.size());
-    t->Host(0, Frame(is_system ? 0x89 : 0x88, Word(block) + data));
-}
-
-void Camera::Got(Transcript* t, const std::string& reply) {
-    t->Say("camera-got", {reply == "\x48\x06" ? "ACK" : "NACK", Number(reply.size())});
-    for (size_t i = 0; i < reply.size(); i++) {
-        t->Say("reply-of-block", {Number(i), Hex(At(reply, i))});
-    }
-}
-
-void Camera::Block(Transcript* t, bool is_system, size_t block) const {
-    t->Say(is_system ? "system-working" : "camera-working", {Number(block)});
-    Send(t, is_system, block, block);
-    t->Unit(0, "\x48\x06");
-    Got(t, "\x48\x06");
-}
-
-void Camera::Transfer(Transcript* t) const {
-    if (camera_needed()) {
-        for (size_t block = 0; block < e2e::Blocks(camera); block++) {
-            Block(t, false, block);
-        }
-        t->Say("camera-working", {Number(e2e::Blocks(camera))});
-    }
-    if (system_needed()) {
-        for (size_t block = 0; block < e2e::Blocks(system); block++) {
-            Block(t, true, block);
-        }
-        t->Say("system-working", {Number(e2e::Blocks(system))});
-    }
-    t->Say("come-up");
-}
-
-void Camera::Update(Transcript* t) const {
-    Begin(t);
-    FlashMode(t);
-    Transfer(t);
-    Close(t);
+    Say("percent", {std::to_string(position)});
 }
 
 }  // namespace e2e
