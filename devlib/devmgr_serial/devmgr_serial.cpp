@@ -181,16 +181,6 @@ bool SerialLineEnabled(const DevMgrSerial_CB_t* serialCB) {
            serialCB->rx_enabled.load(std::memory_order_acquire) != 0;
 }
 
-void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info) {
-    const DevmgrSerial_CBInfo_t none = {};
-    const DevmgrSerial_CBInfo_t& now = info != nullptr ? *info : none;
-    serialCB->cbInfo.txCBFunc.store(nullptr, std::memory_order_release);
-    serialCB->cbInfo.rxCBFunc.store(nullptr, std::memory_order_release);
-    serialCB->cbInfo.Context_Data.store(now.Context_Data, std::memory_order_release);
-    serialCB->cbInfo.txCBFunc.store(now.txCBFunc, std::memory_order_release);
-    serialCB->cbInfo.rxCBFunc.store(now.rxCBFunc, std::memory_order_release);
-}
-
 void SerialLineCallbackRequest(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
     const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
     if (data->CBInfo == nullptr) {

@@ -12,8 +12,8 @@ inline DevMgrSerial_CB_t* SerialLineOf(DEVCB* pDev) {
 // 1 where either direction is enabled.
 bool SerialLineEnabled(const DevMgrSerial_CB_t* serialCB);
 
-// Sets or clears (null) a line's callbacks in such an order that its thread never pairs a callback
-// with another one's context.
+// Sets or clears (null) a line's callbacks; its thread never pairs a callback with another one's
+// context.
 void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info);
 
 // The callback request: null `CBInfo` stops the thread and clears the callbacks, otherwise they are

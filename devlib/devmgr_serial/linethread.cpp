@@ -1,10 +1,11 @@
 // The thread of a serial line: delivers what the line receives, and asks for output, through the
-// client's callbacks. It reads the line's flags and callbacks without a lock.
+// client's callbacks. It reads the line's flags without a lock.
 #include <pthread.h>
 #include <stdio.h>
 #include <sys/select.h>
 
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "devlib/devmgr_serial/line.h"
@@ -18,6 +19,8 @@ constexpr UInt32 kReadSize = 256;
 
 // Guards asyncTask_Args and the decision to start or stop a thread; never held while waiting.
 pthread_mutex_t startStopMutex = PTHREAD_MUTEX_INITIALIZER;
+// Guards every line's callbacks and context while they are read or changed together.
+pthread_mutex_t callbackMutex = PTHREAD_MUTEX_INITIALIZER;
 // Arguments of the thread being started, shared by all lines.
 UInt32 asyncTask_Args[4];
 
@@ -60,24 +63,13 @@ UInt32 CallingTask() {
     return task;
 }
 
-// A callback and its context, read as one although they are two fields: the writer clears the
-// callback before it changes the context.
-template <typename CallbackT>
-struct BoundT {
-    CallbackT function;
-    void* context;
-};
-
-template <typename CallbackT>
-BoundT<CallbackT> LoadCallback(const std::atomic<CallbackT>& field,
-                               const std::atomic<void*>& context) {
-    for (;;) {
-        const BoundT<CallbackT> bound = {field.load(std::memory_order_acquire),
-                                         context.load(std::memory_order_acquire)};
-        if (field.load(std::memory_order_acquire) == bound.function) {
-            return bound;
-        }
-    }
+// The callbacks as one: a single field can be read at any time, but a function must not meet the
+// context of the one before or after it.
+DevmgrSerial_CBInfo_t LoadCallbacks(const DevMgrSerial_CB_t* serialCB) {
+    const MutexGuardT held(&callbackMutex);
+    return {serialCB->cbInfo.txCBFunc.load(std::memory_order_relaxed),
+            serialCB->cbInfo.rxCBFunc.load(std::memory_order_relaxed),
+            serialCB->cbInfo.Context_Data.load(std::memory_order_relaxed)};
 }
 
 bool WantsOutput(const DevMgrSerial_CB_t* serialCB) {
@@ -92,19 +84,21 @@ bool StillMine(const DevMgrSerial_CB_t* serialCB, UInt32 self) {
     return id == self || id == kSerialThreadLeaving;
 }
 
-void Deliver(DevMgrSerial_CB_t* serialCB) {
+// Hands over what has arrived; false when the read gave nothing.
+bool Deliver(DevMgrSerial_CB_t* serialCB) {
     SInt8 bytes[kReadSize];
     const int count = SerialLineReadNow(serialCB, bytes, kReadSize);
     if (count < 0) {
         // A line that is hung up stays readable: without a pause this thread would spin.
         udelay(kPollMicroseconds);
-        return;
+        return false;
     }
-    const auto rx = LoadCallback(serialCB->cbInfo.rxCBFunc, serialCB->cbInfo.Context_Data);
-    if (count > 0 && rx.function != nullptr) {
+    const DevmgrSerial_CBInfo_t callbacks = LoadCallbacks(serialCB);
+    if (count > 0 && callbacks.rxCBFunc != nullptr) {
         DevmgrSerial_CBdata_t data = {bytes, {static_cast<UInt32>(count)}};
-        rx.function(rx.context, &data);
+        callbacks.rxCBFunc(callbacks.Context_Data, &data);
     }
+    return count > 0;
 }
 
 // One round: waits for the line for at most 5 ms. Returns false when it cannot be waited for.
@@ -126,13 +120,13 @@ bool ServeLine(DevMgrSerial_CB_t* serialCB, UInt32 self) {
     if (ready < 1) {
         return ready == 0;
     }
-    if (FD_ISSET(fd, &readable)) {
-        Deliver(serialCB);
+    if (FD_ISSET(fd, &readable) && !Deliver(serialCB)) {
+        return true;
     }
     if (FD_ISSET(fd, &writable) && StillMine(serialCB, self) && WantsOutput(serialCB)) {
-        const auto tx = LoadCallback(serialCB->cbInfo.txCBFunc, serialCB->cbInfo.Context_Data);
-        if (tx.function != nullptr) {
-            tx.function(tx.context);
+        const DevmgrSerial_CBInfo_t callbacks = LoadCallbacks(serialCB);
+        if (callbacks.txCBFunc != nullptr) {
+            callbacks.txCBFunc(callbacks.Context_Data);
         }
     }
     return true;
@@ -172,6 +166,15 @@ void LeaveRecord(DevMgrSerial_CB_t* serialCB, UInt32 self) {
 }
 
 }  // namespace
+
+void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info) {
+    const DevmgrSerial_CBInfo_t none = {};
+    const DevmgrSerial_CBInfo_t& now = info != nullptr ? *info : none;
+    const MutexGuardT held(&callbackMutex);
+    serialCB->cbInfo.Context_Data.store(now.Context_Data, std::memory_order_release);
+    serialCB->cbInfo.txCBFunc.store(now.txCBFunc, std::memory_order_release);
+    serialCB->cbInfo.rxCBFunc.store(now.rxCBFunc, std::memory_order_release);
+}
 
 void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t* serialCB, UInt32* err) {
     const StartStopLockT held(serialCB);

@@ -146,23 +146,30 @@ UInt32 SetUpDevice(int port, UInt32 devid, const DevmgrSerial_Config_t& config,
     return err;
 }
 
-// The rest of opening, for a reserved port. After a failure the device is closed again.
-eErrorT OpenReserved(int port, const RS232Cfg& cfg, DevmgrSerial_CBInfo_t* callbacks) {
+// The rest of opening, for a reserved port. Returns whether the port is open. After a failure the
+// device is closed again and `result` holds the code, which is 0 for a failure of the device table
+// that no code stands for.
+bool OpenReserved(int port, const RS232Cfg& cfg, DevmgrSerial_CBInfo_t* callbacks,
+                  eErrorT* result) {
     UInt32 devid = 0;
     if (!OpenDevice(port, &devid)) {
-        return kItemNotFound;
+        *result = kItemNotFound;
+        return false;
     }
     DevmgrSerial_Config_t config = {};
     if (!TranslateConfig(cfg, &config)) {
         dev_close(devid);
-        return kBadParameter;
+        *result = kBadParameter;
+        return false;
     }
     const UInt32 err = SetUpDevice(port, devid, config, callbacks);
     if (err != 0) {
         dev_close(devid);
-        return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
+        *result = Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
+        return false;
     }
-    return kNoError;
+    *result = kNoError;
+    return true;
 }
 
 eErrorT SendStatus(int port, UInt32 devid, UInt32 status, const char* operation) {
@@ -292,8 +299,8 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
         return kAlreadyInUse;
     }
     DevmgrSerial_CBInfo_t callbacks = {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext};
-    const eErrorT result = OpenReserved(port, *serialCfg, &callbacks);
-    if (result != kNoError) {
+    eErrorT result;
+    if (!OpenReserved(port, *serialCfg, &callbacks, &result)) {
         SerialFreePort(port);
         return result;
     }
