@@ -87,6 +87,7 @@ typedef struct ModCallbackS {
 
 // The module header. The owner zero-fills its record before ModInit and may preset the operations
 // marked so, and processorNum.
+// The fields' order is fixed. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 typedef struct ModS {
     ListT list;
     eErrorT (*Exit)(struct ModS* pMod);
@@ -130,11 +131,10 @@ typedef struct ModDeferredFuncS {
     DeferredFuncPtrT pFunc;
     void* userDefined;
     UInt32 time;                                 // milliseconds at queueing
+    DeferredStageT stage;                        // private
     alignas(8) unsigned char args[kModMaxArgs];  // a copy of the caller's
-    // Private to the service:
-    DeferredStageT stage;
-    UInt32 serial;       // which use of the block this is
-    UInt32 incarnation;  // which use of the task's id
+    UInt32 serial;                               // private: which use of the block this is
+    UInt32 incarnation;                          // private: which use of the task's id
 } ModDeferredFuncT;
 
 typedef struct ModDeferredCallbackS {

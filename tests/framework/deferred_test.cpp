@@ -456,6 +456,7 @@ TEST(Deferred, EveryCallThatWasAcceptedRunsOnceWhileTasksComeAndGo) {
     std::atomic<UInt32> target{0};
     std::atomic<bool> stop{false};
     std::vector<std::thread> senders;
+    senders.reserve(2);
     for (int i = 0; i < 2; i++) {
         senders.emplace_back([&] {
             UInt32 ignored;

@@ -211,6 +211,7 @@ TEST(List, ProtectedFormsLoseNothingBetweenThreads) {
         ListEnqueue(&free_list, &element.list);
     }
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; i++) {
         threads.emplace_back([&] {
             for (int round = 0; round < kRounds; round++) {

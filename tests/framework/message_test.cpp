@@ -446,6 +446,7 @@ TEST(Message, SubCommandsAreChosenByTheSecondWord) {
     char response[kMsgMaxLen + 1] = "";
     const auto parse = [&](std::vector<std::string> words, std::string* printed) {
         std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
         for (std::string& word : words) {
             argv.push_back(word.data());
         }
@@ -485,6 +486,7 @@ TEST(Message, SeveralTasksSendAtOnceAndEveryCommandIsAnswered) {
     constexpr size_t kSenders = 4;
     constexpr size_t kLines = 200;
     std::vector<std::thread> senders;
+    senders.reserve(kSenders);
     std::atomic<bool> stop{false};
     std::thread changer([&stop] {  // the table changes meanwhile
         CmdEntryT extra = {{}, "sx", WordsCmd, 1, nullptr, 0, 0};

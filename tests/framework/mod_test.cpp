@@ -316,7 +316,7 @@ TEST(Mod, DumpsShowTableNameAndRange) {
     EXPECT_EQ(dump([] { EXPECT_EQ(ModDumpRange(0, 3, 99999), kNoError); }), "");
     EXPECT_EQ(dump([] { EXPECT_EQ(ModDumpRange(1, 0, 9), kBadParameter); }), "");
     ModT* sorted[3] = {&mods[0], &mods[1], &mods[2]};
-    qsort(sorted, 3, sizeof(sorted[0]), ModCompare);
+    qsort(sorted, 3, sizeof(void*), ModCompare);
     EXPECT_EQ(sorted[0], &mods[2]);
     EXPECT_EQ(sorted[2], &mods[0]);
     char text[6];

@@ -70,6 +70,7 @@ TEST(Hash, FillsToTheLastEntryReplacesAndRefuses) {
     EXPECT_EQ(HashAdd(&table, "x", nullptr), kBadParameter);
     HashInit(&table, entries, kHashEntries);
     std::vector<std::string> names;
+    names.reserve(kHashEntries);
     for (int i = 0; i < kHashEntries; i++) {
         names.push_back("name" + std::to_string(i * i));
     }
@@ -237,14 +238,14 @@ TEST(ModMan, ProxyFunctionsGoWhereTheSideOfTheLinkWantsThem) {
     const ProxyServerFuncT server = [](ModT*, char*) { return 0; };
     const auto server_value = reinterpret_cast<HashValueT>(server);
     const struct {
-        eProxyNodeT side;
         const char* name;
+        eProxyNodeT side;
         bool client_stored;
     } cases[] = {
-        {kProxyClient, "Open", true},
-        {kProxyClient, "CallCallbacks", false},
-        {kProxyServer, "Close", false},
-        {kProxyServer, "CallCallbacks", true},
+        {"Open", kProxyClient, true},
+        {"CallCallbacks", kProxyClient, false},
+        {"Close", kProxyServer, false},
+        {"CallCallbacks", kProxyServer, true},
     };
     for (const auto& c : cases) {
         HashInit(&entry->proxyFuncHash, entry->proxyFuncHashEntries, kHashEntries);
@@ -256,6 +257,7 @@ TEST(ModMan, ProxyFunctionsGoWhereTheSideOfTheLinkWantsThem) {
         EXPECT_EQ(HashFind(&entry->proxyFuncHash, c.name) == server_value, !c.client_stored);
     }
     std::vector<std::string> names;
+    names.reserve(kHashEntries);
     for (int i = 0; i < kHashEntries; i++) {
         names.push_back(std::to_string(i));
     }
