@@ -281,6 +281,10 @@ int ModCancelDeferredFunctions(DeferredFuncPtrT pFunc, void* userDefined);
 // The number of deferred calls of `pFunc` with `userDefined` that wait or run.
 int ModCountDeferredFunctions(DeferredFuncPtrT pFunc, void* userDefined);
 
+// The number of deferred callbacks of a module that wait or run: while there is one, the module's
+// record is still needed after ModExit.
+int ModCountDeferredCallbacks(const ModT* pMod);
+
 // The loop of a task that hosts modules: waits for events, serves them, and after a pass that had
 // kModEventExit deletes the task. Returns only when the caller is no task.
 void ModTaskLoop();

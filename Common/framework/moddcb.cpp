@@ -255,3 +255,13 @@ int ModProcessDeferredCallbacks() {
     }
     return pass.Runs();
 }
+
+int ModCountDeferredCallbacks(const ModT* pMod) {
+    ModSetUp();
+    const SemGuardT lock(deferredCallbackRegion);
+    int count = 0;
+    for (const ModDeferredCallbackT& block : gFreeDeferredCallbacks) {
+        count += block.stage != kDeferredFree && block.pMod == pMod;
+    }
+    return count;
+}
