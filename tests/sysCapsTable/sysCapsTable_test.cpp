@@ -1,0 +1,145 @@
+// The capabilities table, with a product of the test's own.
+#include "Common/OS/sysCapsTable.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Common/framework/config.h"
+#include "tests/config/store_tree.h"
+#include "tests/support/stdout_file.h"
+
+namespace {
+
+float gZoom = 2.5F;
+int gBuilt;
+
+void* Number(std::uintptr_t number) {
+    return reinterpret_cast<void*>(number);
+}
+
+char gCodec[] = "wideband";
+sysCapsT gVideo[] = {{"zoom", &gZoom, 0, " %f "}, {"zoom", nullptr, 1, " %f "}, {}};
+sysCapsT gAudio[] = {{"codec", gCodec, 0, "%s"}, {}};
+sysCapsT gComm[] = {{"rate", Number(64), 0, "%d"}, {"rate", Number(128), 1, "%d"}, {}};
+sysCapsT gSystem[] = {{"ports", Number(7), 0, "0x%02x"}, {}};
+sysCapsT* gTable[] = {gVideo, gAudio, gComm, nullptr, gSystem};
+
+sysCapsT** Build(hwTypeT hwType) {
+    EXPECT_EQ(hwType, kHarbor);
+    gBuilt++;
+    return gTable;
+}
+
+struct RateQuestionT {
+    int rate;
+    Boolean asymmetric, encrypted;
+};
+std::vector<RateQuestionT> gAsked;
+
+const sysCapsT* Rates(hwTypeT, int rate, Boolean asymmetric, Boolean encrypted) {
+    static sysCapsT rows[] = {{"rate", nullptr, 1, "%d"}, {"unknown", nullptr, 0, "%d"}, {}};
+    gAsked.push_back({rate, asymmetric, encrypted});
+    rows[0].val = Number(static_cast<unsigned int>(rate));
+    return encrypted != 0 ? nullptr : rows;
+}
+
+constexpr SysCapsProductT kProduct = {Build, Rates};
+
+std::string Formatted(UInt32 section, const char* name, unsigned int instance) {
+    char text[kSysCapValueSize] = "(none)";
+    getCapability(section, name, instance, text);
+    return text;
+}
+
+}  // namespace
+
+TEST(SysCaps, WithoutAProductThereAreNoRows) {
+    const StdoutFile out;
+    EXPECT_EQ(getCapability(eSysCapComm, "rate", 0, nullptr), nullptr);
+    EXPECT_EQ(setCapability(eSysCapComm, "rate", 0, nullptr), kFuncReturnedError);
+    dumpCapabilities(nullptr, 7);
+    EXPECT_EQ(out.Text(), "");
+    setenv("CORVANE_BOARDID", "tamarisk", 1);
+    EXPECT_EQ(setRateCapabilities(0, 0), 0U);
+}
+
+TEST(SysCaps, RowsAreFoundByExactNameAndInstanceAndShownInTheirFormat) {
+    SetSystemHardwareType(kHarbor);
+    sysCapsSetProduct(&kProduct);
+    const struct {
+        UInt32 section;
+        const char* name;
+        unsigned int instance;
+        const void* value;
+        const char* text;
+    } cases[] = {
+        {eSysCapVideo, "zoom", 0, &gZoom, " 2.500000 "},
+        {eSysCapAudio, "codec", 0, gCodec, "wideband"},
+        {eSysCapComm, "rate", 1, Number(128), "128"},
+        {eSysCapSystem, "ports", 0, Number(7), "0x07"},
+        {eSysCapComm, "Rate", 1, nullptr, "(none)"},
+        {eSysCapComm, "rate", 2, nullptr, "(none)"},
+        {eSysCapHardware, "rate", 0, nullptr, "(none)"},
+        {7, "rate", 0, nullptr, "(none)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(getCapability(c.section, c.name, c.instance, nullptr), c.value);
+        EXPECT_EQ(Formatted(c.section, c.name, c.instance), c.text);
+    }
+    EXPECT_EQ(gBuilt, 1);
+    EXPECT_EQ(Formatted(eSysCapVideo, "zoom", 1), " 0.000000 ") << "a float without value";
+    EXPECT_EQ(setCapability(eSysCapComm, "rate", 1, Number(99)), kNoError);
+    EXPECT_EQ(Formatted(eSysCapComm, "rate", 1), "99");
+    EXPECT_EQ(setCapability(5, "rate", 1, Number(99)), kFuncReturnedError);
+    std::string longest(200, 'x');
+    setCapability(eSysCapAudio, "codec", 0, longest.data());
+    EXPECT_EQ(Formatted(eSysCapAudio, "codec", 0), std::string(79, 'x'));
+}
+
+TEST(SysCaps, ADumpBeyondTheSectionsShowsAll) {
+    SetSystemHardwareType(kHarbor);
+    sysCapsSetProduct(&kProduct);
+    const StdoutFile out;
+    dumpCapabilities(nullptr, eSysCapComm);
+    EXPECT_EQ(out.Text(),
+              "Section: comm\tKey: rate\tInstance: 0\tValue: 64\n"
+              "Section: comm\tKey: rate\tInstance: 1\tValue: 128\n");
+    static std::string seen;
+    dumpCapabilities(
+        [](const char* section, const char* key, unsigned int, const char* value) {
+            seen += std::string(section) + "/" + key + "=" + value + ";";
+        },
+        7);
+    EXPECT_EQ(seen,
+              "video/zoom= 2.500000 ;video/zoom= 0.000000 ;audio/codec=wideband;comm/rate=64;"
+              "comm/rate=128;system/ports=0x07;");
+}
+
+TEST(SysCaps, TheRateFollowsBoardAndSecurityAndChangesNothingWhenRefused) {
+    const StoreTree tree;
+    SetSystemHardwareType(kHarbor);
+    sysCapsSetProduct(&kProduct);
+    EXPECT_EQ(setRateCapabilities(0, 0), 0U) << "no board";
+    EXPECT_TRUE(gAsked.empty());
+    const struct {
+        const char* board;
+        const char* secure;
+        int rate;
+    } cases[] = {{"Tamarisk", "True", 8192}, {"oak", "False", 6144}, {"oak", "TRUE", 4096}};
+    for (const auto& c : cases) {
+        setenv("CORVANE_BOARDID", c.board, 1);
+        ConfigWrite("securemode", 0, c.secure);
+        EXPECT_EQ(setRateCapabilities(1, 0), 1U);
+        EXPECT_EQ(gAsked.back().rate, c.rate);
+        EXPECT_EQ(gAsked.back().asymmetric, 1U);
+        EXPECT_EQ(crntTableRate, c.rate);
+        EXPECT_EQ(Formatted(eSysCapComm, "rate", 1), std::to_string(c.rate));
+        EXPECT_EQ(Formatted(eSysCapComm, "rate", 0), "64");
+    }
+    ConfigWrite("securemode", 0, "False");
+    EXPECT_EQ(setRateCapabilities(0, 1), 0U) << "no rates";
+    EXPECT_EQ(crntTableRate, 4096);
+}
