@@ -31,7 +31,7 @@ void CountedFree(BufT* pBuf, UInt32 type) {
     BufFreeMem(pBuf, type);
 }
 
-// A pool whose memory is counted.
+// A pool whose memory is counted. Ends with all its buffers freed.
 struct PoolT {
     explicit PoolT(unsigned int max, const char* name = "pool", int instance = 0) {
         pool.BufAllocMem = CountedAlloc;
@@ -39,8 +39,27 @@ struct PoolT {
         EXPECT_EQ(BufPoolInit(&pool, name, instance, &owner, max, 1000, sizeof(BufT), 10, 7),
                   kNoError);
     }
-    BufT* Take() { return BufPoolBufAlloc(&pool); }
-    void Return(BufT* pBuf) { EXPECT_EQ(BufPoolBufFree(&pool, pBuf), kNoError); }
+    ~PoolT() {
+        for (BufT* pBuf : std::set<BufT*>(out)) {
+            Return(pBuf);
+        }
+        BufPoolExit(&pool);
+        EXPECT_TRUE(numBufPools != 0 || gMade == gFreed) << gMade << ' ' << gFreed;
+    }
+    PoolT(const PoolT&) = delete;
+    PoolT& operator=(const PoolT&) = delete;
+
+    BufT* Take() {
+        BufT* pBuf = BufPoolBufAlloc(&pool);
+        if (pBuf != nullptr) {
+            out.insert(pBuf);
+        }
+        return pBuf;
+    }
+    void Return(BufT* pBuf) {
+        out.erase(pBuf);
+        EXPECT_EQ(BufPoolBufFree(&pool, pBuf), kNoError);
+    }
     std::vector<BufT*> TakeAll() {
         std::vector<BufT*> all;
         while (BufT* pBuf = Take()) {
@@ -48,6 +67,7 @@ struct PoolT {
         }
         return all;
     }
+    std::set<BufT*> out;
     ModT owner = {};
     BufPoolT pool = {};
 };
@@ -129,7 +149,6 @@ TEST(BufPool, BuffersThatComeBackAfterTheCloseAreFreed) {
     p.pool.BufDescFree(&p.pool, desc);
     EXPECT_EQ(gFreed, gMade);
     EXPECT_EQ(p.pool.numFreeBufs, 0U);
-    BufPoolExit(&p.pool);
 }
 
 TEST(BufPool, AFailedPreallocationLeavesNothingBehind) {
@@ -172,9 +191,6 @@ TEST(BufPool, DescriptorsShareDataAndAreReusedWithoutTheOldPointers) {
     EXPECT_EQ(desc->pDup, nullptr);
     EXPECT_EQ(desc->ptr, nullptr);
     BufPoolDescFree(&p.pool, desc);
-    p.Return(pBuf);
-    BufPoolExit(&p.pool);
-    EXPECT_EQ(gMade, gFreed);
 }
 
 TEST(BufPool, ListedPoolsAreFoundDumpedAndChecked) {
@@ -287,7 +303,6 @@ TEST(BufPool, ClosingWhileBuffersComeBackLosesNone) {
         BufPoolClose(&p.pool);
         other.join();
         ASSERT_EQ(gMade, gFreed) << round;
-        BufPoolExit(&p.pool);
     }
 }
 

@@ -8,9 +8,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "Common/OS/logmsg.h"
+
 namespace fs = std::filesystem;
 
 StoreTree::StoreTree() {
+    gConfigLoaded = 1;
     char root[] = "/tmp/harbor_store_XXXXXX";
     root_ = mkdtemp(root);
     chmod(root, 0755);

@@ -1,5 +1,6 @@
 // A store of the test's own: the fallback folders in a temporary place, and a working directory
-// beside them. The process must not have initialised the configuration yet.
+// beside them. The process must not have initialised the configuration yet. The log is told that it
+// has loaded its settings, so that it does not fill the cache when it likes.
 #pragma once
 
 #include <string>
