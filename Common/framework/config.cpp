@@ -37,10 +37,19 @@ constexpr UInt32 kLockTime = 1000;
 constexpr int kStoreReadLen = 370;
 constexpr size_t kJoinedNameSize = 256;  // of names built from instances
 constexpr size_t kHashHeads = 2048;      // a power of two
+constexpr size_t kChangeMutexes = 16;
 
 pthread_mutex_t gInitMutex = PTHREAD_MUTEX_INITIALIZER;
 ConfigItemT* gHashHeads[kHashHeads];  // under configSemaphore
 UInt32 gChanges;                      // writes and deletes so far; under configSemaphore
+
+// Held by a write or delete from the change of the cache to that of the file, so that of several
+// tasks the last in the cache is the last in the file too. By hash of the variable; reads and
+// callbacks are done without.
+struct ChangeMutexT {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+constinit ChangeMutexT gChangeMutexes[kChangeMutexes];
 
 pthread_mutex_t gRetiredMutex = PTHREAD_MUTEX_INITIALIZER;
 ListT* gRetired;  // under gRetiredMutex
@@ -194,6 +203,10 @@ ListT** BucketOf(const KeyT& key) {
 
 ConfigItemT** HashLink(UInt32 hash) {
     return &gHashHeads[hash & (kHashHeads - 1)];
+}
+
+pthread_mutex_t* ChangeMutex(const KeyT& key) {
+    return &gChangeMutexes[key.hash % kChangeMutexes].mutex;
 }
 
 ConfigItemT* Find(const KeyT& key) {
@@ -546,15 +559,21 @@ eErrorT ConfigWriteEx(const char* pName, int instance, const char* value, const 
     if (!Begin(key, pName)) {
         return kBadParameter;
     }
+    const bool store = (flags & kConfigCacheOnly) == 0;
+    const size_t length = store ? strcspn(value, "\r\n") : strlen(value);
     ItemUseT replaced;
     ItemUseT use;
-    if (IsUnchanged(key, value) || !WriteItemToCache(key, value, &use, &replaced)) {
+    if (IsUnchanged(key, value)) {
         return kNoError;
     }
-    size_t length = strlen(value);
-    if ((flags & kConfigCacheOnly) == 0) {
-        length = strcspn(value, "\r\n");
-        ConfigStoreWriteText(key.name, instance, value, length);
+    {
+        const MutexGuardT change(ChangeMutex(key));
+        if (!WriteItemToCache(key, value, &use, &replaced)) {
+            return kNoError;
+        }
+        if (store) {
+            ConfigStoreWriteText(key.name, instance, value, length);
+        }
     }
     if (ProxyProcessorNum() == 0 && !IsSecret(key.name)) {
         loginfo("config", "%s[%d]:%.*s\n", key.name, instance, static_cast<int>(length), value);
@@ -606,8 +625,9 @@ eErrorT ConfigDelete(const char* pName, int instance) {
     if (ProxyProcessorNum() == 0) {
         loginfo("config", "delete %s[%d]\n", key.name, instance);
     }
-    ConfigStoreDelete(key.name, instance);
     ItemUseT removed;
+    const MutexGuardT change(ChangeMutex(key));
+    ConfigStoreDelete(key.name, instance);
     const CacheGuardT cache("deleting");
     ConfigItemT* item = nullptr;
     if (cache.Held()) {

@@ -115,6 +115,21 @@ TEST(ConfigTasks, EveryChangeReachesAWatcherOnceWhileTheItemChangesClass) {
     ConfigExit();
 }
 
+TEST(ConfigTasks, TheLastWriterInTheCacheIsTheLastInTheFile) {
+    const StoreTree tree;
+    ConfigInit();
+    for (int round = 0; round < 60; round++) {
+        InEightTasks(3, [](int t, int i) {
+            ConfigWrite("v", 0, Number(t * 1000 + i, (t + i) % 2 == 0).c_str());
+        });
+        char value[kConfigValueSize];
+        ConfigRead("v", 0, value);
+        const std::string file = tree.Get("dat/v.dat");
+        ASSERT_EQ(file.substr(0, file.find('\n')), value) << round;
+    }
+    ConfigExit();
+}
+
 TEST(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
     const StoreTree tree;
     ConfigInit();
