@@ -1,0 +1,91 @@
+// The board's eight serial lines as pseudo-terminals: a folder of their nodes that HARBOR_DEV_DIR
+// names for the life of the object, and the far end of each line.
+#pragma once
+
+#include <pty.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+class PtyLines {
+  public:
+    static constexpr int kCount = 8;
+
+    PtyLines() {
+        setenv("HARBOR_DEV_DIR", mkdtemp(folder_), 1);
+        for (int port = 0; port < kCount; port++) {
+            Plug(port);
+        }
+    }
+    ~PtyLines() {
+        for (int port = 0; port < kCount; port++) {
+            HangUp(port);
+        }
+        std::filesystem::remove_all(folder_);
+    }
+
+    // Makes the port's line and node.
+    void Plug(int port) {
+        char name[64];
+        openpty(&far_[port], &near_[port], name, nullptr, nullptr);
+        std::filesystem::create_symlink(name, Node(port));
+    }
+
+    // The far end goes, as when a cable with its adapter is pulled; its node stays.
+    void HangUp(int port) {
+        close(near_[port]);
+        close(far_[port]);
+        near_[port] = far_[port] = -1;
+    }
+
+    std::string Node(int port) const {
+        static constexpr const char* kNodes[kCount] = {"fpgaserial0", "fpgaserial1", "fpgaserial4",
+                                                       "fpgaserial5", "ttyS1",       "fpgaserial6",
+                                                       "ttyUSB0",     "ttyUSB1"};
+        return std::string(folder_) + "/" + kNodes[port];
+    }
+
+    int near(int port) const { return near_[port]; }
+
+    void Send(int port, std::string bytes) const {
+        while (!bytes.empty()) {
+            const ssize_t sent = write(far_[port], bytes.data(), bytes.size());
+            bytes.erase(0, sent > 0 ? static_cast<size_t>(sent) : 0);
+        }
+    }
+
+    // Waits for `size` bytes from the near end.
+    std::string Receive(int port, size_t size) const {
+        std::string bytes;
+        char byte;
+        while (bytes.size() < size && read(far_[port], &byte, 1) == 1) {
+            bytes += byte;
+        }
+        return bytes;
+    }
+
+    // Bytes that wait to be read by the near or the far end.
+    int Unread(int port) const { return Count(near_[port]); }
+    int Echoed(int port) const { return Count(far_[port]); }
+
+    termios Attributes(int port) const {
+        termios line = {};
+        tcgetattr(near_[port], &line);
+        return line;
+    }
+
+  private:
+    static int Count(int fd) {
+        int count = -1;
+        ioctl(fd, FIONREAD, &count);
+        return count;
+    }
+
+    char folder_[32] = "/tmp/harbor_lines_XXXXXX";
+    int far_[kCount];
+    int near_[kCount];
+};
