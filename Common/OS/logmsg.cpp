@@ -317,7 +317,7 @@ int logmsg_print(const char* msg, int len) {
     if (msg == nullptr || msg[0] == '\0' || len <= 0) {
         return 0;
     }
-    if (gConfigLoaded.load(std::memory_order_relaxed) == 0 &&
+    if (gConfigLoaded.load(std::memory_order_relaxed) == 0 && Config() != nullptr &&
         gConfigLoaded.exchange(1, std::memory_order_relaxed) == 0) {
         LoadSettings();
     }

@@ -42,8 +42,8 @@ typedef struct LogConfigS {
 // for what its caller holds.
 void logmsg_set_config(const LogConfigT* config);
 
-// 0 until the first line is printed, which sets it and loads filters and format from the
-// configuration. A program that sets it to 1 beforehand keeps the log off the configuration.
+// 0 until the first line is printed after a configuration was registered, which sets it and loads
+// filters and format. A program that sets it to 1 beforehand keeps the log off the configuration.
 extern std::atomic<int> gConfigLoaded;
 
 // Filters one finished line of `len` characters and queues it. Returns `len`, or 0 when the line

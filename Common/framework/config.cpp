@@ -39,7 +39,8 @@ constexpr size_t kJoinedNameSize = 256;  // of names built from instances
 constexpr size_t kHashHeads = 2048;      // a power of two
 constexpr size_t kChangeMutexes = 16;
 
-pthread_mutex_t gInitMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t gInitMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+bool gInitRunning;                    // set by the first ConfigInit; under gInitMutex
 ConfigItemT* gHashHeads[kHashHeads];  // under configSemaphore
 UInt32 gChanges;                      // writes and deletes so far; under configSemaphore
 
@@ -470,18 +471,37 @@ eErrorT ConfigInit() {
     }
     const NoCancelT no_cancel;
     const MutexGuardT guard(&gInitMutex);
-    if (gConfigInitialized.load(std::memory_order_relaxed) != 0) {
+    if (gInitRunning) {
+        // Done meanwhile, or a line that is logged in here asks for its filters.
         return kNoError;
     }
+    gInitRunning = true;
     UInt32 smid = 0;
     sm_create("cnfg", 1, 2, &smid);
     configSemaphore.store(smid);
     ModInit(&gConfig.mod, "Config", 0, nullptr);
     memset(gConfig.pItems, 0, sizeof(gConfig.pItems));
+    // Before the flush task starts: every task logs its start, and the first line of all loads the
+    // log's settings.
+    logmsg_set_config(&kLogConfig);
     ConfigStoreInit();
     gConfigInitialized.store(1, std::memory_order_release);
-    logmsg_set_config(&kLogConfig);
     return kNoError;
+}
+
+void ConfigLoadLogSettings() {
+    const bool loaded = gConfigLoaded.exchange(1) != 0;
+    ConfigInit();
+    if (!loaded) {
+        if (logmsg_showfilter_load() > 0) {
+            logmsg_showfilter_dump();
+        }
+        if (logmsg_cullfilter_load() > 0) {
+            logmsg_cullfilter_dump();
+        }
+        logmsg_format_load();
+    }
+    logmsg_spewfilter_load();
 }
 
 eErrorT ConfigExit() {

@@ -70,9 +70,14 @@ extern ConfigT gConfig;
 extern std::atomic<int> gConfigInitialized;
 extern std::atomic<UInt32> configSemaphore;
 
-// Makes the database and starts the store, the first time, and gives the log its configuration.
-// Programs call it before they log, so that the first line finds its filters. Always kNoError.
+// Makes the database and starts the store, the first time, and gives the log its configuration: the
+// first line that is printed from then on loads filters and format. Always kNoError.
 eErrorT ConfigInit();
+
+// ConfigInit for a program's start, before it has tasks: loads the log's filters, format and repeat
+// filter at once, in the calling task, and shows the filters. So what the program sets afterwards
+// is not overtaken by another task's first line.
+void ConfigLoadLogSettings();
 
 // Empties the cache and deletes the semaphore; for the end of a program, when no other task uses
 // the configuration. Always kNoError.

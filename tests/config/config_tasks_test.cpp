@@ -162,8 +162,13 @@ TEST(ConfigTasks, ADeferredCallbackFindsTheItemOfADeletedVariable) {
     Attach();
     ModuleTask listener("list");
     listener.Run([] { ConfigAddCallback("v", 3, Look, nullptr); });
+    std::atomic<bool> busy{false};
     std::atomic<bool> go{false};
-    listener.Post([&] { Eventually([&] { return go.load(); }); });
+    listener.Post([&] {
+        busy = true;
+        Eventually([&] { return go.load(); });
+    });
+    ASSERT_TRUE(Eventually([&] { return busy.load(); }));
     ConfigWriteInt32("v", 3, 1);                        // queued with a short item,
     ConfigWrite("v", 3, std::string(50, 'x').c_str());  // then with the long one that replaced it
     ConfigDelete("v", 3);

@@ -436,8 +436,7 @@ TEST(Config, LogSettingsOfOneRunWorkInTheNext) {
     gConfigLoaded = 0;
     const pid_t first = fork();
     if (first == 0) {
-        ConfigInit();
-        loginfo("first", "line: what is stored is loaded\n");
+        ConfigLoadLogSettings();
         logmsg_showfilter_add("config");
         logmsg_cullfilter_add("noisy");
         logmsg_set_format(kLogFormatLevel);
@@ -450,19 +449,28 @@ TEST(Config, LogSettingsOfOneRunWorkInTheNext) {
     waitpid(first, &status, 0);
     ASSERT_EQ(status, 0);
     EXPECT_EQ(tree.Get("dat/logformat.dat"), "level \n");
-    ConfigInit();
     const StdoutFile out;
+    ConfigLoadLogSettings();
+    EXPECT_TRUE(out.Has("show filters:\n  \"config\"\ncull filters:\n  \"noisy\"\n"));
+    EXPECT_EQ(logmsg_get_spewfilter(), 1);
     InitSyslogInterface();
-    loginfo("first", "line\n");
-    EXPECT_TRUE(Eventually([] { return logmsg_get_format() == kLogFormatLevel; }));
     ConfigWrite("noisy", 0, "culled");
     ConfigWrite("quiet", 0, "shown");
     loginfo("other", "hidden\n");
-    EXPECT_TRUE(out.WaitFor("show filters:\n  \"config\"\ncull filters:\n  \"noisy\"\n"));
     EXPECT_TRUE(out.WaitFor("INFO  pc[0]: config: quiet[0]:shown\n"));
     EXPECT_FALSE(out.Has("culled"));
     EXPECT_FALSE(out.Has("hidden"));
-    EXPECT_EQ(logmsg_get_spewfilter(), 0);
-    logmsg_spewfilter_load();
-    EXPECT_EQ(logmsg_get_spewfilter(), 1);
+}
+
+TEST(Config, TheFirstLineLoadsTheLogSettingsThoughTheStoreIsStillStarting) {
+    const StoreTree tree;
+    gConfigLoaded = 0;
+    tree.Put("dat/logformat.dat", "level\n");
+    const StdoutFile out;
+    InitSyslogInterface();
+    loginfo("early", "before there is a configuration\n");
+    EXPECT_EQ(gConfigLoaded, 0);
+    ConfigInit();  // its own task logs its start
+    loginfo("first", "line\n");
+    EXPECT_TRUE(Eventually([] { return logmsg_get_format() == kLogFormatLevel; }));
 }
