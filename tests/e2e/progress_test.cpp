@@ -53,15 +53,20 @@ double PlayAllInto(Case* it, int low, int high) {
     Pipe pipe;
     std::chrono::steady_clock::time_point start;
     std::chrono::duration<double> taken{};
+    std::string positions;
     it->prepare = [&](const Place& place) {
         pipe.Make(place);
         start = std::chrono::steady_clock::now();
     };
     it->inspect = [&](const Place&) {
         taken = std::chrono::steady_clock::now() - start;
-        EXPECT_EQ(pipe.Take(), t.positions());
+        positions = pipe.Take();
     };
     Play(*it);
+    if (testing::Test::IsSkipped()) {
+        return 1e9;
+    }
+    EXPECT_EQ(positions, t.positions());
     return taken.count();
 }
 
