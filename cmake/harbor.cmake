@@ -21,6 +21,10 @@ endif()
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 
+# The compiler cache may pass paths relative to the build folder.
+file(RELATIVE_PATH HARBOR_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}/.)
+string(REGEX REPLACE "/+$" "" HARBOR_FROM_BUILD "${HARBOR_FROM_BUILD}")
+
 # Flags of everything, tools and tests included. Programs are linked at fixed addresses so that
 # static control blocks lie under 4 GiB; source paths in assertions are relative to the root.
 add_library(harbor_flags INTERFACE)
@@ -29,7 +33,7 @@ target_compile_options(harbor_flags INTERFACE
     -Wall -Wextra -Wshadow -Wconversion
     $<$<BOOL:${HARBOR_WERROR}>:-Werror>
     -fno-pie -fsigned-char -fexceptions
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${HARBOR_FROM_BUILD}/=)
 target_link_options(harbor_flags INTERFACE -no-pie)
 target_link_libraries(harbor_flags INTERFACE Threads::Threads)
 if(HARBOR_SANITIZE)

@@ -37,9 +37,12 @@ count() { # LANE PASSED FAILED SKIPPED
     echo "$1: $2 passed, $3 failed, $4 skipped"
 }
 
-configure_and_build() { # PRESET
-    cmake --preset "$1" >"$run_dir/$1.log" &&
-        cmake --build --preset "$1" >>"$run_dir/$1.log" || { tail -40 "$run_dir/$1.log"; return 1; }
+configure_and_build() { # PRESET [TARGET...]
+    local preset=$1
+    shift
+    cmake --preset "$preset" >"$run_dir/$preset.log" 2>&1 &&
+        cmake --build --preset "$preset" ${1:+--target "$@"} >>"$run_dir/$preset.log" 2>&1 ||
+        { tail -40 "$run_dir/$preset.log"; return 1; }
 }
 
 fast_lane() {
@@ -58,15 +61,24 @@ fast_lane() {
 
 # Tools of the host-board build run in the machine too: the simulated unit stands behind its lines.
 pack_initrd() {
+    local programs data
+    mapfile -t programs < <(find "$root_dir/build/target/tests" -maxdepth 1 -type f -executable)
+    mapfile -t data < <(find "$root_dir/tests" -type f \
+        ! -name '*.cpp' ! -name '*.h' ! -name CMakeLists.txt)
     sh "$target_dir/board/makeimages.sh" "$run_dir/images" &&
         "$target_dir/mkinitrd.sh" "$initrd" "$harbor_bin/machine-init" "$busybox" \
-            "$host_board_bin" "$harbor_bin" "${suites[@]}" \
+            "$host_board_bin" "$harbor_bin" "${programs[@]}" "${data[@]}" \
             "$target_dir/board=/board" \
             "$target_dir/package/update.sh=/board/update.sh" "$run_dir/images=/board/images"
 }
 
+# The programs that CMake registered as suites; each has a script of its own there.
 suite_programs() {
-    find "$root_dir/build/target/tests" -maxdepth 1 -type f -executable | sort
+    local folder="$root_dir/build/target/tests" script
+    find "$folder" -mindepth 2 -name '*_include.cmake' | sort | while read -r script; do
+        script=$(basename "$script" _include.cmake)
+        echo "$folder/${script%\[*}"
+    done
 }
 
 # What a machine's log says, into the counts; failures and skips are shown.
@@ -82,6 +94,17 @@ count_machine() { # LANE NAME...
     count "$lane" $p $f $s
 }
 
+# Unpacks the files that machines sent out.
+receive() { # FOLDER MACHINE...
+    local folder="$traces/target/$1" name
+    shift
+    rm -rf "$folder" && mkdir -p "$folder" || return 1
+    for name in "$@"; do
+        gzip -dc "$machine_dir/$name.out" |
+            (cd "$folder" && cpio --extract --quiet --make-directories) || return 1
+    done
+}
+
 exceptions() {
     sed -n '/^[^#]/s/^/except /p' "$target_dir/exceptions.txt"
 }
@@ -94,6 +117,7 @@ full_lane() {
     for ((shard = 0; shard < shards; ++shard)); do
         {
             echo "shard $shard $shards"
+            echo "env E2E_RECORD_DIR=/out"
             exceptions
             for suite in "${suites[@]}"; do
                 case $suite in
@@ -101,6 +125,7 @@ full_lane() {
                     *) echo "suite $suite $filter" ;;
                 esac
             done
+            echo "show sh /board/send.sh /out"
         } >"$run_dir/suites$shard.job"
         names+=("suites$shard")
         machine_run "suites$shard" "$initrd" "$run_dir/suites$shard.job" "$suites_seconds" &
@@ -111,6 +136,7 @@ full_lane() {
     done
     [ $status -eq 0 ] || return 1
     count_machine "full lane" "${names[@]}"
+    receive e2e "${names[@]}"
 }
 
 # What the board's cases and measurements find in their environment, as orders of a job.
@@ -178,66 +204,85 @@ check_clock_writes() {
     fi
 }
 
+# The board's cases and the end-to-end cases natively, on pseudo-terminals.
+native_runs() {
+    local name failures=0
+    rm -rf "$traces/native" && mkdir -p "$traces/native"/{board,e2e} || return 1
+    for name in $(sh "$target_dir/board/cases.sh" list); do
+        OUT="$traces/native/board" IMAGES="$run_dir/images" UPDATER="$native_bin/kestrelflash" \
+            LAUNCHER="$target_dir/package/update.sh" SIMULATOR="$native_bin/kestrelsim" \
+            sh "$target_dir/board/cases.sh" "$name" >"$run_dir/native-case.log" 2>&1 ||
+            { failures=$((failures + 1)); cat "$run_dir/native-case.log"; }
+    done
+    [ $failures -eq 0 ] || echo "$failures cases failed natively"
+    E2E_RECORD_DIR="$traces/native/e2e" ctest --preset host -L e2e >"$run_dir/native-e2e.log" ||
+        tail -40 "$run_dir/native-e2e.log"
+}
+
+# The native runs that equality compares with keep the machines company: both wait most of the time.
 board_lane() {
-    local board clock status=0
+    local board clock native status=0
+    (native_runs) &
+    native=$!
     (run_board_machine) &
     board=$!
     (run_clock_machine) &
     clock=$!
     wait $board || status=1
     wait $clock || status=1
+    wait $native || status=1
     [ $status -eq 0 ] || return 1
     count_machine "board lane" board clock
     check_clock_writes
-    rm -rf "$traces/target" && mkdir -p "$traces/target" || return 1
-    (cd "$traces/target" && gzip -dc "$run_dir/board.out" | cpio --extract --quiet --make-directories)
+    receive board board
 }
 
-# The same cases natively, on pseudo-terminals, and the comparison.
+# What native runs and those in the machine printed and sent, compared.
 equality() {
-    local name failures=0
-    rm -rf "$traces/native" && mkdir -p "$traces/native" || return 1
-    for name in $(sh "$target_dir/board/cases.sh" list); do
-        OUT="$traces/native" IMAGES="$run_dir/images" UPDATER="$native_bin/kestrelflash" \
-            LAUNCHER="$target_dir/package/update.sh" \
-            SIMULATOR="$native_bin/kestrelsim" sh "$target_dir/board/cases.sh" "$name" ||
-            failures=$((failures + 1))
+    local lane verdict same=0 different=0 a b
+    : >"$run_dir/equality.txt"
+    for lane in board e2e; do
+        verdict=$("$target_dir/compare.sh" "$traces/native/$lane" "$traces/target/$lane" \
+            "$run_dir/equality.txt") || [ -n "$verdict" ] || return 1
+        read -r a _ b _ <<<"$verdict"
+        same=$((same + a)) different=$((different + b))
     done
-    [ $failures -eq 0 ] || echo "$failures cases failed natively"
-    local verdict
-    verdict=$("$target_dir/compare.sh" "$traces/native" "$traces/target" \
-        "$run_dir/equality.txt") || true
-    cat "$run_dir/equality.txt"
-    read -r same _ different _ <<<"$verdict"
-    count "equality of native and big-endian runs" "$same" "$different" 0
+    grep DIFFERENT "$run_dir/equality.txt" || true
+    count "equality of native and big-endian runs" $same $different 0
 }
 
 footprint() {
-    "$target_dir/footprint.sh" "$harbor_bin/kestrelflash" "$traces/target" \
+    "$target_dir/footprint.sh" "$harbor_bin/kestrelflash" "$traces/target/board" \
         "$root_dir/docs/FOOTPRINT.md"
 }
 
-stage "packages" need_packages "${target_packages[@]}"
-stage "build for the board's processor, host board" configure_and_build target
-stage "fast lane: single-threaded suites in user-mode emulation" fast_lane
-if [ "$fast_only" = no ]; then
-    prepare_machine() {
-        machine_kernel=$("$target_dir/build-kernel.sh") &&
-            busybox=$("$target_dir/build-busybox.sh")
-    }
-    stage "kernel and shell (cached)" prepare_machine
-    stage "build for the board's processor, harbor board" configure_and_build target-harbor
-    stage "build of what runs beside the machine" configure_and_build host
-    mapfile -t suites < <(suite_programs)
-    stage "RAM disk" pack_initrd
-    stage "full lane: every suite in the emulated machine" full_lane
-    if [ -z "$filter" ]; then
-        stage "board lane: what ships, on the board's device nodes" board_lane
-        stage "equality: the same cases natively, compared" equality
-        stage "footprint" footprint
+prepare_machine() {
+    machine_kernel=$("$target_dir/build-kernel.sh") &&
+        busybox=$("$target_dir/build-busybox.sh")
+}
+
+main() {
+    stage "packages" need_packages "${target_packages[@]}"
+    stage "build for the board's processor, host board" configure_and_build target
+    stage "fast lane: single-threaded suites in user-mode emulation" fast_lane
+    if [ "$fast_only" = no ]; then
+        stage "kernel and shell (cached)" prepare_machine
+        stage "build for the board's processor, harbor board" configure_and_build target-harbor
+        stage "native build of what runs beside the machine" configure_and_build host \
+            kestrelflash kestrelsim clockplayer e2e_test
+        mapfile -t suites < <(suite_programs)
+        stage "RAM disk" pack_initrd
+        stage "full lane: every suite in the emulated machine" full_lane
+        if [ -z "$filter" ]; then
+            stage "board lane: what ships, on the board's device nodes" board_lane
+            stage "equality: the same cases natively, compared" equality
+            stage "footprint" footprint
+        fi
     fi
-fi
-echo "== times"
-print_stage_times
-echo "$passed passed, $failed failed, $skipped skipped"
-[ "$failed" -eq 0 ]
+    echo "== times"
+    print_stage_times
+    echo "$passed passed, $failed failed, $skipped skipped"
+    [ "$failed" -eq 0 ]
+}
+
+main

@@ -54,6 +54,7 @@ void MountAll() {
             printf("mount %s: %s\n", entry.place, strerror(errno));
         }
     }
+    chmod("/tmp", 01777);
 }
 
 void OpenConsole() {

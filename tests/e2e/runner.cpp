@@ -253,7 +253,7 @@ class Rig {
         fs::create_directories(folder);
         for (size_t i = 0; i < steps_.size(); i++) {
             const std::string name = folder + "/" + case_.name + "." + std::to_string(i + 1);
-            WriteFile(name + ".console", steps_[i].console);
+            WriteFile(name + ".console", WithoutLines(steps_[i].console, case_.unsteady));
             WriteFile(name + ".wire",
                       steps_[i].wire + "exit " + std::to_string(steps_[i].status) + "\n");
         }

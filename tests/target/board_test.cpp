@@ -107,6 +107,8 @@ TEST(BoardClock, DoesNotReadTheBlocksCounter) {
 TEST(BoardClock, FrameworkTimerRunsByAnotherClock) {
     PlaceAtTheClockBlock(kSharedMemory);
     TreeStub();
+    UInt32 self = 0;
+    t_attach("main", 0, &self);
     RealTimeMilliSeconds();
     ASSERT_TRUE(Eventually([] { return RealTimeMilliSeconds() > 0; }));
     static std::atomic<bool> fired = false;
