@@ -227,12 +227,9 @@ int FollowWrap(int next, int tail) {
 bool DrainOne() {
     ReadSideT side;
     const int tail = log_buffer_tail.load(std::memory_order_acquire);
-    int head = log_buffer_head.load(std::memory_order_relaxed);
+    const int head = log_buffer_head.load(std::memory_order_relaxed);
     if (!side.held() || head == tail) {
         return false;
-    }
-    if (buf[head] == '\0' && head > tail) {  // wrapped when everything had been read
-        head = 0;
     }
     const char* line = buf + head;
     const int length = static_cast<int>(strlen(line));
@@ -251,7 +248,7 @@ bool DrainOne() {
         log_buffer_head.store(next, std::memory_order_release);
         side.Release();
     }
-    if (length > 0) {
+    if (length > 0) {  // nothing stands where producers wrapped with everything read
         WriteLine(line, length);
     }
     if (!fits) {
