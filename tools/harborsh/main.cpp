@@ -88,9 +88,7 @@ class MaskedT {
     sigset_t before_;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
     CLI::App app("A shell over the framework's text commands.");
     OptionsT options;
     app.add_option("-c", options.commands, "run the lines, separated by semicolons, and end")
@@ -115,4 +113,15 @@ int main(int argc, char** argv) {
     const int status = Run(options);
     harborsh::StopServices();
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "harborsh: %s\n", error.what());
+        return 1;
+    }
 }
