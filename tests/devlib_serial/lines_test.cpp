@@ -166,7 +166,7 @@ TEST_F(SerialLine, ACallbackIsNeverPairedWithAnothersContext) {
     const DevmgrSerial_CBInfo_t infos[2] = {{CheckContext<0>, nullptr, &calls[0]},
                                             {CheckContext<1>, nullptr, &calls[1]}};
     Start(kCpu, false, false, SERIAL_DIRECTION_TX);
-    while (calls[0] < 20000 || calls[1] < 20000) {
+    while (calls[0] < 100000 || calls[1] < 100000) {
         for (int i = 0; i < 1000; i++) {
             SerialLineSetCallbacks(&CBList[kCpu], &infos[i % 2]);
         }

@@ -136,6 +136,7 @@ TEST_F(SerialSettings, ReceiversAreSwitchedOnlyAsFarAsTheLineAgrees) {
         {PORT_TX_ENABLE, 0, 1, 1, 1, 1, 0, kNone},
         {PORT_RX_DISABLE | PORT_TX_DISABLE, -1, 1, 1, 0, 0, 9, 1},
         {PORT_RX_DISABLE | PORT_TX_DISABLE, 0, 0, 0, 0, 0, 0, 1},
+        {PORT_RX_ENABLE, -1, 0, 0, 0, 1, 9, 0},
         {15, 0, 1, 1, 1, 1, 0, 0},  // enabling wins
         {0, 0, 1, 1, 1, 1, 0, kNone},
     };
@@ -150,7 +151,7 @@ TEST_F(SerialSettings, ReceiversAreSwitchedOnlyAsFarAsTheLineAgrees) {
         EXPECT_EQ((applied.c_cflag & CREAD) != 0, c.bits == 0 || c.cpu_rx == 1);
         EXPECT_EQ(CBList[4].tx_enabled, c.cpu_tx);
         EXPECT_EQ(CBList[4].rx_enabled, c.cpu_rx);
-        EXPECT_EQ(CBList[4].asyncThread_running, c.cpu_tx + c.cpu_rx > 0 ? 1u : 0u);
+        EXPECT_EQ(CBList[4].asyncThread_running, c.err == 0 && c.cpu_tx + c.cpu_rx > 0 ? 1u : 0u);
     }
     DevMgrSerial_Stop_AsyncThread(&CBList[4]);
 }
