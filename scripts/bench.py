@@ -61,6 +61,37 @@ TABLES = [
         ("logger()", "EventLogger", None, "ns", 100),
         ("logger() beside a bare clock read", "EventLogger", "BareClock", "ratio", None),
     ]),
+    ("Configuration", "bench_config", [
+        ("cached read, 300 variables, beside a mutex-guarded std::unordered_map", "CachedRead/300",
+         "CachedReadGuardedMap/300", "ratio", 1.5),
+        ("the same, 100 variables", "CachedRead/100", "CachedReadGuardedMap/100", "ratio", 1.5),
+        ("the same, 1,000 variables", "CachedRead/1000", "CachedReadGuardedMap/1000", "ratio", None),
+        ("the same, 10,000 variables", "CachedRead/10000", "CachedReadGuardedMap/10000", "ratio",
+         None),
+        ("cached read, 300 variables, beside SQLite in memory", "CachedRead/300",
+         "CachedReadSqlite/300", "ratio", None),
+        ("unchanged write beside the guarded map", "UnchangedWrite/300",
+         "UnchangedWriteGuardedMap/300", "ratio", None),
+        ("unchanged write beside SQLite in memory", "UnchangedWrite/300", "UnchangedWriteSqlite/300",
+         "ratio", None),
+        ("first read, from the store, beside SQLite on the same disk", "FirstRead/iterations:3000",
+         "FirstReadSqlite/iterations:3000", "ratio", None),
+        ("changed write, to the store, beside SQLite on the same disk", "ChangedWrite",
+         "ChangedWriteSqlite/rollback", "ratio", None),
+        ("the same beside SQLite with a write-ahead log", "ChangedWrite", "ChangedWriteSqlite/wal",
+         "ratio", None),
+    ]),
+    ("Buffer pools: take and return beside the heap, zeroed, aligned, guarded", "bench_bufpool", [
+        (f"{size:,} bytes, {threads} thread{'s' if threads > 1 else ''}",
+         f"PoolAllocFree/{size}/real_time/threads:{threads}",
+         f"HeapAllocFree/{size}/real_time/threads:{threads}", "times", 3)
+        for size in (256, 1536, 4096, 16384) for threads in (1, 4)
+    ] + [
+        (f"{size:,} bytes, 1 thread, beside aligned_alloc, memset and free alone",
+         f"PoolAllocFree/{size}/real_time/threads:1",
+         f"BareHeapAllocFree/{size}/real_time/threads:1", "times", None)
+        for size in (1536, 16384)
+    ] + [("open a pool of 1,000 buffers of 1,536 bytes", "OpenPoolOf1000", None, "shown", None)]),
 ]
 
 UPDATE_ROWS = [
