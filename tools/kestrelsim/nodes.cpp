@@ -68,6 +68,11 @@ void Nodes::Unlink(int port) {
     linked_.erase(std::remove(linked_.begin(), linked_.end(), port), linked_.end());
 }
 
+bool Nodes::Watches(int port) const {
+    return std::any_of(ports_of_watches_.begin(), ports_of_watches_.end(),
+                       [port](const auto& it) { return it.second == port; });
+}
+
 std::vector<Nodes::Event> Nodes::Events() {
     std::vector<Event> events;
     alignas(inotify_event) char buffer[4096];

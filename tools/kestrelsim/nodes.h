@@ -34,6 +34,9 @@ class Nodes {
     int fd() const { return watch_fd_; }
     std::vector<Event> Events();
 
+    // Whether openings of the port are seen; those of a line that was attached are not.
+    bool Watches(int port) const;
+
     const std::string& folder() const { return folder_; }
 
   private:

@@ -157,7 +157,10 @@ void Simulator::Serve(Port* port, Nanos now) {
     if (!port->line) {
         return;
     }
-    Receive(port, port->line->Receive(now, static_cast<size_t>(port->bytes_left)), now);
+    // A host that opened the line a moment ago may have written already; its opening is told first.
+    if (port->opened > 0 || !nodes_.Watches(port->number)) {
+        Receive(port, port->line->Receive(now, static_cast<size_t>(port->bytes_left)), now);
+    }
     if (port->bytes_left == 0) {
         EndOfHost(port, now);
         CloseLine(port, "the line went away");
