@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "Common/OS/assertion.h"
 #include "Common/OS/bintree.h"
@@ -16,14 +14,13 @@
 #include "Common/OS/linux/procinfo.h"
 #include "Common/OS/linux/wordset.h"
 
-TEST(Errors, CodesKeepTheirNumbersAndEveryCodeHasAText) {
-    EXPECT_EQ(kItemNotFound, -25);
+TEST(Errors, ACodeHasNoTextOrAForeignNumber) {
     EXPECT_EQ(kFileOpenError, -36);
-    EXPECT_EQ(kMaxError, -49);
-    for (int code = 0; code >= kMaxError; code--) {
-        EXPECT_STRNE(ErrorString(static_cast<eErrorT>(code)), "unknown error") << code;
+    for (int code = 0; code >= -50; code--) {
+        EXPECT_EQ(strcmp(ErrorString(static_cast<eErrorT>(code)), "unknown error") == 0,
+                  code < kMaxError)
+            << code;
     }
-    EXPECT_STREQ(ErrorString(static_cast<eErrorT>(-50)), "unknown error");
 }
 
 TEST(AssertionDeathTest, NamesTheConditionThePathWithoutExtensionAndTheFunction) {
@@ -37,18 +34,15 @@ TEST(BinTree, HoldsWhatAMapHoldsThroughRandomInsertsAndRebuilds) {
     std::mt19937_64 random(7);
     TreeT* tree = CreateTree();
     std::map<TreeKeyT, void*> model;
-    for (int i = 0; i < 2000; i++) {
-        const TreeKeyT key =
-            i < 1000 ? static_cast<TreeKeyT>(i) : static_cast<TreeKeyT>(random() % 5000);
-        void* object = reinterpret_cast<void*>(random() | 1);
-        ASSERT_EQ(InsertItem(tree, key, object), 0);
-        model[key] = object;
+    for (TreeKeyT i = 0; i < 2000; i++) {
+        const TreeKeyT key = i < 1000 ? i : static_cast<TreeKeyT>(random() % 5000);
+        model[key] = reinterpret_cast<void*>(random() | 1);
+        ASSERT_EQ(InsertItem(tree, key, model[key]), 0);
     }
     for (TreeKeyT key = 0; key < 5000; key++) {
-        const auto found = model.find(key);
-        ASSERT_EQ(SearchTree(tree, key), found == model.end() ? nullptr : found->second) << key;
+        ASSERT_EQ(SearchTree(tree, key), model[key]) << key;
     }
-    TreeItemT item = {~static_cast<TreeKeyT>(0), tree};
+    const TreeItemT item = {~static_cast<TreeKeyT>(0), tree};
     ASSERT_EQ(BuildTree(tree, &item, 1), 0);
     EXPECT_EQ(SearchTree(tree, item.key), tree);
     EXPECT_EQ(SearchTree(tree, 1), nullptr);
@@ -57,27 +51,25 @@ TEST(BinTree, HoldsWhatAMapHoldsThroughRandomInsertsAndRebuilds) {
 }
 
 TEST(LowMemory, BlocksFitInAnIdAreZeroedAndDoNotOverlap) {
-    std::vector<std::pair<unsigned char*, size_t>> blocks;
+    std::map<unsigned char*, size_t> blocks;
     const size_t before = LowBytesInUse();
     std::mt19937 random(3);
     for (int round = 0; round < 2000; round++) {
         const size_t size = round % 100 == 0 ? 300000 : random() % 10000;
         auto* block = static_cast<unsigned char*>(LowCalloc(size));
-        ASSERT_NE(block, nullptr);
         ASSERT_EQ(from_id<unsigned char>(id_of(block)), block);
-        ASSERT_TRUE(std::all_of(block, block + size, [](unsigned char b) { return b == 0; }));
+        ASSERT_EQ(std::count(block, block + size, 0), size);
         memset(block, round | 1, size);
-        blocks.emplace_back(block, size);
+        blocks[block] = size;
         if (round % 3 != 0) {
-            const size_t victim = random() % blocks.size();
-            LowFree(blocks[victim].first);
-            blocks.erase(blocks.begin() + static_cast<long>(victim));
+            const auto victim =
+                std::next(blocks.begin(), static_cast<long>(random() % blocks.size()));
+            LowFree(victim->first);
+            blocks.erase(victim);
         }
     }
     for (const auto& [block, size] : blocks) {
-        for (size_t i = 1; i < size; i++) {
-            ASSERT_EQ(block[i], block[0]);
-        }
+        ASSERT_EQ(std::count(block, block + size, block[0]), size);
         LowFree(block);
     }
     LowFree(nullptr);
@@ -86,53 +78,42 @@ TEST(LowMemory, BlocksFitInAnIdAreZeroedAndDoNotOverlap) {
 }
 
 TEST(WordSet, SetsEveryLengthAtEveryAlignmentAndNothingElse) {
-    unsigned char memory[128];
     for (size_t at = 0; at < 8; at++) {
         for (size_t length = 0; length < 100; length++) {
-            std::fill(std::begin(memory), std::end(memory), static_cast<unsigned char>(0x55));
-            EXPECT_EQ(WordSet(memory + at, 0x1A7, length), memory + at);
-            for (size_t i = 0; i < sizeof(memory); i++) {
-                ASSERT_EQ(memory[i], i >= at && i < at + length ? 0xA7 : 0x55)
-                    << at << " " << length;
-            }
+            std::string memory(128, '\x55');
+            EXPECT_EQ(WordSet(memory.data() + at, 0x1A7, length), memory.data() + at);
+            std::string expected(128, '\x55');
+            ASSERT_EQ(memory, expected.replace(at, length, length, '\xA7')) << at << " " << length;
         }
     }
 }
 
-TEST(Strings, TrimmingStopsAtBytesFrom128AndEmptiesBlanks) {
-    const struct {
-        const char* text;
-        const char* trimmed;
-    } cases[] = {{"  abc \t\n", "abc"},
-                 {"   ", ""},
-                 {"", ""},
-                 {"\xA0 x\xFF ", "\xA0 x\xFF"},
-                 {"a b", "a b"}};
-    for (const auto& c : cases) {
-        std::string text(c.text);
-        text.push_back('\0');
-        EXPECT_STREQ(trim_str(text.data()), c.trimmed);
+TEST(Strings, AHelperRunsOverABoundaryOrTakesAByteForABlank) {
+    const std::pair<const char*, const char*> cases[] = {{"  abc \t\n", "abc"},
+                                                         {"   ", ""},
+                                                         {"", ""},
+                                                         {"\xA0 x\xFF ", "\xA0 x\xFF"},
+                                                         {"a b", "a b"}};
+    for (const auto& [text, trimmed] : cases) {
+        std::string buffer(text);
+        EXPECT_STREQ(trim_str(buffer.data()), trimmed);
     }
-}
-
-TEST(Strings, ComparisonLooksAt255CharactersAndNumbersKnowTwoRadices) {
     EXPECT_EQ(stricmp("LogFormat", "logformat"), 0);
     EXPECT_LT(stricmp("a", "B"), 0);
     const std::string common(255, 'x');
     EXPECT_EQ(stricmp((common + "1").c_str(), (common + "2").c_str()), 0);
-    char buffer[12];
-    EXPECT_STREQ(itoa(-2147483647 - 1, buffer, 10), "-2147483648");
-    EXPECT_STREQ(itoa(-1, buffer, 16), "ffffffff");
-    EXPECT_EQ(itoa(1, buffer, 8), nullptr);
-}
+    char number[12];
+    EXPECT_STREQ(itoa(-2147483647 - 1, number, 10), "-2147483648");
+    EXPECT_STREQ(itoa(-1, number, 16), "ffffffff");
+    EXPECT_EQ(itoa(1, number, 8), nullptr);
 
-TEST(ProcInfo, EnvironmentValuesThatDoNotFitAreRefused) {
     setenv("HARBOR_TEST", "12345", 1);
-    char buffer[6] = "keep";
-    EXPECT_EQ(read_env("HARBOR_TEST", buffer, 5), -1);
-    EXPECT_EQ(read_env("HARBOR_TEST_UNSET", buffer, 6), -1);
-    EXPECT_EQ(read_env("HARBOR_TEST", buffer, 0), -1);
-    EXPECT_STREQ(buffer, "keep");
-    EXPECT_EQ(read_env("HARBOR_TEST", buffer, 6), 0);
-    EXPECT_STREQ(buffer, "12345");
+    char value[6] = "keep";
+    for (const int size : {5, 0}) {
+        EXPECT_EQ(read_env("HARBOR_TEST", value, size), -1);
+    }
+    EXPECT_EQ(read_env("HARBOR_TEST_UNSET", value, 6), -1);
+    EXPECT_STREQ(value, "keep");
+    EXPECT_EQ(read_env("HARBOR_TEST", value, 6), 0);
+    EXPECT_STREQ(value, "12345");
 }

@@ -1,55 +1,20 @@
-// Shell commands through the launcher pipe, against launchers good and bad. The pipe has a fixed
-// path, so this suite gives way where one exists already.
+// Shell commands, directly and through the launcher pipe, against launchers good and bad; and
+// processes by name. The pipe has a fixed path, so its test gives way where one exists already.
 #include "Common/OS/linux/launcher.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <string>
+#include <fstream>
 #include <thread>
 
+#include "Common/OS/linux/procinfo.h"
 #include "Common/OS/syslogq.h"
 #include "tests/support/stdout_file.h"
 
-namespace {
-
-constexpr char kPipe[] = "/tmp/plaunch";
-
-// Plays a launcher: takes one command, gives one answer.
-class Launcher {
-  public:
-    explicit Launcher(const std::string& answer)
-        : thread_([this, answer] {
-              char block[256];
-              const int in = open(kPipe, O_RDONLY);
-              ssize_t got;
-              while ((got = read(in, block, sizeof(block))) > 0) {
-                  command_.append(block, static_cast<size_t>(got));
-              }
-              close(in);
-              const int out = open(kPipe, O_WRONLY);
-              EXPECT_EQ(write(out, answer.data(), answer.size()),
-                        static_cast<ssize_t>(answer.size()));
-              close(out);
-          }) {}
-
-    std::string Command() {
-        thread_.join();
-        return command_;
-    }
-
-  private:
-    std::string command_;
-    std::thread thread_;
-};
-
-}  // namespace
-
 TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
+    constexpr char kPipe[] = "/tmp/plaunch";
     if (access(kPipe, F_OK) == 0) {
         GTEST_SKIP() << kPipe << " exists: a launcher may be using it";
     }
@@ -60,25 +25,25 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     EXPECT_NE(access(kPipe, F_OK), 0);  // never created
 
     ASSERT_EQ(mkfifo(kPipe, 0600), 0);
-    const struct {
-        const char* answer;
-        int result;
-    } cases[] = {{"0\n", 0},     {"42\n", 42},  {"-3", -3}, {"", -1},
-                 {"what?\n", 0}, {"7\n9\n", 7}, {"\n", 0}};
-    for (const auto& c : cases) {
-        Launcher launcher(c.answer);
-        EXPECT_EQ(system_pthread("./config_port close ttyS1"), c.result) << c.answer;
-        EXPECT_EQ(launcher.Command(), "./config_port close ttyS1\n");
+    const std::pair<const char*, int> cases[] = {
+        {"0\n", 0}, {"42\n", 42}, {"-3", -3}, {"", -1}, {"what?\n", 0}, {"7\n9\n", 7}, {"\n", 0}};
+    for (const auto& [answer, result] : cases) {
+        // Plays a launcher: takes one command, gives one answer.
+        std::thread launcher([&, text = answer] {
+            std::string command;
+            std::getline(std::ifstream(kPipe), command, '\0');
+            EXPECT_EQ(command, "./config_port close ttyS1\n");
+            std::ofstream(kPipe) << text;
+        });
+        EXPECT_EQ(system_pthread("./config_port close ttyS1"), result) << answer;
+        launcher.join();
     }
     // A reader that goes at once must not end the process by a signal.
     std::atomic<bool> stop{false};
     std::thread fickle([&] {
         while (!stop) {
             close(open(kPipe, O_RDONLY | O_NONBLOCK));
-            const int writer = open(kPipe, O_WRONLY | O_NONBLOCK);
-            if (writer >= 0) {
-                close(writer);
-            }
+            close(open(kPipe, O_WRONLY | O_NONBLOCK));
         }
     });
     for (int i = 0; i < 20; i++) {
@@ -88,4 +53,27 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     stop = true;
     fickle.join();
     unlink(kPipe);
+}
+
+TEST(ProcInfo, CommandsGiveTheirFirstLineTrimmedAndCut) {
+    const struct {
+        const char* command;
+        int result;
+        const char* line;
+    } cases[] = {{"printf '  abc  \\nsecond\\n'", 0, "abc"},
+                 {"echo 1234567890", 0, "1234567"},
+                 {"true", -1, ""},
+                 {"/no/such/program 2>/dev/null", -1, ""}};
+    for (const auto& c : cases) {
+        char line[8] = "old";
+        EXPECT_EQ(read_command(c.command, line, sizeof(line)), c.result);
+        EXPECT_STREQ(line, c.line);
+    }
+}
+
+TEST(ProcInfo, ProcessesAreFoundByTheirWholeNameOnly) {
+    ASSERT_EQ(prctl(PR_SET_NAME, "hbfindme"), 0);
+    EXPECT_EQ(find_pid("hbfindme"), getpid());
+    EXPECT_EQ(find_pid("hbfindm"), -1);
+    EXPECT_EQ(find_pid("hbfindmes"), -1);
 }

@@ -1,22 +1,49 @@
-// Semaphores and the interrupts-off section.
+// Semaphores and the interrupts-off section, also once os_init has made it nest.
 #include "Common/OS/linux/semaphores.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
-#include <vector>
 
 #include "Common/OS/linux/intsoff.h"
 #include "Common/OS/linux/lowmem.h"
-#include "tests/support/eventually.h"
+#include "Common/OS/linux/os_init.h"
+#include "Common/OS/syslogq.h"
+#include "tests/support/spawn.h"
+#include "tests/support/stdout_file.h"
 
 namespace {
+
 UInt32 Create(UInt32 tokens) {
     UInt32 id = 0;
-    EXPECT_EQ(sm_create("TEST", tokens, 0, &id), kSmOk);
+    EXPECT_EQ(sm_create(nullptr, tokens, 0, &id), kSmOk);
     return id;
 }
+
+template <typename ActionT>
+void InAnotherThread(ActionT action) {
+    std::thread(action).join();
+}
+
+// What several threads count to that hold a `GuardT` while they do.
+template <typename GuardT, typename... ArgsT>
+int CountGuarded(ArgsT... args) {
+    int counter = 0;
+    std::thread threads[8];
+    for (auto& thread : threads) {
+        thread = std::thread([&] {
+            for (int k = 0; k < 2000; k++) {
+                const GuardT guard(args...);
+                counter++;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    return counter;
+}
+
 }  // namespace
 
 TEST(Semaphore, IdsThatAreNoSemaphoreAreRefusedByEveryCall) {
@@ -30,87 +57,77 @@ TEST(Semaphore, IdsThatAreNoSemaphoreAreRefusedByEveryCall) {
     }
 }
 
-TEST(Semaphore, ANullNameAndAnyTokenCountMakeOneToken) {
-    UInt32 id;
-    ASSERT_EQ(sm_create(nullptr, 5, 0, &id), kSmOk);
+TEST(Semaphore, ItsOneTokenIsGivenTwiceOrByOneWhoDoesNotHoldIt) {
+    const UInt32 id = Create(5);  // any count makes one
+    const auto taken = [id] { EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken); };
     EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
-    EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken);
+    taken();
+    InAnotherThread([&] { EXPECT_EQ(sm_v(id), kSmOk); });
+    InAnotherThread(taken);
     EXPECT_EQ(sm_v(id), kSmOk);
-    EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
-}
-
-TEST(Semaphore, ZeroTokensMeanTakenByTheCreator) {
-    const UInt32 id = Create(0);
-    std::atomic<bool> got{false};
-    std::thread waiter([&] {
-        EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken);
-        EXPECT_EQ(sm_p(id, 0, 1), kSmOk);  // the time-out is ignored
-        got = true;
-        EXPECT_EQ(sm_v(id), kSmOk);
+    EXPECT_EQ(sm_v(id), kSmOk);
+    EXPECT_EQ(CountGuarded<SemaphoreGuardT>(id), 16000);
+    const UInt32 other = Create(0);
+    InAnotherThread([&] {
+        EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
+        sm_release_all();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_FALSE(got);
-    EXPECT_EQ(sm_v(id), kSmOk);
-    waiter.join();
-    EXPECT_TRUE(got);
-}
-
-TEST(Semaphore, GivingBackWhatAnotherThreadHoldsChangesNothing) {
-    const UInt32 id = Create(1);
-    ASSERT_EQ(sm_p(id, 0, 0), kSmOk);
-    std::thread([&] { EXPECT_EQ(sm_v(id), kSmOk); }).join();
-    std::thread([&] { EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken); }).join();
-    EXPECT_EQ(sm_v(id), kSmOk);
-    EXPECT_EQ(sm_v(id), kSmOk);
     EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
+    InAnotherThread([&] { EXPECT_EQ(sm_p(other, kSmNoWait, 0), kSmTaken); });
 }
 
-TEST(Semaphore, ExcludesUnderContention) {
-    const UInt32 id = Create(1);
-    int counter = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; i++) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < 2000; k++) {
-                const SemaphoreGuardT guard(id);
-                counter++;
-            }
+TEST(Semaphore, ZeroTokensMeanTakenByTheCreatorAndAWaiterCanBeDeleted) {
+    const UInt32 id = Create(0);
+    std::atomic<int> got{0};
+    UInt32 waiters[2];
+    for (UInt32& waiter : waiters) {
+        waiter = Spawn("wait", [&] {
+            EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken);
+            EXPECT_EQ(sm_p(id, 0, 1), kSmOk);  // the time-out is ignored
+            got++;
+            EXPECT_EQ(sm_v(id), kSmOk);
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(counter, 16000);
-}
-
-TEST(Semaphore, ReleaseAllGivesBackOnlyTheCallersOwn) {
-    const UInt32 mine = Create(1);
-    const UInt32 other = Create(0);
-    std::thread([&] {
-        sm_p(mine, 0, 0);
-        sm_release_all();
-    }).join();
-    EXPECT_EQ(sm_p(mine, kSmNoWait, 0), kSmOk);
-    std::thread([&] { EXPECT_EQ(sm_p(other, kSmNoWait, 0), kSmTaken); }).join();
+    usleep(150000);
+    t_delete(waiters[0]);
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(sm_v(id), kSmOk);
+    EXPECT_TRUE(Eventually([&] { return t_exists(waiters[1]) == 0; }));
+    EXPECT_EQ(got, 1);
+    EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
 }
 
 TEST(InterruptsOff, MisuseIsReportedAndLeavesTheLockUsable) {
+    const StdoutFile out;
+    InitSyslogInterface();
     interruptsRestore(1);  // not inside
     EXPECT_EQ(interruptsOff(), 1U);
-    std::thread([] { interruptsRestore(1); }).join();  // not the holder
-    interruptsRestore(7);                              // wrong token: still left
-    int counter = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < 5000; k++) {
-                const InterruptsOffT section;
-                counter++;
-            }
-        });
+    InAnotherThread([] { interruptsRestore(1); });  // not the holder
+    interruptsRestore(7);                           // wrong token: still left
+    EXPECT_EQ(CountGuarded<InterruptsOffT>(), 16000);
+    for (const char* report : {"interruptsRestore called without interruptsOff curthread: ",
+                               "interruptsRestore call re-entered intsoffthread: ",
+                               "inconsistent intsoffcount: 1 oldie: 7\n"}) {
+        EXPECT_TRUE(out.WaitFor(report));
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(counter, 20000);
+}
+
+TEST(InterruptsOff, NestsInOneTaskStillExcludesOthersAndEndsWithTheTask) {
+    os_init();
+    os_init();
+    std::atomic<bool> entered{false};
+    EXPECT_EQ(interruptsOff(), 1U);
+    EXPECT_EQ(interruptsOff(), 2U);
+    const UInt32 id = Spawn("nest", [&] {
+        interruptsOff();
+        entered = true;
+        interruptsOff();
+    });
+    interruptsRestore(2);
+    usleep(50000);
+    EXPECT_FALSE(entered);
+    interruptsRestore(1);
+    EXPECT_TRUE(Eventually([&] { return t_exists(id) == 0; }));
+    EXPECT_TRUE(entered);
+    EXPECT_EQ(interruptsOff(), 1U);
 }
