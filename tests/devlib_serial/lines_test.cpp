@@ -1,18 +1,12 @@
 // Waiting for a serial line, and its thread: draining, callbacks both ways, and every way in which
 // it ends.
-#include <gtest/gtest.h>
 #include <sys/select.h>
 
-#include <string>
 #include <thread>
+#include <vector>
 
-#include "Common/OS/linux/launcher.h"
-#include "Common/OS/linux/mutexguard.h"
-#include "Common/OS/linux/psosapi/tasks.h"
 #include "devlib/devmgr_serial/line.h"
-#include "tests/devlib_serial/port_config.h"
-#include "tests/support/eventually.h"
-#include "tests/support/pty_lines.h"
+#include "tests/devlib_serial/serialfixture.h"
 
 namespace {
 
@@ -22,23 +16,17 @@ constexpr int kFpga = 1;
 std::atomic<int> waits{0};        // calls of select(2) that watch a line
 std::atomic<int> secondsLeft{0};  // what they write back as time left; 0: what the system says
 
-int LineTasks() {
-    const MutexGuardT held(&tcblistmutex);
-    int count = 0;
-    for (TCB* tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        count += std::string(tcb->taskname) == "seri" ? 1 : 0;
-    }
-    return count;
-}
-
 // A line's client: what its callbacks bring.
-std::atomic<int> asked{0};
+std::atomic<int> asked[2];
+std::atomic<int> strange{0};
 std::atomic<size_t> received{0};
 std::string bytes;  // complete once `received` says so
 std::atomic<void (*)()> inReceive{nullptr};
 
-void Asked(void*) {
-    asked++;
+template <int kWhich>
+void Asked(void* context) {
+    asked[kWhich]++;
+    strange += context == &asked[kWhich] ? 0 : 1;
 }
 
 void Received(void*, SerialCallbackData* data) {
@@ -53,50 +41,17 @@ bool WaitForBytes(size_t count) {
     return Eventually([&] { return received >= count; });
 }
 
-void SetCallbacks(int port, DevmgrSerial_CBInfo_t* info) {
-    DevmgrSerial_IoctlData_t data = {};
-    data.CBInfo = info;
-    IORB iorb = {};
-    iorb.pBuffer = reinterpret_cast<SInt8*>(&data);
-    dev_ioctl(port_devids[port], &iorb, kSerialCtlCallbacks);
-    EXPECT_EQ(iorb.err, SERIAL_NOERROR);
-}
-
-class SerialLine : public testing::Test {
+class SerialLine : public Serial {
   protected:
-    SerialLine() { DevMgrSerial_Init(); }
-    ~SerialLine() override {
-        Serial_Close(kCpu);
-        Serial_Close(kFpga);
-        EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
-    }
-
     void Start(int port, bool tx, bool rx, SerialDirectionType direction) {
-        ASSERT_EQ(
-            Serial_Open(port, tx ? Asked : nullptr, rx ? Received : nullptr, nullptr, &kPlain),
-            kNoError);
+        Serial_Open(port, tx ? Asked<0> : nullptr, rx ? Received : nullptr, nullptr, &kPlain);
         ASSERT_EQ(Serial_Enable(port, direction), kNoError);
     }
-
-    PtyLines lines_;
 };
-
-std::atomic<int> calls[2];
-std::atomic<int> strange;
-
-template <int kWhich>
-void CheckContext(void* context) {
-    calls[kWhich]++;
-    strange += context == &calls[kWhich] ? 0 : 1;
-}
 
 }  // namespace
 
-// In place of the launcher's pipe and of the C library's.
-int system_pthread(const char*) {
-    return 0;
-}
-
+// In place of the C library's.
 extern "C" int select(int count, fd_set* in, fd_set* out, fd_set* odd, timeval* timeout) {
     const timespec wait = {timeout->tv_sec + timeout->tv_usec / 1000000,
                            timeout->tv_usec % 1000000 * 1000};
@@ -117,11 +72,11 @@ TEST_F(SerialLine, AThreadExistsOnlyWhereTheKindOfLineNeedsOne) {
     } const cases[] = {
         {kCpu, false, false, SERIAL_DIRECTION_RX, 1},  // an enabled receiver is drained
         {kCpu, false, false, SERIAL_DIRECTION_TX, 1},
-        {kFpga, false, false, SERIAL_DIRECTION_BOTH, 0},
         {kFpga, true, false, SERIAL_DIRECTION_RX, 0},
         {kFpga, true, false, SERIAL_DIRECTION_TX, 1},
         {kFpga, false, true, SERIAL_DIRECTION_TX, 0},
         {kFpga, false, true, SERIAL_DIRECTION_BOTH, 1},
+        {kFpga, false, false, SERIAL_DIRECTION_BOTH, 0},  // closing took both callbacks
     };
     for (const auto& c : cases) {
         CBList[c.port].tx_enabled = CBList[c.port].rx_enabled = 0;
@@ -148,25 +103,26 @@ TEST_F(SerialLine, CallbacksGetEveryByteInOrderUntilTheyAreTakenBack) {
     lines_.Send(kCpu, sent);
     EXPECT_TRUE(WaitForBytes(sent.size()));
     EXPECT_EQ(bytes, sent);
-    EXPECT_TRUE(Eventually([] { return asked > 3; }));
-    SetCallbacks(kCpu, nullptr);
+    EXPECT_TRUE(Eventually([] { return asked[0] > 3; }));
+    Request(kCpu, kSerialCtlCallbacks, {.CBInfo = nullptr});
     EXPECT_EQ(LineTasks(), 0);
-    const int before = asked;
+    const int before = asked[0];
     lines_.Send(kCpu, "b");
     char byte = 0;
     EXPECT_EQ(Serial_Read(kCpu, &byte, 1, 60000000), 1);  // left for the client
-    EXPECT_EQ(asked, before);
+    EXPECT_EQ(asked[0], before);
     DevmgrSerial_CBInfo_t info = {nullptr, Received, nullptr};
-    SetCallbacks(kCpu, &info);  // a direction is enabled: a thread again
+    Request(kCpu, kSerialCtlCallbacks,
+            {.CBInfo = &info});  // a direction is enabled: a thread again
     lines_.Send(kCpu, "c");
     EXPECT_TRUE(WaitForBytes(sent.size() + 1));
 }
 
 TEST_F(SerialLine, ACallbackIsNeverPairedWithAnothersContext) {
-    const DevmgrSerial_CBInfo_t infos[2] = {{CheckContext<0>, nullptr, &calls[0]},
-                                            {CheckContext<1>, nullptr, &calls[1]}};
+    const DevmgrSerial_CBInfo_t infos[2] = {{Asked<0>, nullptr, &asked[0]},
+                                            {Asked<1>, nullptr, &asked[1]}};
     Start(kCpu, false, false, SERIAL_DIRECTION_TX);
-    while (calls[0] < 100000 || calls[1] < 100000) {
+    while (asked[0] < 100000 || asked[1] < 100000) {
         for (int i = 0; i < 1000; i++) {
             SerialLineSetCallbacks(&CBList[kCpu], &infos[i % 2]);
         }
@@ -210,16 +166,12 @@ TEST_F(SerialLine, ClosingEndsACallbackThatWaitsForThePorts) {
 TEST_F(SerialLine, ManyClientsAtOnceMakeOneThreadAndLeaveNone) {
     ASSERT_EQ(Open(kCpu), kNoError);
     for (int round = 0; round < 20; round++) {
-        std::thread clients[6];
-        for (std::thread& client : clients) {
-            const bool enable = (&client - clients) % 3 != 2;
-            client = std::thread([enable] {
-                (enable ? Serial_Enable : Serial_Disable)(kCpu, SERIAL_DIRECTION_BOTH);
-            });
+        std::vector<std::jthread> clients;
+        for (const auto change : {Serial_Enable, Serial_Enable, Serial_Disable}) {
+            clients.emplace_back(change, kCpu, SERIAL_DIRECTION_BOTH);
+            clients.emplace_back(change, kCpu, SERIAL_DIRECTION_BOTH);
         }
-        for (std::thread& client : clients) {
-            client.join();
-        }
+        clients.clear();  // waits for them
         EXPECT_LE(LineTasks(), 1);
         Serial_Enable(kCpu, SERIAL_DIRECTION_BOTH);
         EXPECT_EQ(LineTasks(), 1);
@@ -233,37 +185,30 @@ TEST_F(SerialLine, ATimedReadNeverHangsBesideTheDrainingThread) {
     lines_.Send(kCpu, std::string(20000, 'x'));  // more than the line holds
     char buffer[4];
     for (int i = 0; i < 200; i++) {
-        std::thread sender([&] {
+        const std::jthread sender([&] {
             std::this_thread::sleep_for(std::chrono::microseconds(300));
             lines_.Send(kCpu, "x");
         });
         EXPECT_GE(Serial_Read(kCpu, buffer, sizeof(buffer), 2000), 0);
-        sender.join();
     }
 }
 
 TEST_F(SerialLine, AReadGoesOnWhileWholeSecondsAreLeft) {
     Start(kFpga, false, false, SERIAL_DIRECTION_RX);
     secondsLeft = 60;
-    lines_.Send(kFpga, "a");
-    std::thread sender([&] {
-        EXPECT_TRUE(Eventually([&] { return lines_.Unread(kFpga) == 0; }));
-        lines_.Send(kFpga, "b");
-    });
-    char buffer[2];
-    EXPECT_EQ(Serial_Read(kFpga, buffer, 2, 100000), 2);
-    sender.join();
+    char buffer[6000];  // more than a pseudo-terminal gives at once
+    lines_.Send(kFpga, std::string(sizeof(buffer), 'a'));
+    EXPECT_EQ(Serial_Read(kFpga, buffer, sizeof(buffer), 100000), int{sizeof(buffer)});
     secondsLeft = 0;
 }
 
 TEST_F(SerialLine, AHungUpLineDoesNotKeepItsThreadBusy) {
     Start(kCpu, false, false, SERIAL_DIRECTION_RX);
     lines_.HangUp(kCpu);
-    const int before = waits;
-    int during = 0;
+    int during = -waits;
     const double elapsed = MillisecondsOf([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        during = waits - before;
+        during += waits;
     });
     EXPECT_LE(during, elapsed / 5 + 2);
     EXPECT_EQ(Serial_Close(kCpu), kNoError);

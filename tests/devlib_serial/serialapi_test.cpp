@@ -1,23 +1,15 @@
 // Ports by number: arguments, opening and closing, reading and writing on pseudo-terminals,
 // sessions of the external script.
-#include "devlib/serialapi/serialapi.h"
-
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "Common/OS/linux/launcher.h"
 #include "Common/OS/linux/system.h"
-#include "devlib/devmgr_serial/devmgr_serial.h"
-#include "tests/devlib_serial/port_config.h"
-#include "tests/support/pty_lines.h"
-#include "tests/support/stdout_file.h"
+#include "tests/devlib_serial/serialfixture.h"
 
 namespace {
 
@@ -31,23 +23,26 @@ int FreeDescriptor() {
     return fd;
 }
 
-class Serial : public testing::Test {
-  protected:
-    Serial() { DevMgrSerial_Init(); }
-    ~Serial() override {
-        if (HasFailure()) {
-            fputs(out_.Text().c_str(), stderr);
+constexpr int kStillRoot = 90;
+
+// Opens port 0 in a process of a user whom modes and exclusive use bind: root passes both by.
+int OpenUnprivileged() {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setresuid(65534, 65534, 65534) != 0 && geteuid() == 0) {
+            _exit(kStillRoot);
         }
+        const eErrorT result = Open(0);
+        fflush(stdout);
+        _exit(result == kNoError || port_devids[0] == 0 ? -result : 99);
     }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+}
 
-    // What was printed since the last call.
-    std::string Printed() {
-        const std::string all = out_.Text();
-        std::string fresh = all.substr(seen_);
-        seen_ = all.size();
-        return fresh;
-    }
-
+class SerialPort : public Serial {
+  protected:
     int Read(int port, size_t size, int usecs) {
         bytes_.assign(size, '\0');
         const int got = Serial_Read(port, bytes_.data(), static_cast<int>(size), usecs);
@@ -59,9 +54,6 @@ class Serial : public testing::Test {
         return Serial_Write(port, bytes.data(), static_cast<int>(bytes.size()), usecs);
     }
 
-    PtyLines lines_;
-    StdoutFile out_;
-    size_t seen_ = 0;
     std::string bytes_;
 };
 
@@ -73,27 +65,23 @@ int system_pthread(const char* command) {
     return launcherAnswer;
 }
 
-TEST_F(Serial, BadArgumentsAreRefusedBeforeAnyLineIsTouched) {
+TEST_F(SerialPort, BadArgumentsAreRefusedBeforeAnyLineIsTouched) {
     static char byte;
     struct {
         int (*call)(int port);
         int closed;  // result on a port that is not open
     } const calls[] = {
         {[](int port) -> int { return Serial_Enable(port, SERIAL_DIRECTION_BOTH); }, -25},
-        {[](int port) -> int { return Serial_Disable(port, SERIAL_DIRECTION_BOTH); }, -25},
         {[](int port) { return Serial_Write(port, &byte, 1, 0); }, -25},
-        {[](int port) { return Serial_Read(port, &byte, 1, 0); }, -25},
         {[](int port) -> int { return Serial_GetCfg(port, &kPlain); }, -25},
         {[](int port) -> int { return Serial_Close(port); }, -25},
-        {[](int port) { return Serial_Write(port, nullptr, 1, 0); }, -3},
         {[](int port) { return Serial_Read(port, nullptr, 1, 0); }, -3},
         {[](int port) { return Serial_Read(port, &byte, -1, 0); }, -3},
         {[](int port) -> int { return Serial_GetCfg(port, nullptr); }, -3},
         {[](int port) -> int { return Serial_Open_PSH(port, nullptr); }, -3},
         {[](int port) -> int { return Serial_Open(port, nullptr, nullptr, nullptr, nullptr); }, -3},
-        {[](int port) -> int { return Open(port, Cfg(9)); }, -3},
         {[](int port) -> int { return Serial_Close_PSH(port); }, 0},
-        {[](int port) -> int { return Serial_Open_PSH(port, &kPlain); }, 0},
+        {[](int port) -> int { return Open(port); }, 0},
     };
     for (const auto& c : calls) {
         for (const int port : {8, 1000000, -1, -2147483647}) {
@@ -103,7 +91,7 @@ TEST_F(Serial, BadArgumentsAreRefusedBeforeAnyLineIsTouched) {
     }
 }
 
-TEST_F(Serial, EveryPortOpensOnceAndAgainAfterClosingAndKeepsNoDescriptor) {
+TEST_F(SerialPort, EveryPortOpensOnceAndAgainAfterClosingAndKeepsNoDescriptor) {
     const int before = FreeDescriptor();
     for (UInt32 round = 1; round <= 2; round++) {
         for (int port = 0; port < kSerialPorts; port++) {
@@ -112,14 +100,18 @@ TEST_F(Serial, EveryPortOpensOnceAndAgainAfterClosingAndKeepsNoDescriptor) {
             EXPECT_EQ(Serial_Open_PSH(port, &kPlain), kAlreadyInUse);
             EXPECT_EQ(Serial_Enable(port, SERIAL_DIRECTION_NONE), kBadParameter);
             EXPECT_EQ(Serial_Enable(port, SERIAL_DIRECTION_BOTH), kNoError);
-            EXPECT_EQ(Serial_Disable(port, SERIAL_DIRECTION_BOTH), kNoError);
+            EXPECT_EQ(Serial_Disable(port, SERIAL_DIRECTION_RX), kNoError);  // crossed
+            EXPECT_EQ(Enabled(port), "rx");
+            EXPECT_EQ(Serial_Disable(port, SERIAL_DIRECTION_TX), kNoError);
+            EXPECT_EQ(Enabled(port), "");
+            EXPECT_EQ(Serial_Enable(port, SERIAL_DIRECTION_TX), kNoError);
             const RS232Cfg stored = Cfg(5);
             EXPECT_EQ(Serial_GetCfg(port, &stored), kNoError);  // stores, and leaves the line alone
             EXPECT_EQ(port_cfgs[port].bitRate, SERIAL_BAUDRATE_9600);
             EXPECT_EQ(lines_.Attributes(port).c_ospeed, static_cast<speed_t>(B115200));
-        }
-        for (int port = 0; port < kSerialPorts; port++) {
             EXPECT_EQ(Serial_Close(port), kNoError);
+            const bool fpga = lines_.Node(port).find("fpga") != std::string::npos;
+            EXPECT_EQ(Enabled(port), fpga ? "tx" : "");  // an FPGA line remembers
             EXPECT_EQ(CBList[port].devCB.numOpens, round);
             EXPECT_EQ(CBList[port].devCB.numCloses, round);
         }
@@ -127,7 +119,7 @@ TEST_F(Serial, EveryPortOpensOnceAndAgainAfterClosingAndKeepsNoDescriptor) {
     }
 }
 
-TEST_F(Serial, AnUnusableConfigurationLeavesThePortFree) {
+TEST_F(SerialPort, AnUnusableConfigurationLeavesThePortFree) {
     const std::string opened = "DevMgrFPGASerial_Open() ...\n";
     const std::string refused = opened +
                                 "SERIALAPI: In OPEN, Port: 1 Device Manager config failed, err: 2\n"
@@ -142,61 +134,35 @@ TEST_F(Serial, AnUnusableConfigurationLeavesThePortFree) {
     }
 }
 
-TEST_F(Serial, ANodeThatCannotBeOpenedIsTriedTenTimesAndThePortStaysFree) {
-    std::string expected;
-    for (int i = 0; i < 10; i++) {
-        expected +=
-            "DevMgrFPGASerial_Open() ...\n"
-            "########## FAILED to open serial port ... serialCB->devCB.fd[d-1 -- 0xffffffff] ...\n";
-    }
-    expected +=
+TEST_F(SerialPort, ADeniedOrBusyNodeIsTriedTenTimesAndThePortStaysFree) {
+    using std::filesystem::perms;
+    constexpr char kGaveUp[] =
+        "########## FAILED to open serial port ... serialCB->devCB.fd[d-1 -- 0xffffffff] ...\n"
         "SERIALAPI: In OPEN, Port: 0 Device Manager open returned err: 9\n"
         "SERIALAPI: GIVE UP in Serial_Open() ... at Iteration:10 ...\n";
-    std::filesystem::remove(lines_.Node(0));
-    EXPECT_GE(MillisecondsOf([] { EXPECT_EQ(Open(0), kItemNotFound); }), 9 * 20.0);
-    EXPECT_EQ(Printed(), expected);
-    std::filesystem::create_directory(lines_.Node(0));
-    EXPECT_EQ(Open(0), kItemNotFound);
-    EXPECT_EQ(Printed(), expected);
-    // A file in place of a line opens, but cannot be configured.
-    for (const int port : {0, 4}) {
-        std::filesystem::remove(lines_.Node(port));
-        std::ofstream(lines_.Node(port)) << "";
-        EXPECT_EQ(Open(port), kSystemCallFailed);
-    }
-    EXPECT_EQ(Printed(),
-              "DevMgrFPGASerial_Open() ...\n"
-              "DevMgrFPGASerial_Ioctl(): ^^^^^^^^^^^Setting Configuration in FPGA Serial Driver "
-              "failed, err: -1...\n"
-              "SERIALAPI: In OPEN, Port: 0 Device Manager config failed, err: 9\n"
-              "Serial API Error - Unknown Error\n"
-              "SERIALAPI: In OPEN, Port: 4 Device Manager config failed, err: 9\n"
-              "Serial API Error - Unknown Error\n");
-    std::filesystem::remove(lines_.Node(0));
-    lines_.Plug(0);
-    EXPECT_EQ(Open(0), kNoError);
-}
-
-TEST_F(Serial, BytesPassUntouchedBothWaysAndNothingIsEchoed) {
-    std::string all;
-    for (int i = 0; i < 256; i++) {
-        all += static_cast<char>(i);
-    }
-    for (const int port : {1, 4}) {
-        ASSERT_EQ(Open(port), kNoError);
-        ASSERT_EQ(Serial_Enable(port, SERIAL_DIRECTION_TX), kNoError);
-        EXPECT_EQ(Write(port, all, 10000), 256);
-        EXPECT_EQ(lines_.Receive(port, 256), all);
-        lines_.Send(port, all);
-        EXPECT_EQ(Read(port, 256, 4000000), 256);
-        EXPECT_EQ(bytes_, all);
-        EXPECT_EQ(lines_.Echoed(port), 0);
-        lines_.Send(port, "later");
-        EXPECT_GT(Read(port, 100, 0), 0);  // blocks for at least a byte
+    struct {
+        perms mode;
+        unsigned long exclusive;
+        const char* said;
+    } const cases[] = {{perms{0666}, TIOCNXCL, ""},
+                       {perms{0}, TIOCNXCL, kGaveUp},
+                       {perms{0666}, TIOCEXCL, kGaveUp}};
+    const std::filesystem::path node = lines_.Node(0);
+    permissions(node.parent_path(), perms{0755});
+    for (const auto& c : cases) {
+        permissions(node, c.mode);
+        ASSERT_EQ(ioctl(lines_.near(0), c.exclusive), 0);
+        int result = 0;
+        EXPECT_GE(MillisecondsOf([&] { result = OpenUnprivileged(); }), *c.said != 0 ? 180 : 0);
+        if (result == kStillRoot) {
+            GTEST_SKIP() << "root's rights cannot be given up, and pass every node";
+        }
+        EXPECT_EQ(result, *c.said != 0 ? -kItemNotFound : 0);
+        EXPECT_THAT(Printed(), testing::EndsWith(c.said));
     }
 }
 
-TEST_F(Serial, AReadEndsAtItsTimeoutWithWhatCame) {
+TEST_F(SerialPort, AReadEndsAtItsTimeoutWithWhatCame) {
     ASSERT_EQ(Open(0), kNoError);
     Printed();
     for (const int usecs : {50000, 1100000}) {  // also beyond a second, in microseconds alone
@@ -204,6 +170,8 @@ TEST_F(Serial, AReadEndsAtItsTimeoutWithWhatCame) {
     }
     lines_.Send(0, "abc");
     EXPECT_GE(MillisecondsOf([&] { EXPECT_EQ(Read(0, 10, 50000), 3); }), 49.0);
+    lines_.Send(0, "later");
+    EXPECT_GT(Read(0, 100, 0), 0);  // blocks for at least a byte, and for no more
     std::thread sender([&] {
         for (const char* byte : {"s", "l", "o", "w", "!"}) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -218,7 +186,7 @@ TEST_F(Serial, AReadEndsAtItsTimeoutWithWhatCame) {
     EXPECT_EQ(Printed(), "");
 }
 
-TEST_F(Serial, AHungUpLineEndsEveryReadAndFailsEveryWrite) {
+TEST_F(SerialPort, AHungUpLineEndsEveryReadAndFailsEveryWrite) {
     ASSERT_EQ(Open(1), kNoError);
     ASSERT_EQ(Open(4), kNoError);
     ASSERT_EQ(Serial_Enable(1, SERIAL_DIRECTION_BOTH), kNoError);
@@ -226,80 +194,58 @@ TEST_F(Serial, AHungUpLineEndsEveryReadAndFailsEveryWrite) {
     lines_.HangUp(4);
     Printed();
     EXPECT_EQ(Read(1, 10, 2000000000), 0);
-    EXPECT_EQ(Printed(), "");
     EXPECT_EQ(Write(1, "x", 10000), 0);
     EXPECT_EQ(Read(1, 10, 0), 0);
-    EXPECT_THAT(
-        Printed(),
-        testing::MatchesRegex(
-            "SERIALAPI: In WRITE, Port: 1 Device Manager write failed, err: 4\n"
-            "DevMgrFPGASerial_Read\\(\\): Err: (0|-1), portfd: [0-9]+ buffer: 0x[0-9a-f]+ "
-            "ReqLen: 10\nSERIALAPI: In READ, Port: 1 Device Manager read failed, err: 3\n"));
     EXPECT_EQ(Serial_Enable(4, SERIAL_DIRECTION_BOTH), kSystemCallFailed);
     EXPECT_EQ(Serial_Disable(4, SERIAL_DIRECTION_BOTH), kSystemCallFailed);
-    EXPECT_EQ(Printed(),
-              "SERIALAPI: In ENABLE, Port: 4 Device Manager ioctl failed, err: 9\n"
-              "Serial API Error - Unknown Error\n"
-              "SERIALAPI: In DISABLE, Port: 4 Device Manager ioctl failed, err: 9\n"
-              "Serial API Error - Unknown Error\n");
+    EXPECT_THAT(Printed(),
+                testing::MatchesRegex(
+                    "SERIALAPI: In WRITE, Port: 1 Device Manager write failed, err: 4\n"
+                    "DevMgrFPGASerial_Read\\(\\): Err: (0|-1), portfd: [0-9]+ buffer: 0x[0-9a-f]+ "
+                    "ReqLen: 10\nSERIALAPI: In READ, Port: 1 Device Manager read failed, err: 3\n"
+                    "SERIALAPI: In ENABLE, Port: 4 Device Manager ioctl failed, err: 9\n"
+                    "Serial API Error - Unknown Error\n"
+                    "SERIALAPI: In DISABLE, Port: 4 Device Manager ioctl failed, err: 9\n"
+                    "Serial API Error - Unknown Error\n"));
     EXPECT_EQ(Serial_Close(1), kNoError);
     EXPECT_EQ(Serial_Close(4), kNoError);
 }
 
-TEST_F(Serial, WritingNeedsTheTransmitterAndReportsALineThatTakesNothing) {
-    ASSERT_EQ(Open(2), kNoError);
-    ASSERT_EQ(Serial_Enable(2, SERIAL_DIRECTION_RX), kNoError);
-    Printed();
-    EXPECT_EQ(Write(2, "x"), 0);
-    EXPECT_EQ(Printed(), "SERIALAPI: In WRITE, Port: 2 Device Manager write failed, err: 6\n");
-    ASSERT_EQ(Serial_Enable(2, SERIAL_DIRECTION_TX), kNoError);
-    while (Write(2, std::string(100, 'x'), 20000) > 0) {
-    }
-    EXPECT_EQ(Printed(), "SERIALAPI: In WRITE, Port: 2 Device Manager write failed, err: 8\n");
-}
-
-TEST_F(Serial, DisablingIsCrossed) {
-    struct {
-        SerialDirectionType direction;
-        int tx, rx;  // left on
-    } const cases[] = {{SERIAL_DIRECTION_RX, 0, 1}, {SERIAL_DIRECTION_TX, 1, 0}};
-    for (const int port : {1, 4}) {
+TEST_F(SerialPort, WritingNeedsTheTransmitterAndReportsALineThatTakesNothing) {
+    for (const int port : {2, 4}) {
         ASSERT_EQ(Open(port), kNoError);
-        for (const auto& c : cases) {
-            ASSERT_EQ(Serial_Enable(port, SERIAL_DIRECTION_BOTH), kNoError);
-            ASSERT_EQ(Serial_Disable(port, c.direction), kNoError);
-            EXPECT_EQ(CBList[port].tx_enabled, c.tx);
-            EXPECT_EQ(CBList[port].rx_enabled, c.rx);
+        ASSERT_EQ(Serial_Enable(port, SERIAL_DIRECTION_RX), kNoError);
+        Printed();
+        EXPECT_EQ(Write(port, "x"), 0);
+        ASSERT_EQ(Serial_Enable(port, SERIAL_DIRECTION_TX), kNoError);
+        while (Write(port, std::string(100, 'x'), 20000) > 0) {
         }
-        Serial_Close(port);
-    }
-    EXPECT_EQ(CBList[1].tx_enabled, 1);  // an FPGA line remembers how it was left
-    EXPECT_EQ(CBList[4].tx_enabled, 0);  // a CPU line does not
-}
-
-TEST_F(Serial, DeviceFailuresBecomeResultsAndLines) {
-    struct {
-        int result;
-        const char* text;
-    } const cases[] = {{0, ""},
-                       {-27, "Serial API Error - Not Supported\n"},
-                       {-3, "Serial API Error - Invalid Parameter\n"},
-                       {-34, "Serial API Error - Read System call failed\n"},
-                       {-34, "Serial API Error - Write System call failed\n"},
-                       {-3, "Serial API Error - Invalid Parameter\n"},
-                       {-4, "Serial API Error - TX Disabled\n"},
-                       {-4, "Serial API Error - RX Disabled\n"},
-                       {-35, "Serial API Error - Timeout\n"},
-                       {-34, "Serial API Error - Unknown Error\n"},
-                       {0, ""}};
-    int err = 0;
-    for (const auto& c : cases) {
-        EXPECT_EQ(Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err++)), c.result);
-        EXPECT_EQ(Printed(), c.text);
+        const std::string failed = "SERIALAPI: In WRITE, Port: " + std::to_string(port) +
+                                   " Device Manager write failed, err: ";
+        EXPECT_EQ(Printed(), failed + "6\n" + failed + "8\n");
     }
 }
 
-TEST_F(Serial, WithoutItsLockNothingOpensOrCloses) {
+TEST_F(SerialPort, DeviceFailuresBecomeResultsAndLines) {
+    std::string told;
+    for (UInt32 err = 0; err < 11; err++) {
+        told += std::to_string(Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err))) + ":";
+        told += Printed();
+    }
+    EXPECT_EQ(told,
+              "0:-27:Serial API Error - Not Supported\n"
+              "-3:Serial API Error - Invalid Parameter\n"
+              "-34:Serial API Error - Read System call failed\n"
+              "-34:Serial API Error - Write System call failed\n"
+              "-3:Serial API Error - Invalid Parameter\n"
+              "-4:Serial API Error - TX Disabled\n"
+              "-4:Serial API Error - RX Disabled\n"
+              "-35:Serial API Error - Timeout\n"
+              "-34:Serial API Error - Unknown Error\n"
+              "0:");
+}
+
+TEST_F(SerialPort, WithoutItsLockNothingOpensOrCloses) {
     portdevids_lock = 0;
     EXPECT_EQ(Open(2), kSemUnavail);
     EXPECT_EQ(Serial_Close(1), kSemUnavail);
@@ -312,7 +258,7 @@ TEST_F(Serial, WithoutItsLockNothingOpensOrCloses) {
               "SERIALAPI: In PSH CLOSE, Port: 2 Mutex lock failed, err: 9\n");
 }
 
-TEST_F(Serial, SessionsRunTheScriptWithTheLinesSettings) {
+TEST_F(SerialPort, SessionsRunTheScriptWithTheLinesSettings) {
     struct {
         const char* command;
         RS232Cfg cfg;
@@ -335,9 +281,13 @@ TEST_F(Serial, SessionsRunTheScriptWithTheLinesSettings) {
                                   "./config_port close " + command.substr(0, command.find(' ')),
                                   "./config_port open " + command));
     }
+    commands.clear();
+    SetSystemHardwareType(kHarbor);
+    Serial_Init();
+    EXPECT_TRUE(commands.empty());  // the unit has no such sessions
 }
 
-TEST_F(Serial, APortInASessionIsNeitherOpenNorFree) {
+TEST_F(SerialPort, APortInASessionIsNeitherOpenNorFree) {
     ASSERT_EQ(Serial_Open_PSH(6, &kPlain), kNoError);
     EXPECT_EQ(Open(6), kAlreadyInUse);
     EXPECT_EQ(Serial_Open_PSH(6, &kPlain), kAlreadyInUse);
@@ -351,10 +301,4 @@ TEST_F(Serial, APortInASessionIsNeitherOpenNorFree) {
     EXPECT_EQ(Printed(), "SERIALAPI: In PSH OPEN, Port: 6 System call failed, err: 3\n");
     EXPECT_EQ(Open(6), kNoError);
     EXPECT_EQ(Serial_Enable(6, SERIAL_DIRECTION_NONE), kBadParameter);  // an ordinary port again
-}
-
-TEST(SerialOnTheUnit, NoSessionIsEndedAtStart) {
-    SetSystemHardwareType(kHarbor);
-    DevMgrSerial_Init();
-    EXPECT_TRUE(commands.empty());
 }

@@ -18,7 +18,9 @@ class PtyLines {
     PtyLines() {
         setenv("HARBOR_DEV_DIR", mkdtemp(folder_), 1);
         for (int port = 0; port < kCount; port++) {
-            Plug(port);
+            char name[64];
+            openpty(&far_[port], &near_[port], name, nullptr, nullptr);
+            std::filesystem::create_symlink(name, Node(port));
         }
     }
     ~PtyLines() {
@@ -26,13 +28,6 @@ class PtyLines {
             HangUp(port);
         }
         std::filesystem::remove_all(folder_);
-    }
-
-    // Makes the port's line and node.
-    void Plug(int port) {
-        char name[64];
-        openpty(&far_[port], &near_[port], name, nullptr, nullptr);
-        std::filesystem::create_symlink(name, Node(port));
     }
 
     // The far end goes, as when a cable with its adapter is pulled; its node stays.
@@ -58,20 +53,6 @@ class PtyLines {
         }
     }
 
-    // Waits for `size` bytes from the near end.
-    std::string Receive(int port, size_t size) const {
-        std::string bytes;
-        char byte;
-        while (bytes.size() < size && read(far_[port], &byte, 1) == 1) {
-            bytes += byte;
-        }
-        return bytes;
-    }
-
-    // Bytes that wait to be read by the near or the far end.
-    int Unread(int port) const { return Count(near_[port]); }
-    int Echoed(int port) const { return Count(far_[port]); }
-
     termios Attributes(int port) const {
         termios line = {};
         tcgetattr(near_[port], &line);
@@ -79,12 +60,6 @@ class PtyLines {
     }
 
   private:
-    static int Count(int fd) {
-        int count = -1;
-        ioctl(fd, FIONREAD, &count);
-        return count;
-    }
-
     char folder_[32] = "/tmp/harbor_lines_XXXXXX";
     int far_[kCount];
     int near_[kCount];

@@ -14,9 +14,3 @@ constexpr RS232Cfg Cfg(int rate = 0, int data = 3, int parity = 2, int stop = 0,
             rts,
             xon};
 }
-
-constexpr RS232Cfg kPlain = Cfg();
-
-inline eErrorT Open(int port, const RS232Cfg& cfg = kPlain) {
-    return Serial_Open(port, nullptr, nullptr, nullptr, &cfg);
-}

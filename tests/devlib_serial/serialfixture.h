@@ -1,0 +1,68 @@
+// What the tests of serial ports share: the eight lines as pseudo-terminals with the device manager
+// started on them.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/psosapi/tasks.h"
+#include "devlib/devmgr_serial/devmgr_serial.h"
+#include "tests/support/pty_lines.h"
+#include "tests/support/serial_config.h"
+#include "tests/support/stdout_file.h"
+
+constexpr RS232Cfg kPlain = Cfg();
+
+inline eErrorT Open(int port, const RS232Cfg& cfg = kPlain) {
+    return Serial_Open(port, nullptr, nullptr, nullptr, &cfg);
+}
+
+// The threads of all lines.
+inline int LineTasks() {
+    const MutexGuardT held(&tcblistmutex);
+    int count = 0;
+    for (TCB* tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
+        count += std::string(tcb->taskname) == "seri" ? 1 : 0;
+    }
+    return count;
+}
+
+class Serial : public testing::Test {
+  protected:
+    Serial() { DevMgrSerial_Init(); }
+    ~Serial() override {
+        for (int port = 0; port < kSerialPorts; port++) {
+            Serial_Close(port);
+        }
+        EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
+    }
+
+    // Sends a request straight to a line's device and returns its result.
+    static UInt32 Request(int port, UInt32 code, DevmgrSerial_IoctlData_t data) {
+        UInt32 id = 0;
+        EXPECT_EQ(dev_open("Ser", static_cast<UInt32>(port + 1), &id), kDevOk);
+        IORB iorb = {};
+        iorb.pBuffer = reinterpret_cast<SInt8*>(&data);
+        dev_ioctl(id, &iorb, code);
+        return iorb.err;
+    }
+
+    static std::string Enabled(int port) {
+        return std::string(CBList[port].tx_enabled != 0 ? "tx" : "") +
+               (CBList[port].rx_enabled != 0 ? "rx" : "");
+    }
+
+    // What was printed since the last call.
+    std::string Printed() {
+        const std::string fresh = out_.Text().substr(seen_);
+        seen_ += fresh.size();
+        return fresh;
+    }
+
+    PtyLines lines_;
+    StdoutFile out_;
+    size_t seen_ = 0;
+};
