@@ -43,7 +43,6 @@ TEST(WatchPositions, NumbersThatArriveTogetherAreToldApart) {
         {"1213", 11, {0, 100}, 13},
         {"12", 0, {0, 100}, 12},
         {"99100", 98, {0, 100}, 100},
-        {Counted(100), 0, {0, 100}, 100},
         {Counted(1000), 0, {0, 1000}, 1000},
         {"5051", 0, {50, 60}, 51},
         {"7", 9, {0, 100}, 9},                     // backwards
@@ -51,6 +50,7 @@ TEST(WatchPositions, NumbersThatArriveTogetherAreToldApart) {
         {"007", 0, {0, 100}, 0},                   // no number of the updater's
         {std::string(9000, '1'), 0, {0, 100}, 0},  // no run of the updater's
         {std::string(300, '9'), 0, {0, 100}, 0},
+        {"515", 0, {50, 60}, 49},      // no 5 and 15
         {"4294967297", 0, {0, 3}, 0},  // would be 1 in 32 bits
     };
     for (const auto& row : rows) {
@@ -65,8 +65,6 @@ TEST(WatchPositions, PrintedLinesDecideWhatDigitsMean) {
     stream.Confirm(2);
     stream.Settle(10000);
     EXPECT_EQ(stream.Position(), 2);
-    EXPECT_EQ(stream.Percent(), 16);
-
     // Digits of a stranger: shown for a while, never taken for the end, forgotten with the next.
     stream.Feed("12", 20000);
     stream.Settle(20250);
@@ -146,7 +144,8 @@ TEST(WatchModel, OnlyATrustworthySuccessPassesForOne) {
         {"Can't stat overlookcam.bin. Cancelling progress control updates.\n", 0, 0, 120,
          "overlookcam.bin is missing"},
         // All bytes were sent, so the end was reached, but a block was never taken.
-        {last + kNack + kMicroEnd, 0, 0, 120, "did not acknowledge block 12 of 12"},
+        {kMicroBlock + "10" + kFirst + kAck + last + kNack + kMicroEnd, 0, 0, 120,
+         "did not acknowledge block 12 of 12"},
         {kMicroBlock + "3" + kThird + kEnd + kNack + kMicroEnd, 0, 0, 120,
          "did not acknowledge block 4 of 12, attempt 3"},
         {kCameraBlock + "0" + kFirst +
