@@ -10,25 +10,19 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 class DriverProcess {
   public:
-    // `lines` as the program's --line takes them.
-    explicit DriverProcess(const std::vector<std::string>& lines) {
+    // `line` as the program's --line takes it; null: none.
+    explicit DriverProcess(const char* line = nullptr) {
         unlink(kLog);
-        std::vector<const char*> argv{"fpgaserial", "--log", kLog};
-        for (const std::string& line : lines) {
-            argv.push_back("--line");
-            argv.push_back(line.c_str());
-        }
-        argv.push_back(nullptr);
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
         pid_ = fork();
         if (pid_ == 0) {
             dup2(ready[1], STDOUT_FILENO);
-            execv(FPGASERIAL_PROGRAM, const_cast<char* const*>(argv.data()));
+            const char* option = line != nullptr ? "--line" : nullptr;
+            execl(FPGASERIAL_PROGRAM, "fpgaserial", "--log", kLog, option, line, nullptr);
             _exit(127);
         }
         close(ready[1]);
