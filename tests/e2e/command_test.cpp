@@ -9,114 +9,81 @@
 namespace e2e {
 namespace {
 
-namespace fs = std::filesystem;
-
-TEST(CommandLine, WithoutATargetItPrintsTheUsageAndOpensNoPort) {
-    const Words lines[] = {{},
-                           {"q"},
-                           {"query"},
-                           {"micro2"},
-                           {"Micro"},
-                           {"overlook "},
-                           {"-p"},
-                           {"-p", "all", "1"},
-                           {"-q", "help"},
-                           {"rebootoverlook"},
-                           {"-p", "micro", "overlook", "all"}};
-    for (const Words& arguments : lines) {
-        Case it("usage-" + std::to_string(&arguments - lines), {});
-        it.Run(arguments, 255, "say:usage");
-        Play(it);
-    }
-}
-
-TEST(CommandLine, AnyArgumentThatBeginsWithQOnlyAsksAndUnknownOnesAreIgnored) {
-    const Words lines[] = {
-        {"qwerty", "micro2", "micro"}, {"micro", "q", "-p"}, {"micro", "q", "-p", "x"}};
-    for (const Words& arguments : lines) {
-        Case it("query-" + std::to_string(&arguments - lines), {});
-        it.Run(arguments, 1, "m.current say:required");
+TEST(CommandLine, OnlyWholeWordsAreTargetsAndAnythingThatBeginsWithQOnlyAsks) {
+    const struct {
+        Words arguments;
+        int status;
+        const char* story;
+    } lines[] = {{{}, 255, "usage"},
+                 {{"q", "micro2", "overlook "}, 255, "usage"},
+                 {{"-p", "all", "1"}, 255, "usage"},
+                 {{"rebootoverlook"}, 255, "usage"},
+                 {{"-p", "micro", "overlook", "all"}, 255, "usage"},
+                 {{"qwerty", "micro2", "micro"}, 1, "m.current required"},
+                 {{"micro", "q", "-p", "x"}, 1, "m.current required"}};
+    for (const auto& line : lines) {
+        Case it("arguments-" + std::to_string(&line - lines), {});
+        it.Run(line.arguments, line.status, line.story);
         Play(it);
     }
 }
 
 TEST(CommandLine, AllUpdatesBothTargetsAndTheQueryAfterwardsFindsNothing) {
-    const Scene scene;
-    Case it("all", scene);
-    it.kept = it.AllImages();
-    it.Run({"all", "q"}, 1, "m.current c.current say:required");
+    Case it("all", {});
+    it.Keep({"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"});
+    it.Run({"all", "q"}, 1, "m.current c.current required");
     it.Run({"all"}, 0, "m.update c.update done");
-    it.Run({"all", "q"}, 0, "m.current c.current say:not-required", scene.Updated());
+    it.scene = it.scene.Updated();
+    it.Run({"all", "q"}, 0, "m.current c.current not-required");
     Play(it);
 }
 
 TEST(CommandLine, RebootReplacesTheMicrocontrollersCheckAndEndsWithoutASummary) {
-    Case micro("reboot-micro", {});
-    micro.Run({"micro", "rebootoverlook"}, 0, "m.reboot");
-    Play(micro);
-    Case all("reboot-all", {});
-    all.kept = all.AllImages();
-    all.kept.erase("kestrelmicro.bin");
-    all.Run({"all", "rebootoverlook"}, 0, "m.reboot c.update");
-    Play(all);
+    Case it("reboot-all", {});
+    it.Keep({"overlookcam.bin", "overlooksys.bin"});
+    it.Run({"all", "rebootoverlook"}, 0, "m.reboot c.update");
+    Play(it);
 }
 
 TEST(CommandLine, AFailingMicrocontrollerLeavesTheCameraAlone) {
-    Case it("all-fails", {}, {"silent unit=micro"});
-    for (const Words& arguments : {Words{"all"}, Words{"all", "q"}}) {
-        it.Run(arguments, 255, "m.open m.request m.unheard failed");
-    }
-    Play(it);
+    PlayFaulty({"all"}, "m.open m.request", {},
+               {{"all-fails", "silent unit=micro", "m.unheard failed"}});
 }
 
 // Each way in which a node cannot be opened looks the same. Those for permission and for a busy
 // node hold for the superuser as well: a read-only kernel file, and a program that is running.
 TEST(Ports, ANodeThatCannotBeOpenedIsGivenUpAfterTenTries) {
+    std::string tries = "micro";
+    for (int i = 0; i < 10; i++) {
+        tries += " open open-failed";
+    }
+    tries += " give-up:1 port-failed:flash_micro,1,-25 failed";
     const struct {
         const char* name;
         const char* target;  // what the node becomes a link to; null: no node at all
+        std::string story;
         bool own_nodes = true;
-    } nodes[] = {{"node-missing", nullptr},
-                 {"node-no-board", nullptr, false},
-                 {"node-directory", "."},
-                 {"node-forbidden", "/sys/devices/system/cpu/possible"},
-                 {"node-busy", "/proc/self/exe"}};
-    for (const char* port : {"1", "0"}) {
-        const bool micro = *port == '1';
-        const std::string head = micro ? "say:micro"
-                                       : "say:camera say:argument,0,kestrelflash "
-                                         "say:argument,1,overlook";
-        std::string tries;
-        for (int i = 0; i < 10; i++) {
-            tries += " say:open say:open-failed";
-        }
-        for (const auto& node : nodes) {
-            Case it(std::string(node.name) + port, {});
-            it.own_nodes = node.own_nodes;
-            it.prepare = [&](const Place& place) {
-                const std::string path = place.dev + "/fpgaserial" + port;
-                fs::remove(path);
-                if (node.target != nullptr) {
-                    fs::create_symlink(node.target, path);
-                }
-            };
-            it.Run({micro ? "micro" : "overlook"}, 255,
-                   head + tries + " say:give-up," + port + " say:port-failed," +
-                       (micro ? "flash_micro," : "flash_overlook,") + port + ",-25 failed");
-            Play(it);
-        }
-    }
-}
-
-TEST(Ports, ANodeThatIsNoTerminalIsClosedAgain) {
-    Case it("node-no-terminal", {});
-    it.prepare = [](const Place& place) {
-        fs::remove(place.dev + "/fpgaserial1");
-        fs::create_symlink("/dev/null", place.dev + "/fpgaserial1");
+    } nodes[] = {
+        {"node-missing", nullptr, tries},
+        {"node-no-board", nullptr, tries, false},
+        {"node-directory", ".", tries},
+        {"node-forbidden", "/sys/devices/system/cpu/possible", tries},
+        {"node-busy", "/proc/self/exe", tries},
+        {"node-no-terminal", "/dev/null",
+         "micro open no-terminal:1 port-failed:flash_micro,1,-34 failed"},
     };
-    it.Run({"micro"}, 255,
-           "say:micro say:open say:no-terminal,1 say:port-failed,flash_micro,1,-34 failed");
-    Play(it);
+    for (const auto& node : nodes) {
+        Case it(node.name, {});
+        it.own_nodes = node.own_nodes;
+        it.prepare = [&](const Place& place) {
+            std::filesystem::remove(place.dev + "/fpgaserial1");
+            if (node.target != nullptr) {
+                std::filesystem::create_symlink(node.target, place.dev + "/fpgaserial1");
+            }
+        };
+        it.Run({"micro"}, 255, node.story);
+        Play(it);
+    }
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
-// Processes are started with pipes for their output and are never waited for without a limit.
+// Processes write their output into files and are never waited for without a limit.
 #include "tests/e2e/runner.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -15,23 +14,21 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <thread>
+
+#include "tests/support/eventually.h"
 
 namespace e2e {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto kLimit = std::chrono::seconds(150);
+constexpr unsigned kLimit = 150;  // seconds
 constexpr int kAttempts = 4;
 // A process that wants the processor and has to wait this long can make the link's 50 ms pass.
 constexpr auto kStall = std::chrono::milliseconds(15);
-
-const char* Environment(const char* name) {
-    const char* value = getenv(name);
-    return value != nullptr ? value : "";
-}
 
 void WriteFile(const fs::path& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
@@ -43,86 +40,58 @@ std::string ReadFile(const fs::path& path) {
     return content.str();
 }
 
-// A child with its two outputs, read as they come.
+// A child with its two outputs in the files PATH.out and PATH.err. One that takes too long is ended
+// by SIGALRM.
 class Child {
   public:
-    Child(const Words& command, const std::string& folder, const Files& environment) {
-        int out[2];
-        int err[2];
-        EXPECT_EQ(pipe2(out, O_CLOEXEC) + pipe2(err, O_CLOEXEC), 0);
+    Child(const char* program, Words command, const std::string& folder, const std::string& path)
+        : path_(path) {
         std::vector<char*> argv;
-        for (const std::string& word : command) {
-            argv.push_back(const_cast<char*>(word.c_str()));
+        for (std::string& word : command) {
+            argv.push_back(word.data());
         }
         argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
-            for (const auto& [name, value] : environment) {
-                setenv(name.c_str(), value.c_str(), 1);
-            }
-            dup2(out[1], STDOUT_FILENO);
-            dup2(err[1], STDERR_FILENO);
+            const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+            dup2(open((path + ".out").c_str(), flags, 0600), STDOUT_FILENO);
+            dup2(open((path + ".err").c_str(), flags, 0600), STDERR_FILENO);
+            alarm(kLimit);
             if (chdir(folder.c_str()) == 0) {
-                execvp(argv[0], argv.data());
+                execv(program, argv.data());
             }
             _exit(127);
         }
-        close(out[1]);
-        close(err[1]);
-        fds_[0] = out[0];
-        fds_[1] = err[0];
     }
     ~Child() {
         if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            Wait();
-        }
-        for (const int fd : fds_) {
-            close(fd);
+            End(SIGKILL);
         }
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    // Reads until standard output holds `text` or `size` bytes, or the child has closed both. A
-    // child that takes too long is ended, and says so.
-    void Read(const std::string& text, size_t size) {
-        const auto limit = std::chrono::steady_clock::now() + kLimit;
-        while ((open_[0] || open_[1]) && text_[0].size() < size &&
-               (text.empty() || text_[0].find(text) == std::string::npos)) {
-            if (std::chrono::steady_clock::now() > limit) {
-                ADD_FAILURE() << "hangs after:\n" << text_[0].substr(0, 4000);
-                kill(pid_, SIGKILL);
-            }
-            pollfd polled[2] = {{open_[0] ? fds_[0] : -1, POLLIN, 0},
-                                {open_[1] ? fds_[1] : -1, POLLIN, 0}};
-            poll(polled, 2, 1000);
-            for (int i = 0; i < 2; i++) {
-                char buffer[65536];
-                if (polled[i].revents != 0) {
-                    const ssize_t count = read(fds_[i], buffer, sizeof buffer);
-                    open_[i] = count > 0;
-                    text_[i].append(buffer, static_cast<size_t>(std::max<ssize_t>(count, 0)));
-                }
-            }
-        }
+    // Waits until standard output holds `text` and is `size` bytes long.
+    void WaitFor(const std::string& text, size_t size) const {
+        EXPECT_TRUE(Eventually([&] {
+            const std::string all = out();
+            return all.size() >= size && all.find(text) != std::string::npos;
+        })) << path_;
     }
-    void Finish() { Read("", SIZE_MAX); }
-    void Signal(int signal) const { kill(pid_, signal); }
-    int Wait() {
+    // Sends a signal, when it is none of 0, and waits for the end.
+    int End(int signal = 0) {
         int status = 0;
+        kill(pid_, signal);
         waitpid(pid_, &status, 0);
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    const std::string& out() const { return text_[0]; }
-    const std::string& err() const { return text_[1]; }
+    std::string out() const { return ReadFile(path_ + ".out"); }
+    std::string err() const { return ReadFile(path_ + ".err"); }
 
   private:
+    std::string path_;
     pid_t pid_ = -1;
-    int fds_[2] = {-1, -1};
-    bool open_[2] = {true, true};
-    std::string text_[2];
 };
 
 // Measures how long the machine keeps a process waiting that has slept and wants to go on, as the
@@ -156,34 +125,6 @@ class StallMeter {
     std::thread thread_;
 };
 
-// What one step showed.
-struct Seen {
-    int status = 0;
-    std::string console;
-    std::string errors;
-    std::string wire;
-};
-
-std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-        text.replace(at, from.size(), to);
-    }
-    return text;
-}
-
-std::string WithoutLines(const std::string& text, const std::vector<std::string>& marks) {
-    std::istringstream lines(text);
-    std::string kept;
-    for (std::string line; std::getline(lines, line);) {
-        if (std::none_of(marks.begin(), marks.end(), [&](const std::string& mark) {
-                return line.find(mark) != std::string::npos;
-            })) {
-            kept += line + "\n";
-        }
-    }
-    return kept;
-}
-
 // The unit's log, cut into steps at the marks that the runner left in it, as transcripts are.
 std::string WireOf(const std::string& log) {
     Transcript wire({});
@@ -198,37 +139,12 @@ std::string WireOf(const std::string& log) {
             wire.Event(port, event["event"]);
         }
     }
-    return wire.wire();
+    return wire.wire;
 }
 
-// Where two texts part, with what stands around.
-std::string Difference(const std::string& what, const std::string& expected,
-                       const std::string& seen) {
-    if (expected == seen) {
-        return "";
-    }
-    size_t at = 0;
-    while (at < expected.size() && at < seen.size() && expected[at] == seen[at]) {
-        at++;
-    }
-    const size_t from = at > 300 ? at - 300 : 0;
-    const auto around = [&](const std::string& text) {
-        return text.substr(from, at - from) + "<<HERE>>" +
-               text.substr(std::min(at, text.size()), 300);
-    };
-    return what + " differs at byte " + std::to_string(at) + " of " +
-           std::to_string(expected.size()) + " expected and " + std::to_string(seen.size()) +
-           " seen\n--- expected\n" + around(expected) + "\n--- seen\n" + around(seen) + "\n";
-}
-
-size_t FailedReads(const std::string& console) {
-    size_t count = 0;
-    for (const char* mark : {"######### Failed reading", "byteRead[0]", "byteRead[1]"}) {
-        for (size_t at = 0; (at = console.find(mark, at)) != std::string::npos; at++) {
-            count++;
-        }
-    }
-    return count;
+long FailedReads(const std::string& console) {
+    const std::regex mark(R"(######### Failed reading|byteRead\[[01]\])");
+    return std::distance(std::sregex_iterator(console.begin(), console.end(), mark), {});
 }
 
 class Rig {
@@ -239,16 +155,14 @@ class Rig {
         place_ = {folder_ + "/work", folder_ + "/dev", folder_ + "/state"};
         fs::create_directories(place_.work);
         for (const auto& [name, content] : it.files) {
-            WriteFile(fs::path(place_.work) / name, content);
+            WriteFile(place_.work + "/" + name, content);
         }
-        Words command = {E2E_UNIT, "--dir",   place_.dev, "--state",  place_.state,
-                         "--log",  LogFile(), "--images", place_.work};
+        Words command = {"kestrelsim", "--dir",          place_.dev, "--state",  place_.state,
+                         "--log",      folder_ + "/log", "--images", place_.work};
         command.insert(command.end(), it.unit.begin(), it.unit.end());
-        unit_.emplace(command, folder_, Files{});
-        unit_->Read("ready in", SIZE_MAX);
-        if (it.prepare) {
-            it.prepare(place_);
-        }
+        unit_.emplace(E2E_UNIT, command, folder_, folder_ + "/unit");
+        unit_->WaitFor("ready in", 0);
+        it.prepare(place_);
     }
     ~Rig() {
         unit_.reset();
@@ -257,98 +171,83 @@ class Rig {
 
     // Plays all steps and returns every difference, empty when there is none.
     std::string Play() {
-        std::string differences;
         for (const Step& step : case_.steps) {
-            const Seen seen = Run(step);
-            const std::string console = WithoutLines(seen.console, case_.unsteady);
-            const std::string expected = WithoutLines(step.expected.console(), case_.unsteady);
-            differences += Difference("console", expected, console);
-            if (case_.stop_after == 0) {
-                differences += Difference("wire", step.expected.wire(), seen.wire);
-            }
-            differences += Difference("standard error", "", seen.errors);
-            differences +=
-                Difference("exit status", std::to_string(step.status), std::to_string(seen.status));
-            answer_missed_ = answer_missed_ || FailedReads(console) > FailedReads(expected);
-            steps_.push_back(seen);
+            Run(step);
         }
-        if (case_.inspect) {
-            case_.inspect(place_);
+        case_.inspect(place_);
+        Compare("the unit's exit status", std::to_string(case_.unit_status),
+                std::to_string(unit_->End(SIGTERM)));
+        for (const char* name : {"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"}) {
+            const auto expected = case_.kept.find(name);
+            const fs::path path = fs::path(place_.state) / name;
+            Compare(name, expected != case_.kept.end() ? expected->second : "not kept",
+                    fs::exists(path) ? ReadFile(path) : "not kept");
         }
-        unit_->Signal(SIGTERM);
-        unit_->Finish();
-        differences += Difference("the unit's exit status", std::to_string(case_.unit_status),
-                                  std::to_string(unit_->Wait()));
-        return differences + Kept();
+        return differences_;
     }
 
     bool answer_missed() const { return answer_missed_; }
 
-    void Record(const std::string& folder) const {
-        fs::create_directories(folder);
-        for (size_t i = 0; i < steps_.size(); i++) {
-            const std::string name = folder + "/" + case_.name + "." + std::to_string(i + 1);
-            WriteFile(name + ".console", WithoutLines(steps_[i].console, case_.unsteady));
-            WriteFile(name + ".wire",
-                      steps_[i].wire + "exit " + std::to_string(steps_[i].status) + "\n");
+  private:
+    // Notes where two texts part, with what stands around.
+    void Compare(const std::string& what, const std::string& expected, const std::string& seen) {
+        if (expected == seen) {
+            return;
+        }
+        size_t at = 0;
+        while (at < expected.size() && at < seen.size() && expected[at] == seen[at]) {
+            at++;
+        }
+        const size_t from = at - std::min<size_t>(at, 300);
+        differences_ += what + " differs at byte " + std::to_string(at) + "\n--- expected\n" +
+                        expected.substr(from, 600) + "\n--- seen\n" + seen.substr(from, 600) + "\n";
+    }
+
+    void Run(const Step& step) {
+        Words command = step.expected.arguments;
+        command.insert(command.begin(), "kestrelflash");
+        setenv("HARBOR_DEV_DIR", case_.own_nodes ? place_.dev.c_str() : "", 1);
+        setenv("HARBOR_DELAY_PERCENT", std::to_string(case_.delay_percent).c_str(), 1);
+        Child updater(E2E_PROGRAM, command, place_.work, folder_ + "/updater");
+        if (case_.stop_after > 0) {
+            updater.WaitFor("", case_.stop_after);
+        }
+        const std::string status = std::to_string(updater.End(case_.stop_after > 0 ? SIGTERM : 0));
+        const std::string console = Steady(updater.out());
+        const std::string expected = Steady(step.expected.console);
+        const std::string wire = case_.stop_after > 0 ? "" : SettledWire(step.expected.wire);
+        Compare("console", expected, console);
+        Compare("wire", case_.stop_after > 0 ? "" : step.expected.wire, wire);
+        Compare("standard error", "", updater.err());
+        Compare("exit status", std::to_string(step.status), status);
+        answer_missed_ = answer_missed_ || FailedReads(console) > FailedReads(expected);
+        if (const char* folder = getenv("E2E_RECORD_DIR")) {
+            fs::create_directories(folder);
+            const std::string name = std::string(folder) + "/" + case_.name + "." +
+                                     std::to_string(&step - case_.steps.data() + 1);
+            WriteFile(name + ".console", console);
+            WriteFile(name + ".wire", wire + "exit " + status + "\n");
         }
     }
 
-  private:
-    std::string LogFile() const { return folder_ + "/log"; }
-
-    Seen Run(const Step& step) {
-        std::istringstream prefix(*Environment("E2E_UPDATER") != '\0' ? Environment("E2E_UPDATER")
-                                                                      : E2E_PROGRAM);
-        Words command{std::istream_iterator<std::string>(prefix), {}};
-        const std::string program = command.back();
-        command.insert(command.end(), step.expected.arguments().begin(),
-                       step.expected.arguments().end());
-        Child updater(command, place_.work,
-                      {{"HARBOR_DEV_DIR", case_.own_nodes ? place_.dev : ""},
-                       {"HARBOR_DELAY_PERCENT", std::to_string(case_.delay_percent)}});
-        if (case_.stop_after > 0) {
-            updater.Read("", case_.stop_after);
-            updater.Signal(SIGTERM);
-        }
-        updater.Finish();
-        Seen seen;
-        seen.status = updater.Wait();
-        seen.console = ReplaceAll(updater.out(), program, "kestrelflash");
-        seen.errors = updater.err();
-        seen.wire = case_.stop_after > 0 ? "" : SettledWire(step.expected.wire());
-        return seen;
+    std::string Steady(const std::string& console) const {
+        const std::regex unsteady("[^\n]*(" + case_.unsteady + ")[^\n]*\n");
+        return case_.unsteady.empty() ? console : std::regex_replace(console, unsteady, "");
     }
 
     // The unit learns of the closing a moment after the updater has ended.
     std::string SettledWire(const std::string& expected) {
         std::string wire;
-        for (int i = 0; i < 100; i++) {
-            const std::string log = ReadFile(LogFile());
-            const size_t end = log.rfind('\n') + 1;
+        size_t end = 0;
+        const auto settled = [&] {
+            const std::string log = ReadFile(folder_ + "/log");
+            end = log.rfind('\n') + 1;
             wire = WireOf(log.substr(log_read_, end - log_read_));
-            if (wire == expected) {
-                log_read_ = end;
-                return wire;
-            }
-            usleep(20000);
-        }
+            return wire == expected;
+        };
+        Eventually(settled, std::chrono::seconds(2));
+        log_read_ = end;
         return wire;
-    }
-
-    std::string Kept() const {
-        std::string differences;
-        for (const char* name : {"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"}) {
-            const auto expected = case_.kept.find(name);
-            const fs::path path = fs::path(place_.state) / name;
-            if (fs::exists(path) != (expected != case_.kept.end())) {
-                differences +=
-                    std::string(name) + (fs::exists(path) ? " was kept\n" : " is missing\n");
-            } else if (fs::exists(path) && ReadFile(path) != expected->second) {
-                differences += std::string(name) + " was kept, but is not the image\n";
-            }
-        }
-        return differences;
     }
 
     const Case& case_;
@@ -356,7 +255,7 @@ class Rig {
     Place place_;
     std::optional<Child> unit_;
     size_t log_read_ = 0;
-    std::vector<Seen> steps_;
+    std::string differences_;
     bool answer_missed_ = false;
 };
 
@@ -364,9 +263,11 @@ class Rig {
 
 Case::Case(const std::string& case_name, const Scene& case_scene, const Words& faults)
     : name(case_name), scene(case_scene) {
-    files = AllImages();
-    files["overlookcamver"] = scene.new_camera + "\n";
-    files["overlooksysver"] = scene.new_system + "\n";
+    files = {{"kestrelmicro.bin", scene.micro},
+             {"overlookcam.bin", scene.camera},
+             {"overlooksys.bin", scene.system},
+             {"overlookcamver", scene.new_camera + "\n"},
+             {"overlooksysver", scene.new_system + "\n"}};
     unit = {"--micro-version",  std::to_string(scene.unit_micro),
             "--camera-version", scene.unit_camera,
             "--system-version", scene.unit_system};
@@ -376,17 +277,13 @@ Case::Case(const std::string& case_name, const Scene& case_scene, const Words& f
 }
 
 void Case::Run(const Words& arguments, int status, const std::string& story) {
-    Run(arguments, status, story, scene);
+    steps.push_back({Transcript(arguments, scene).Tell(story), status});
 }
 
-void Case::Run(const Words& arguments, int status, const std::string& story, const Scene& now) {
-    steps.push_back({Transcript(arguments, now).Tell(story), status});
-}
-
-Files Case::AllImages() const {
-    return {{"kestrelmicro.bin", scene.micro},
-            {"overlookcam.bin", scene.camera},
-            {"overlooksys.bin", scene.system}};
+void Case::Keep(const Words& names) {
+    for (const std::string& image : names) {
+        kept[image] = files.at(image);
+    }
 }
 
 void Play(const Case& it) {
@@ -398,9 +295,6 @@ void Play(const Case& it) {
         StallMeter meter;
         differences = rig.Play();
         const auto stall = meter.Longest();
-        if (*Environment("E2E_RECORD_DIR") != '\0') {
-            rig.Record(Environment("E2E_RECORD_DIR"));
-        }
         if (differences.empty() || !rig.answer_missed()) {
             slow = false;
             break;
@@ -413,6 +307,17 @@ void Play(const Case& it) {
         GTEST_SKIP() << "too slow a machine for the link's time-outs: " << differences;
     }
     EXPECT_EQ(differences, "");
+}
+
+void PlayFaulty(const Words& arguments, const std::string& head, const Scene& scene,
+                std::initializer_list<Faulty> faults) {
+    for (const Faulty& fault : faults) {
+        Case it(fault.name, scene, {fault.fault});
+        it.Run(arguments, fault.status, head + " " + fault.story);
+        it.unit_status = fault.unit_status;
+        it.Keep(fault.kept);
+        Play(it);
+    }
 }
 
 }  // namespace e2e

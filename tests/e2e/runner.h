@@ -2,12 +2,12 @@
 // everything that could be seen: console text, exit status, wire bytes, openings and closings,
 // images that the unit kept.
 //
-// Environment: E2E_UPDATER, a command that runs the updater in place of the built one (an emulator
-// and its program, for example); E2E_RECORD_DIR, a folder into which each step's console text and
-// wire are written, for comparing two builds of the updater.
+// Environment: E2E_RECORD_DIR, a folder into which each step's console text and wire are written,
+// for comparing two builds of the updater.
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -28,7 +28,7 @@ struct Place {
 
 struct Step {
     Transcript expected;
-    int status = 0;  // exit status; 128 + the signal when a signal ended it
+    int status;  // exit status; 128 + the signal when a signal ended it
 };
 
 struct Case {
@@ -37,10 +37,8 @@ struct Case {
 
     // One run of the updater.
     void Run(const Words& arguments, int status, const std::string& story);
-    void Run(const Words& arguments, int status, const std::string& story, const Scene& now);
-
-    // The three images under their names.
-    Files AllImages() const;
+    // The unit is to hold these images at the end ("kestrelmicro.bin").
+    void Keep(const Words& names);
 
     std::string name;
     Scene scene;
@@ -50,11 +48,11 @@ struct Case {
     Files kept;           // images that the unit holds at the end
     int unit_status = 0;  // 3 when the unit has to refuse something
     // Changes the place when unit and files stand, before the first step.
-    std::function<void(const Place&)> prepare;
+    std::function<void(const Place&)> prepare = [](const Place&) {};
     // Looks at the place after the last step, while the unit still runs.
-    std::function<void(const Place&)> inspect;
-    // Console lines that contain one of these texts are left out of the comparison.
-    Words unsteady;
+    std::function<void(const Place&)> inspect = [](const Place&) {};
+    // Console lines in which this expression is found are left out of the comparison.
+    std::string unsteady;
     int delay_percent = 5;  // of the designed pauses
     bool own_nodes = true;  // false: the updater looks for the board's own nodes
     // Console bytes after which the updater is ended by SIGTERM; the wire is then not compared.
@@ -65,5 +63,19 @@ struct Case {
 // read that was not expected) has the case played again, at most three times. It is skipped, not
 // failed, only when every attempt missed one while a measured stall of the machine explains it.
 void Play(const Case& it);
+
+// A run of the updater against a unit with one fault.
+struct Faulty {
+    const char* name;
+    std::string fault;
+    const char* story;
+    int status = 255;
+    Words kept = {};
+    int unit_status = 0;
+};
+
+// Plays each; the stories go on where `head` ends.
+void PlayFaulty(const Words& arguments, const std::string& head, const Scene& scene,
+                std::initializer_list<Faulty> faults);
 
 }  // namespace e2e

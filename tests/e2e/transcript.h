@@ -1,9 +1,10 @@
-// What a run of the updater is expected to show: console text from golden/console.txt and wire
-// bytes from a frame builder of the tests' own, told in words.
+// What a run of the updater is expected to show: console text and wire bytes, told in the words of
+// golden/words.txt, with a frame builder of the tests' own.
 #pragma once
 
 #include <stdint.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,6 @@ std::string Word(size_t value);
 // `size` bytes that begin with `first` and hold every value, those that need stuffing included.
 std::string Pattern(size_t size, uint8_t first = 0x13);
 
-std::string Hex(unsigned value, int width = 1);
 std::string FromHex(const std::string& hex);
 
 // The images at hand and what the unit has.
@@ -36,9 +36,6 @@ struct Scene {
 
     bool camera_needed() const { return unit_camera != new_camera; }
     bool system_needed() const { return unit_system != new_system; }
-    std::string VersionReply() const;
-    std::string DeviceType() const;
-    std::string FlashReply() const;
     // The scene after an update of everything.
     Scene Updated() const;
 };
@@ -46,46 +43,27 @@ struct Scene {
 class Transcript {
   public:
     // Begins as every run does. The program's own name reads "kestrelflash".
-    explicit Transcript(const Words& arguments, const Scene& scene = {});
+    explicit Transcript(const Words& words, const Scene& scene_at_hand = {});
 
     // Goes on with the words of `story`, separated by blanks; a word's values follow it as
-    // "word:value,value". The words are listed in transcript.cpp.
+    // "word:value,value".
     Transcript& Tell(const std::string& story);
-
-    // The console text of that name in golden/console.txt.
-    Transcript& Say(const std::string& name, const Words& values = {});
+    Transcript& Say(const std::string& word, const Words& values = {});
 
     // The wire, in order. Consecutive bytes in one direction are one line.
-    Transcript& Event(int port, const std::string& event);
-    Transcript& Bytes(int port, char direction, const std::string& bytes);
+    void Event(int port, const std::string& event);
+    void Bytes(int port, char direction, const std::string& bytes);
 
-    // Progress is on: `total` bytes over the range. Each position is preceded by the console text
-    // `trouble`, when there is one.
-    Transcript& Progress(size_t total, int low, int high, const std::string& trouble = "",
-                         const std::string& path = "");
-    // So many more bytes are done.
-    void Count(size_t bytes);
-
-    const Scene& scene() const { return scene_; }
-    const Words& arguments() const { return arguments_; }
-    const std::string& console() const { return console_; }
-    const std::string& wire() const { return wire_; }
-    const std::string& positions() const { return positions_; }
+    Scene scene;
+    Words arguments;
+    std::string console;
+    std::string wire;
 
   private:
-    Scene scene_;
-    Words arguments_;
-    std::string console_;
-    std::string wire_;
-    std::string positions_;  // every number written, one behind the other
-    std::string wire_end_;   // port and direction of the last line
-    std::string trouble_;
-    std::string path_;
-    int total_ = 0;
-    int done_ = 0;
-    int low_ = 0;
-    int width_ = 0;
-    int last_ = 0;
+    std::string Fill(std::string text, const Words& values) const;
+
+    std::map<std::string, std::string> names_;  // what the scene says
+    std::string wire_end_;                      // port and direction of the last line
 };
 
 }  // namespace e2e
