@@ -9,66 +9,61 @@
 namespace kestrelsim {
 namespace {
 
-const Answer kVersionAnswer = {{UnitName::kMicro, AnswerKind::kVersion}, {1, 2, 3, 4}, "version"};
+const AnswerId kVersion = {UnitName::kMicro, AnswerKind::kVersion};
 
-Answer BlockAnswer(UnitName unit, Image image, int block, int attempt = 1) {
-    return {{unit, AnswerKind::kBlock, image, block, attempt}, {0x48, 0x06}, "ACK"};
+AnswerId Block(UnitName unit, Image image, int block, int attempt = 1) {
+    return {unit, AnswerKind::kBlock, image, block, attempt};
 }
 
-// "0:0102 5:03": delay and bytes of each piece.
-std::string Show(const std::vector<Piece>& pieces) {
+// "nack" for an answer that is to be refused, otherwise "0:0102 5:03": delay and bytes of each
+// piece of what becomes of 01020304.
+std::string Strike(Faults* faults, const AnswerId& id) {
+    if (!faults->Acknowledges(id)) {
+        return "nack";
+    }
     std::string text;
-    for (const Piece& piece : pieces) {
+    for (const Piece& piece : faults->Shape({id, {1, 2, 3, 4}, ""})) {
         text +=
             (text.empty() ? "" : " ") + std::to_string(piece.delay_ms) + ":" + ToHex(piece.bytes);
     }
     return text;
 }
 
-TEST(Faults, ShapeAnAnswerAsTheirNamesSay) {
+TEST(Faults, StrikeOnlyTheAnswersThatAreAskedAndShapeThemAsTheirNamesSay) {
     const struct {
         std::vector<const char*> texts;
-        const char* pieces;
+        std::vector<AnswerId> answers;
+        std::vector<std::string> outcomes;
     } cases[] = {
-        {{}, "0:01020304"},
-        {{"drop"}, ""},
-        {{"late ms=7"}, "7:01020304"},
-        {{"split ms=3"}, "0:01 3:02 3:03 3:04"},
-        {{"split ms=3", "late ms=7"}, "7:01 3:02 3:03 3:04"},
-        {{"duplicate"}, "0:0102030401020304"},
-        {{"corrupt"}, "0:01550304"},
-        {{"corrupt byte=3 value=0xff"}, "0:010203ff"},
-        {{"corrupt byte=9"}, "0:01020304"},
-        {{"short count=2"}, "0:0102"},
-        {{"noise bytes=FF00", "late ms=7"}, "7:ff00 0:01020304"},
-        {{"late unit=camera", "late answer=block", "late block=1"}, "0:01020304"},
-        {{"wrong-type", "slow-erase", "nack"}, "0:01020304"},
+        {{"split ms=3", "late ms=7"}, {kVersion}, {"7:01 3:02 3:03 3:04"}},
+        {{"corrupt byte=3 value=0xff"}, {kVersion}, {"0:010203ff"}},
+        {{"corrupt byte=9"}, {kVersion}, {"0:01020304"}},
+        {{"noise bytes=FF00", "late ms=7", "short count=3"}, {kVersion}, {"7:ff00 0:010203"}},
+        {{"late unit=camera", "drop answer=block", "late block=1", "wrong-type", "slow-erase",
+          "nack"},
+         {kVersion},
+         {"0:01020304"}},
+        {{"nack unit=micro block=3 attempt=2", "drop image=system times=1"},
+         {Block(UnitName::kMicro, Image::kMicro, 3), Block(UnitName::kMicro, Image::kMicro, 3, 2),
+          Block(UnitName::kCamera, Image::kCamera, 3, 2),
+          Block(UnitName::kCamera, Image::kSystem, 0), Block(UnitName::kCamera, Image::kSystem, 0)},
+         {"0:01020304", "nack", "0:01020304", "", "0:01020304"}},
+        {{"silent unit=camera image=camera block=5"},
+         {Block(UnitName::kCamera, Image::kCamera, 4), Block(UnitName::kCamera, Image::kCamera, 5),
+          Block(UnitName::kCamera, Image::kCamera, 6), kVersion},
+         {"0:01020304", "", "", "0:01020304"}},
     };
     for (const auto& it : cases) {
         Faults faults;
         for (const char* text : it.texts) {
             faults.Add(text);
         }
-        EXPECT_EQ(Show(faults.Shape(kVersionAnswer)), it.pieces)
-            << testing::PrintToString(it.texts);
+        std::vector<std::string> outcomes;
+        for (const AnswerId& id : it.answers) {
+            outcomes.push_back(Strike(&faults, id));
+        }
+        EXPECT_EQ(outcomes, it.outcomes) << testing::PrintToString(it.texts);
     }
-}
-
-TEST(Faults, StrikeOnlyTheBlockAttemptAndTimesThatAreAsked) {
-    Faults faults;
-    faults.Add("nack unit=micro block=3 attempt=2");
-    faults.Add("nack image=system times=1");
-    faults.Add("silent unit=camera image=camera block=5");
-    const auto acknowledged = [&](const Answer& answer) { return faults.Acknowledges(answer.id); };
-    EXPECT_TRUE(acknowledged(BlockAnswer(UnitName::kMicro, Image::kMicro, 3, 1)));
-    EXPECT_FALSE(acknowledged(BlockAnswer(UnitName::kMicro, Image::kMicro, 3, 2)));
-    EXPECT_TRUE(acknowledged(BlockAnswer(UnitName::kCamera, Image::kCamera, 3, 2)));
-    EXPECT_FALSE(acknowledged(BlockAnswer(UnitName::kCamera, Image::kSystem, 0)));
-    EXPECT_TRUE(acknowledged(BlockAnswer(UnitName::kCamera, Image::kSystem, 0))) << "times=1";
-    EXPECT_FALSE(faults.Shape(BlockAnswer(UnitName::kCamera, Image::kCamera, 4)).empty());
-    EXPECT_TRUE(faults.Shape(BlockAnswer(UnitName::kCamera, Image::kCamera, 5)).empty());
-    EXPECT_TRUE(faults.Shape(BlockAnswer(UnitName::kCamera, Image::kCamera, 6)).empty());
-    EXPECT_FALSE(faults.Shape(kVersionAnswer).empty()) << "the other unit still answers";
 }
 
 TEST(Faults, TheSameSeedMakesTheSameNoise) {
@@ -79,7 +74,7 @@ TEST(Faults, TheSameSeedMakesTheSameNoise) {
         if (seed != 5) {
             faults.Seed(seed);
         }
-        Bytes bytes = faults.Shape(kVersionAnswer).at(0).bytes;
+        Bytes bytes = faults.Shape({kVersion, {1}, ""}).at(0).bytes;
         EXPECT_EQ(bytes.size(), 400U);
         for (const uint8_t byte : bytes) {
             EXPECT_TRUE(byte != 0xFF && byte != 0xA0) << "noise must not look like an answer";

@@ -11,9 +11,9 @@ Message Frame(uint8_t type, Bytes payload) {
     return {MessageKind::kFrame, type, std::move(payload), {}};
 }
 
-Message Block(uint8_t type, int number, size_t size, uint8_t fill = 7) {
+Message Block(uint8_t type, int number, size_t size) {
     Bytes payload = {static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
-    payload.resize(2 + size, fill);
+    payload.resize(2 + size, 7);
     return Frame(type, std::move(payload));
 }
 
@@ -21,12 +21,16 @@ Message FlashMode(const char* hex) {
     return {MessageKind::kFlashModeRequest, 0, FromHex(hex).value(), {}};
 }
 
-// The answer's bytes, or the reason of the refusal, or nothing.
-std::string Reply(Unit* unit, const Message& message) {
-    const Outcome outcome = unit->OnMessage(message);
-    return outcome.refusal  ? ReasonText(outcome.refusal->reason)
-           : outcome.answer ? ToHex(outcome.answer->bytes)
-                            : "";
+// What becomes of each message: the answer's bytes, the reason of the refusal, or nothing.
+std::string Replies(Unit* unit, const std::vector<Message>& messages) {
+    std::string text;
+    for (const Message& message : messages) {
+        const Outcome outcome = unit->OnMessage(message);
+        text += outcome.refusal ? ReasonText(outcome.refusal->reason) : "";
+        text += outcome.answer ? ToHex(outcome.answer->bytes) : "";
+        text += ";";
+    }
+    return text;
 }
 
 struct Units {
@@ -41,71 +45,46 @@ struct Units {
     CameraUnit camera{&versions, verdict, sink};
 };
 
-TEST(MicroUnit, AnswersItsVersionAndTheVersionOfTheImageItReceived) {
+TEST(MicroUnit, KeepsARefusedBlockForTheRetryThatCarriesNoData) {
     Units units;
-    EXPECT_EQ(Reply(&units.micro, Frame(0x44, {1})), "ff14000d126b65737472656c73696d");
-    EXPECT_EQ(Reply(&units.micro, Frame(0x44, {0})), "");
-    EXPECT_EQ(Reply(&units.micro, Frame(0x49, {0x69})), "");
-    for (int block = 0; block < 12; block++) {
-        EXPECT_EQ(Reply(&units.micro, Block(0x48, block,
-                                            block == 0   ? 512
-                                            : block == 1 ? 88
-                                                         : 0)),
-                  "4806");
+    const Message retry = Frame(0x48, {});
+    EXPECT_EQ(Replies(&units.micro, {retry}), "out of order;") << "nothing to retry";
+    units.ack = false;
+    EXPECT_EQ(Replies(&units.micro, {Block(0x48, 0, 512), retry}), "480f;480f;");
+    units.ack = true;
+    EXPECT_EQ(Replies(&units.micro, {retry}), "4806;");
+    for (int block = 1; block < 12; block++) {
+        Replies(&units.micro, {Block(0x48, block, 512)});
     }
-    EXPECT_EQ(units.kept, "microcontroller 600;");
+    EXPECT_EQ(units.kept, "microcontroller 6144;");
     EXPECT_EQ(units.micro.version(), 7);
     EXPECT_EQ(units.micro.OnLineClosed(), "") << "a complete transfer is not given up";
 }
 
-TEST(MicroUnit, KeepsARefusedBlockForTheRetryThatCarriesNoData) {
-    Units units;
-    EXPECT_EQ(Reply(&units.micro, Frame(0x48, {})), "out of order") << "nothing to retry";
-    units.ack = false;
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 0, 512)), "480f");
-    EXPECT_EQ(Reply(&units.micro, Frame(0x48, {})), "480f");
-    units.ack = true;
-    EXPECT_EQ(Reply(&units.micro, Frame(0x48, {})), "4806");
-    for (int block = 1; block < 12; block++) {
-        Reply(&units.micro, Block(0x48, block, 512));
-    }
-    EXPECT_EQ(units.kept, "microcontroller 6144;");
-}
-
 TEST(MicroUnit, RefusesBlocksOutOfOrderAndMessagesOfTheOtherLine) {
     Units units;
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 1, 512)), "out of order");
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 0, 512)), "4806");
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 0, 512)), "out of order") << "the same again";
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 2, 512)), "out of order") << "one left out";
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 1, 10)), "4806");
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 2, 1)), "out of order") << "data after the end";
-    EXPECT_EQ(Reply(&units.micro, Block(0x88, 0, 1)), "wrong line");
+    // Repeated, left out, behind the data's end, and a camera's.
+    EXPECT_EQ(Replies(&units.micro, {Block(0x48, 1, 512), Block(0x48, 0, 512), Block(0x48, 0, 512),
+                                     Block(0x48, 2, 512), Block(0x48, 1, 10), Block(0x48, 2, 1),
+                                     Block(0x88, 0, 1), Frame(0x44, {0})}),
+              "out of order;4806;out of order;out of order;4806;out of order;wrong line;;");
     EXPECT_EQ(units.micro.OnLineClosed(), "microcontroller image: 2 of 12 blocks");
-    EXPECT_EQ(Reply(&units.micro, Block(0x48, 0, 512)), "4806") << "the next run starts afresh";
+    EXPECT_EQ(Replies(&units.micro, {Block(0x48, 0, 512)}), "4806;") << "the next run's";
 }
 
 TEST(CameraUnit, HoldsTheSenderToTheAnnouncedCounts) {
     Units units;
-    const Message request = {MessageKind::kDeviceTypeRequest, 0, {}, {}};
-    EXPECT_EQ(Reply(&units.camera, request),
-              "a04f564c4b"
-              "32303030"
-              "31303030");
     for (const char* wrong : {"0100010001", "0300010001", "0500000000", "0200010000"}) {
-        EXPECT_EQ(Reply(&units.camera, FlashMode(wrong)), "bad request") << wrong;
+        EXPECT_EQ(Replies(&units.camera, {FlashMode(wrong)}), "bad request;") << wrong;
     }
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 0, 5)), "out of order") << "before the flash mode";
-    EXPECT_EQ(Reply(&units.camera, FlashMode("0500020001")), "a0437205");
-    EXPECT_EQ(Reply(&units.camera, Block(0x89, 0, 5)), "out of order") << "camera image first";
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 0, 5)), "out of order") << "short in the middle";
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 0, 64512)), "4806");
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 1, 0)), "out of order") << "an empty last block";
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 1, 1)), "4806");
-    EXPECT_EQ(Reply(&units.camera, Block(0x88, 2, 1)), "out of order") << "one too many";
-    EXPECT_EQ(Reply(&units.camera, Block(0x89, 0, 9)), "4806");
+    EXPECT_EQ(Replies(&units.camera, {Block(0x88, 0, 5), FlashMode("0500020001")}),
+              "out of order;a0437205;");
+    // The system image first, a short block in the middle, an empty last one, one too many.
+    EXPECT_EQ(Replies(&units.camera, {Block(0x89, 0, 5), Block(0x88, 0, 5), Block(0x88, 0, 64512),
+                                      Block(0x88, 1, 0), Block(0x88, 1, 1), Block(0x88, 2, 1),
+                                      Block(0x89, 0, 9), Frame(0x44, {1})}),
+              "out of order;out of order;4806;out of order;4806;out of order;4806;wrong line;");
     EXPECT_EQ(units.kept, "camera 64513;system 9;");
-    EXPECT_EQ(Reply(&units.camera, Frame(0x44, {1})), "wrong line");
 }
 
 }  // namespace
