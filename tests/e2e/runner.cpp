@@ -178,10 +178,12 @@ class Rig {
         Compare("the unit's exit status", std::to_string(case_.unit_status),
                 std::to_string(unit_->End(SIGTERM)));
         for (const char* name : {"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"}) {
-            const auto expected = case_.kept.find(name);
+            const auto kept = case_.kept.find(name);
             const fs::path path = fs::path(place_.state) / name;
-            Compare(name, expected != case_.kept.end() ? expected->second : "not kept",
-                    fs::exists(path) ? ReadFile(path) : "not kept");
+            if ((kept != case_.kept.end() ? kept->second : "none") !=
+                (fs::exists(path) ? ReadFile(path) : "none")) {
+                differences_ += std::string(name) + " is not what the unit was to keep\n";
+            }
         }
         return differences_;
     }
