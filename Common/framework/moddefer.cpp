@@ -483,11 +483,12 @@ void t_delete_callback() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &ignored);
     const UInt32 self = ModSelf();
     ModProcessEvents(0xFFFFFFFF);
-    TimerStopByTaskID(self);
     // What came in meanwhile, or was queued by what just ran. After this nothing can come.
     t_close();
     ModProcessDeferredCallbacks();
     ModProcessDeferredFunctions();
+    // Last: all of that may have started timers.
+    TimerStopByTaskID(self);
     const SemGuardT lock(deferredFuncRegion);
     DFStatsT* stats = StatsOf(self, false);
     if (stats != nullptr) {
