@@ -104,6 +104,17 @@ void FreeFunc(ModDeferredFuncT* block) {
     gFreeDeferredFuncsAvailable.fetch_add(1, std::memory_order_relaxed);
 }
 
+// Takes a pending block off the list unserved: its task no longer counts it. deferredFuncRegion is
+// held.
+void DropFunc(ModDeferredFuncT* block) {
+    DFStatsT* stats = StatsOf(block->taskID, false);
+    if (stats != nullptr && stats->queued > 0 && --stats->queued == 0) {
+        stats->eventTime = 0;
+    }
+    ListExtractUnprot(&gPendDeferredFuncList, &block->list);
+    FreeFunc(block);
+}
+
 // Frees the pending blocks whose task went without serving them: it was deleted before it ever ran.
 void ReclaimFuncs() {
     const SemGuardT lock(deferredFuncRegion);
@@ -111,8 +122,7 @@ void ReclaimFuncs() {
     for (ListT* at = gPendDeferredFuncList; left > 0; left--) {
         ListT* next = at->next;
         if (t_incarnation(FuncOf(at)->taskID) != FuncOf(at)->incarnation) {
-            ListExtractUnprot(&gPendDeferredFuncList, at);
-            FreeFunc(FuncOf(at));
+            DropFunc(FuncOf(at));
         }
         at = next;
     }
@@ -231,8 +241,7 @@ bool Unqueue(const TicketT& ticket) {
     if (ticket.block->serial != ticket.serial || ticket.block->stage != kDeferredPending) {
         return false;
     }
-    ListExtractUnprot(&gPendDeferredFuncList, &ticket.block->list);
-    FreeFunc(ticket.block);
+    DropFunc(ticket.block);
     return true;
 }
 
@@ -432,8 +441,7 @@ int ModCancelDeferredFunctions(DeferredFuncPtrT pFunc, void* userDefined) {
                     continue;
                 }
                 if (block.stage == kDeferredPending) {
-                    ListExtractUnprot(&gPendDeferredFuncList, &block.list);
-                    FreeFunc(&block);
+                    DropFunc(&block);
                     cancelled++;
                 } else if (block.stage == kDeferredTaken) {
                     block.pFunc = nullptr;
