@@ -564,6 +564,9 @@ void TimerDumpActive() {
 void TimerDumpAll() {
     TimerDumpHeading();
     for (const std::atomic<TimerT*>& slot : gTimers) {
+        // A timer that ends leaves its slot under the mutex: while it is held the record stays.
+        const NoCancelT no_cancel;
+        const MutexGuardT guard(&gLifeMutex);
         TimerT* pTimer = slot.load(std::memory_order_acquire);
         if (pTimer != nullptr) {
             TimerDump(pTimer, 0);
