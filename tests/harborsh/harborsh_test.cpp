@@ -123,6 +123,7 @@ TEST(Harborsh, TheExitStatusIsThatOfTheLastCommand) {
         {"-c 'notify \"a; b\"; notify c'", 0, "NOTIFY: a; b\nNOTIFY: c\n"},
         {"-c notify\\ a -c nosuch", -kItemNotFound, "NOTIFY: a\nERROR, item not found\n"},
         {"-c ''", 0, ""},
+        {"-c 'notify \"a;\nnosuch'", -kItemNotFound, "NOTIFY: a;\nERROR, item not found\n"},
         {"-c 'script /nowhere/at/all'", -kItemNotFound, "ERROR, item not found\n"},
         {"/nowhere/at/all", -kItemNotFound, "harborsh: cannot read /nowhere/at/all\n"},
     };

@@ -151,8 +151,9 @@ std::vector<std::string> SplitLines(const std::string& text) {
         if (text[i] == '"' && !escaped) {
             quoted = !quoted;
         }
-        if (text[i] == ';' && !quoted) {
+        if (text[i] == '\n' || (text[i] == ';' && !quoted)) {
             lines.emplace_back();
+            quoted = false;
         } else {
             lines.back() += text[i];
         }

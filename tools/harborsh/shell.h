@@ -22,7 +22,7 @@ class Shell {
     // Runs one line. Empty lines and comments do nothing and leave the status.
     void Run(const std::string& text);
 
-    // Runs a text of lines separated by semicolons outside double quotes.
+    // Runs a text of lines separated by line feeds and by semicolons outside double quotes.
     void RunAll(const std::string& lines);
 
     // The exit status of the last command: 0, or its error code made positive (1 to 49).
@@ -41,7 +41,7 @@ class Shell {
     eErrorT status_ = kNoError;
 };
 
-// Splits a text at semicolons outside double quotes.
+// Splits a text at line feeds and at semicolons outside double quotes.
 std::vector<std::string> SplitLines(const std::string& text);
 
 }  // namespace harborsh
