@@ -126,6 +126,8 @@ TEST(Harborsh, TheExitStatusIsThatOfTheLastCommand) {
         {"-c 'notify \"a;\nnosuch'", -kItemNotFound, "NOTIFY: a;\nERROR, item not found\n"},
         {"-c 'script /nowhere/at/all'", -kItemNotFound, "ERROR, item not found\n"},
         {"/nowhere/at/all", -kItemNotFound, "harborsh: cannot read /nowhere/at/all\n"},
+        {"/", -kItemNotFound, "harborsh: cannot read /\n"},
+        {"/dev/null", 0, ""},
     };
     for (const auto& c : cases) {
         const ResultT result = RunShell(c.arguments);

@@ -60,6 +60,7 @@ int Run(const OptionsT& options) {
         }
     } else if (!options.script.empty()) {
         std::ifstream in(options.script);
+        in.peek();  // a folder opens, but cannot be read
         if (!in) {
             fprintf(stderr, "harborsh: cannot read %s\n", options.script.c_str());
             return -kItemNotFound;
