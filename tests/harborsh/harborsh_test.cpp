@@ -176,7 +176,7 @@ TEST(Harborsh, ScriptsThatCallThemselvesAndAliasLoopsLeaveTheShellAlive) {
 }
 
 TEST(Harborsh, ACommandThatTakesTooLongIsLeftBehind) {
-    const ResultT result = RunShell("-w 1 -c 'sleep 2500'");
+    const ResultT result = RunShell("-w 1 -c 'sleep 60000; demo timer 60000 1000'");
     EXPECT_EQ(result.status, -kTimeOut);
     EXPECT_TRUE(Has(result.text, "ERROR, no outcome in time")) << result.text;
 }

@@ -162,7 +162,7 @@ eErrorT TimerCmd(int argc, char** argv, char*) {
     gTicking = true;
     const eErrorT err = ModDeferFunctionCall(gTasks[0], StartTicks, nullptr, &ticks, sizeof(ticks));
     const bool wait = argc < 4 || strcmp(argv[3], "&") != 0;
-    while (wait && err == kNoError && gTicking) {
+    while (wait && err == kNoError && gTicking && !Stopping()) {
         tm_wkafter(1);
     }
     return err;

@@ -15,6 +15,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/modman.h"
 #include "Common/framework/timer.h"
+#include "tools/harborsh/services.h"
 
 namespace harborsh {
 namespace {
@@ -181,7 +182,9 @@ eErrorT SleepCmd(int, char** argv, char*) {
     if (!Number(argv[1], 0, 60000, &milliseconds)) {
         return kBadParameter;
     }
-    tm_wkafter(static_cast<UInt32>(milliseconds + 9) / GetMillisecondsPerTick());
+    if (!Stopping()) {
+        tm_wkafter(static_cast<UInt32>(milliseconds + 9) / GetMillisecondsPerTick());
+    }
     return kNoError;
 }
 

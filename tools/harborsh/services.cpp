@@ -37,6 +37,7 @@ constexpr UInt32 kEventReady = 0x1;   // to the main task: the commands are ther
 constexpr UInt32 kEventFailed = 0x2;  // to the main task: they are not
 
 std::atomic<UInt32> gCommandTask{0};
+std::atomic<bool> gStopping{false};
 ModT gShellMod;
 std::string gTemporaryStore;
 
@@ -151,8 +152,10 @@ bool StartServices(int log_level, const std::string& store) {
 
 void StopServices() {
     syslogSetLogLevel(kLogCritical);  // the end of the tasks is no news
-    StopDemo();
+    // A task that ends still runs the commands that wait for it.
+    gStopping = true;
     t_delete(gCommandTask.exchange(0));
+    StopDemo();
     TimerManExit();
     MsgExit();
     ModExit(&gShellMod);
@@ -168,6 +171,10 @@ void StopServices() {
 
 UInt32 CommandTask() {
     return gCommandTask;
+}
+
+bool Stopping() {
+    return gStopping;
 }
 
 bool Settled() {

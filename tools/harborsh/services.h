@@ -20,6 +20,9 @@ void StopServices();
 // The task that the commands belong to.
 UInt32 CommandTask();
 
+// Whether the shell is ending: commands that would wait do not.
+bool Stopping();
+
 // Whether no deferred work waits or runs anywhere in the process.
 bool Settled();
 
