@@ -46,9 +46,10 @@ UInt32 gChanges;                      // writes and deletes so far; under config
 
 // Held by a write or delete from the change of the cache to that of the file, so that of several
 // tasks the last in the cache is the last in the file too. By hash of the variable; reads and
-// callbacks are done without.
+// callbacks are done without, but keep no value that they find in the file meanwhile.
 struct ChangeMutexT {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    std::atomic<bool> held{false};
 };
 constinit ChangeMutexT gChangeMutexes[kChangeMutexes];
 
@@ -206,9 +207,24 @@ ConfigItemT** HashLink(UInt32 hash) {
     return &gHashHeads[hash & (kHashHeads - 1)];
 }
 
-pthread_mutex_t* ChangeMutex(const KeyT& key) {
-    return &gChangeMutexes[key.hash % kChangeMutexes].mutex;
+ChangeMutexT* ChangeMutex(const KeyT& key) {
+    return &gChangeMutexes[key.hash % kChangeMutexes];
 }
+
+// Holds a change mutex for a scope.
+class ChangeGuardT {
+  public:
+    explicit ChangeGuardT(ChangeMutexT* change) : guard_(&change->mutex), held_(&change->held) {
+        held_->store(true, std::memory_order_relaxed);
+    }
+    ~ChangeGuardT() noexcept(false) { held_->store(false, std::memory_order_release); }
+    ChangeGuardT(const ChangeGuardT&) = delete;
+    ChangeGuardT& operator=(const ChangeGuardT&) = delete;
+
+  private:
+    MutexGuardT guard_;
+    std::atomic<bool>* held_;
+};
 
 ConfigItemT* Find(const KeyT& key) {
     for (ConfigItemT* item = *HashLink(key.hash); item != nullptr; item = item->pNextHash) {
@@ -379,24 +395,30 @@ bool WriteItemToCache(const KeyT& key, const char* value, ItemUseT* use, ItemUse
     return true;
 }
 
+// What a read found when it asked the cache.
+struct AskedT {
+    UInt32 changes = 0;     // so far
+    bool changing = false;  // the cache may be ahead of the file
+};
+
 // Caches a value that was read from the store, unless anything was written or deleted since the
-// cache was asked: then the value may be the one of before.
-void CacheRead(const KeyT& key, const char* value, UInt32 changes) {
+// cache was asked, or was being so: then the value may be the one of before.
+void CacheRead(const KeyT& key, const char* value, const AskedT& asked) {
     ItemUseT replaced;
     const CacheGuardT cache("writing");
-    if (cache.Held() && gChanges == changes) {
+    if (cache.Held() && !asked.changing && gChanges == asked.changes) {
         PutItem(key, value, &replaced);
     }
 }
 
-// Copies a cached value; false, with the number of changes so far, when there is none or an empty
-// one.
-bool ReadItemFromCache(const KeyT& key, char* value, UInt32* changes) {
+// Copies a cached value; false when there is none or an empty one.
+bool ReadItemFromCache(const KeyT& key, char* value, AskedT* asked) {
     const CacheGuardT cache("reading");
     const ConfigItemT* item = nullptr;
     if (cache.Held()) {
         item = Find(key);
-        *changes = gChanges;
+        asked->changes = gChanges;
+        asked->changing = ChangeMutex(key)->held.load(std::memory_order_acquire);
     }
     if (item == nullptr || item->value[0] == '\0') {
         return false;
@@ -536,12 +558,12 @@ eErrorT ConfigRead(const char* pName, int instance, char* value) {
     if (!Begin(key, pName)) {
         return kBadParameter;
     }
-    UInt32 changes = 0;
-    if (!ReadItemFromCache(key, value, &changes)) {
+    AskedT asked;
+    if (!ReadItemFromCache(key, value, &asked)) {
         if (ConfigStoreRead(key.name, instance, value, kStoreReadLen) != kNoError) {
             memcpy(value, kConfigNotSet, sizeof(kConfigNotSet));
         }
-        CacheRead(key, value, changes);
+        CacheRead(key, value, asked);
     }
     if (value[0] == kConfigNotSet[0] && strcmp(value, kConfigNotSet) == 0) {
         value[0] = '\0';
@@ -587,7 +609,7 @@ eErrorT ConfigWriteEx(const char* pName, int instance, const char* value, const 
         return kNoError;
     }
     {
-        const MutexGuardT change(ChangeMutex(key));
+        const ChangeGuardT change(ChangeMutex(key));
         if (!WriteItemToCache(key, value, &use, &replaced)) {
             return kNoError;
         }
@@ -646,7 +668,7 @@ eErrorT ConfigDelete(const char* pName, int instance) {
         loginfo("config", "delete %s[%d]\n", key.name, instance);
     }
     ItemUseT removed;
-    const MutexGuardT change(ChangeMutex(key));
+    const ChangeGuardT change(ChangeMutex(key));
     ConfigStoreDelete(key.name, instance);
     const CacheGuardT cache("deleting");
     ConfigItemT* item = nullptr;
