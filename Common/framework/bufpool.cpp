@@ -138,22 +138,28 @@ BufT* MakeBuf(BufPoolT* pBufPool) {
     return pBuf;
 }
 
+// How a free list is emptied: to close the pool, or because buffers came back to a closed one,
+// which ends when the pool is opened again meanwhile.
+enum class EmptyT { kClose, kIfClosed };
+
 // Takes a free buffer or descriptor to be freed. When there is none the pool is closed, and null
 // returned.
-BufT* TakeToFree(BufPoolT* pBufPool) {
-    const auto last = LastFree(pBufPool);
-    BufT* pBuf = last.exchange(nullptr);
+BufT* TakeToFree(BufPoolT* pBufPool, EmptyT why) {
+    const RegionT region;
+    if (why == EmptyT::kIfClosed && State(pBufPool).load() != kBufPoolClosed) {
+        return nullptr;
+    }
+    BufT* pBuf = TakeLastFree(pBufPool);
     if (pBuf == nullptr) {
-        const RegionT region;
         pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
-        if (pBuf == nullptr) {
-            pBuf = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
-            if (pBuf != nullptr) {
-                return pBuf;
-            }
-            State(pBufPool).store(kBufPoolClosed);
-            pBuf = last.exchange(nullptr);
+    }
+    if (pBuf == nullptr) {
+        pBuf = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
+        if (pBuf != nullptr) {
+            return pBuf;
         }
+        State(pBufPool).store(kBufPoolClosed);
+        pBuf = LastFree(pBufPool).exchange(nullptr);
     }
     if (pBuf != nullptr) {
         Count(pBufPool->numFreeBufs, -1);
@@ -161,28 +167,48 @@ BufT* TakeToFree(BufPoolT* pBufPool) {
     return pBuf;
 }
 
-eErrorT DestroyFreeList(BufPoolT* pBufPool) {
-    while (BufT* pBuf = TakeToFree(pBufPool)) {
+void EmptyFreeList(BufPoolT* pBufPool, EmptyT why) {
+    while (BufT* pBuf = TakeToFree(pBufPool, why)) {
         pBufPool->BufFreeMem(pBuf, pBufPool->memType);
     }
+}
+
+eErrorT DestroyFreeList(BufPoolT* pBufPool) {
+    EmptyFreeList(pBufPool, EmptyT::kClose);
     return kNoError;
 }
 
+// Frees what came back to a closed pool.
+void FreeReturned(BufPoolT* pBufPool) {
+    if (State(pBufPool).load() != kBufPoolClosed) {
+        return;
+    }
+    if (pBufPool->DestroyFreeList != DestroyFreeList) {
+        pBufPool->DestroyFreeList(pBufPool);
+    } else {
+        EmptyFreeList(pBufPool, EmptyT::kIfClosed);
+    }
+}
+
 eErrorT BuildFreeList(BufPoolT* pBufPool) {
-    if (pBufPool->maxBufs == 0 || pBufPool->pFreeBufs != nullptr ||
-        State(pBufPool).load() == kBufPoolOpened) {
+    if (pBufPool->maxBufs == 0 || State(pBufPool).load() == kBufPoolOpened) {
         return kNoError;
+    }
+    {
+        // Before the buffers are there: one that comes back now would take them for returned ones.
+        const RegionT region;
+        State(pBufPool).store(kBufPoolOpened);
     }
     const unsigned int count = pBufPool->numBufs;
     for (unsigned int i = 0; i < count; i++) {
         BufT* pBuf = MakeBuf(pBufPool);
         if (pBuf == nullptr) {
             pBufPool->DestroyFreeList(pBufPool);
+            State(pBufPool).store(kBufPoolClosed);
             return kOutOfMemory;
         }
         EnqueueFree(pBufPool, pBuf);
     }
-    State(pBufPool).store(kBufPoolOpened);
     return kNoError;
 }
 
@@ -238,9 +264,7 @@ eErrorT PoolFree(BufPoolT* pBufPool, BufT* pBuf) {
     if (!PutLastFree(pBufPool, pBuf)) {
         EnqueueFree(pBufPool, pBuf);
     }
-    if (State(pBufPool).load() == kBufPoolClosed) {
-        pBufPool->DestroyFreeList(pBufPool);
-    }
+    FreeReturned(pBufPool);
     return kNoError;
 }
 
@@ -267,9 +291,7 @@ eErrorT DescFree(BufPoolT* pBufPool, BufT* pDesc) {
         const RegionT region;
         ListEnqueueUnprot(&pBufPool->pBufDescs, &pDesc->list);
     }
-    if (State(pBufPool).load() == kBufPoolClosed) {
-        pBufPool->DestroyFreeList(pBufPool);
-    }
+    FreeReturned(pBufPool);
     return kNoError;
 }
 

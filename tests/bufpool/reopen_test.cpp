@@ -1,0 +1,48 @@
+// Buffers that come back late, while their pool is opened again.
+#include <gtest/gtest.h>
+
+#include <utility>
+
+#include "Common/framework/bufpool.h"
+
+namespace {
+
+BufPoolT gPool;
+BufT* gLate;
+bool gReopen;
+
+// The second buffer of a pool that is opened again: one of before comes back just then.
+BufT* Alloc(unsigned int len, unsigned int desc, unsigned int header, UInt32 type) {
+    if (gLate != nullptr && gPool.numFreeBufs == 1) {
+        BufPoolBufFree(&gPool, std::exchange(gLate, nullptr));
+    }
+    return BufAllocMem(len, desc, header, type);
+}
+
+// The first buffer that comes back to the closed pool: it is opened while that one is freed.
+void Free(BufT* pBuf, UInt32 type) {
+    BufFreeMem(pBuf, type);
+    if (std::exchange(gReopen, false)) {
+        EXPECT_EQ(BufPoolOpen(&gPool), kNoError);
+    }
+}
+
+}  // namespace
+
+TEST(BufPoolReopen, LateBuffersNeitherCloseThePoolNorTakeItsBuffersAlong) {
+    gPool.BufAllocMem = Alloc;
+    gPool.BufFreeMem = Free;
+    BufPoolInit(&gPool, "pool", 0, nullptr, 3, 100, sizeof(BufT), 0, 0);
+    BufPoolOpen(&gPool);
+    BufT* first = BufPoolBufAlloc(&gPool);
+    BufT* late = BufPoolBufAlloc(&gPool);
+    BufPoolClose(&gPool);
+    gLate = late;
+    gReopen = true;
+    BufPoolBufFree(&gPool, first);
+    EXPECT_EQ(gPool.state, kBufPoolOpened);
+    EXPECT_EQ(gPool.numFreeBufs, 4U) << "three made, and the late one";
+    for (int i = 0; i < 4; i++) {
+        EXPECT_NE(BufPoolBufAlloc(&gPool), nullptr) << i;
+    }
+}
