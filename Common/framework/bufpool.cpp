@@ -79,7 +79,8 @@ BufT* TakeLastFree(BufPoolT* pBufPool) {
     return last.load(std::memory_order_relaxed) != nullptr ? last.exchange(nullptr) : nullptr;
 }
 
-// Takes a free buffer and, in a static pool, notes the lowest number of free ones.
+// Takes a free buffer and notes the lowest number of free ones, which in a dynamic pool is 0 from
+// the start.
 BufT* TakeFree(BufPoolT* pBufPool) {
     BufT* pBuf = TakeLastFree(pBufPool);
     if (pBuf == nullptr) {
@@ -87,11 +88,8 @@ BufT* TakeFree(BufPoolT* pBufPool) {
         pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
     }
     if (pBuf != nullptr) {
-        const unsigned int left =
-            Counter(pBufPool->numFreeBufs).fetch_sub(1, std::memory_order_relaxed) - 1;
-        if (bDynamicPools.load(std::memory_order_relaxed) == 0) {
-            LowerTo(pBufPool->minFreeBufs, left);
-        }
+        LowerTo(pBufPool->minFreeBufs,
+                Counter(pBufPool->numFreeBufs).fetch_sub(1, std::memory_order_relaxed) - 1);
     }
     return pBuf;
 }

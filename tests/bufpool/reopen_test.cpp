@@ -1,4 +1,4 @@
-// Buffers that come back late, while their pool is opened again.
+// Buffers that come back late, while their pool is opened again; static pools among dynamic ones.
 #include <gtest/gtest.h>
 
 #include <utility>
@@ -45,4 +45,12 @@ TEST(BufPoolReopen, LateBuffersNeitherCloseThePoolNorTakeItsBuffersAlong) {
     for (int i = 0; i < 4; i++) {
         EXPECT_NE(BufPoolBufAlloc(&gPool), nullptr) << i;
     }
+}
+
+TEST(BufPoolReopen, AStaticPoolKeepsItsPeakThoughLaterPoolsAreDynamic) {
+    BufPoolInit(&gPool, "pool", 0, nullptr, 3, 100, sizeof(BufT), 0, 0);
+    BufPoolOpen(&gPool);
+    BufPoolSetDynamic(1);
+    BufPoolBufFree(&gPool, BufPoolBufAlloc(&gPool));
+    EXPECT_EQ(gPool.minFreeBufs, 2U);
 }
