@@ -13,9 +13,14 @@
 namespace {
 
 constexpr unsigned char kGuardBytes[2] = {0xAA, 0x55};
+constexpr unsigned int kLargestSize = UINT32_MAX / kBufAlign * kBufAlign;
 
 UInt64 RoundUp(UInt64 size) {
     return (size + kBufAlign - 1) / kBufAlign * kBufAlign;
+}
+
+unsigned int RoundUpSize(unsigned int size) {
+    return size > kLargestSize ? kLargestSize : static_cast<unsigned int>(RoundUp(size));
 }
 
 // A shared or returned descriptor may still point at another's data: it has none of its own.
@@ -140,9 +145,9 @@ void BufAlignParms(unsigned int* pBufDescLen, unsigned int* pHeaderSpace, unsign
     OsAssert(pBufDescLen);
     OsAssert(pHeaderSpace);
     OsAssert(pBufLen);
-    *pBufDescLen = static_cast<unsigned int>(RoundUp(*pBufDescLen));
-    *pHeaderSpace = static_cast<unsigned int>(RoundUp(*pHeaderSpace));
-    *pBufLen = static_cast<unsigned int>(RoundUp(*pBufLen));
+    *pBufDescLen = RoundUpSize(*pBufDescLen);
+    *pHeaderSpace = RoundUpSize(*pHeaderSpace);
+    *pBufLen = RoundUpSize(*pBufLen);
 }
 
 unsigned int BufWrite(BufT* pBuf, unsigned int offset, unsigned int len, const void* ptr) {

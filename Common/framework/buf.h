@@ -55,7 +55,8 @@ void BufFreeMem(BufT* pBuf, UInt32 memType);
 // Makes a buffer empty: no valid data, ptr at its first place, one reference.
 void BufInit(BufT* pBuf);
 
-// Rounds each size up to a multiple of 128, 0 staying 0.
+// Rounds each size up to a multiple of 128, 0 staying 0; what would not fit becomes the largest
+// multiple, which is more than BufAllocMem can give.
 void BufAlignParms(unsigned int* pBufDescLen, unsigned int* pHeaderSpace, unsigned int* pBufLen);
 
 // Copy up to `len` bytes between `ptr` and the valid data of a ring, from the byte `offset` on.

@@ -1,4 +1,4 @@
-// Buffers that come back late, while their pool is opened again; static pools among dynamic ones.
+// Buffers that come back late, while their pool is opened again; pools made in odd ways.
 #include <gtest/gtest.h>
 
 #include <utility>
@@ -53,4 +53,9 @@ TEST(BufPoolReopen, AStaticPoolKeepsItsPeakThoughLaterPoolsAreDynamic) {
     BufPoolSetDynamic(1);
     BufPoolBufFree(&gPool, BufPoolBufAlloc(&gPool));
     EXPECT_EQ(gPool.minFreeBufs, 2U);
+}
+
+TEST(BufPoolReopen, ASizeThatCannotBeRoundedUpIsNotTakenForNone) {
+    BufPoolInit(&gPool, "pool", 0, nullptr, 1, UINT32_MAX, sizeof(BufT), 0, 0);
+    EXPECT_EQ(BufPoolOpen(&gPool), kOutOfMemory);
 }
