@@ -224,6 +224,8 @@ TEST(Harborsh, DiagnosticsShowAndChangeWhatTheyName) {
         {"showfilter add oth; log 3 other; log 3 hidden", "shell: other\n"},
         {"config colour 1 blue; config colour 1", "config colour 1 blue\n"},
         {"pool create p 1 4 100; pool dump", "p[01]"},
+        {"config colour 1x red", "ERROR, bad parameter\n"},
+        {"pool create p 1 4294967296 100", "ERROR, bad parameter\n"},
         {"ring mark 1 0x20; ring dump", "00000001 00000020"},
         {"echo cmd on; shellHelp", "CMD: shellHelp\n"},
         {"echo cmd maybe", "ERROR, bad parameter\n"},

@@ -18,8 +18,24 @@
 
 namespace {
 
-int NumberAt(int argc, char** argv, int index) {
-    return index < argc ? static_cast<int>(strtol(argv[index], nullptr, 0)) : 0;
+// The whole number that a word is, 0 for a word that is not there. False for any other word.
+template <typename NumberT>
+bool NumberAt(int argc, char** argv, int index, NumberT* number) {
+    *number = 0;
+    if (index >= argc) {
+        return true;
+    }
+    char* end;
+    const long long value = strtoll(argv[index], &end, 0);
+    *number = static_cast<NumberT>(value);
+    return *argv[index] != '\0' && *end == '\0' && value == *number;
+}
+
+// Runs `action`(name, instance) with a command's first words.
+template <typename ActionT>
+eErrorT WithInstance(int argc, char** argv, ActionT action) {
+    int instance;
+    return NumberAt(argc, argv, 2, &instance) ? action(argv[1], instance) : kBadParameter;
 }
 
 bool IsWord(const char* given, const char* word) {
@@ -29,7 +45,10 @@ bool IsWord(const char* given, const char* word) {
 // ---- configuration ----
 
 eErrorT ConfigCmd(int argc, char** argv, char* pResponse) {
-    const int instance = NumberAt(argc, argv, 2);
+    int instance;
+    if (!NumberAt(argc, argv, 2, &instance)) {
+        return kBadParameter;
+    }
     if (argc > 3) {
         bool cache_only = false;
         for (int i = 5; i < argc; i++) {
@@ -47,20 +66,22 @@ eErrorT ConfigCmd(int argc, char** argv, char* pResponse) {
 }
 
 eErrorT DeleteCmd(int argc, char** argv, char*) {
-    return ConfigDelete(argv[1], NumberAt(argc, argv, 2));
+    return WithInstance(argc, argv, ConfigDelete);
 }
 
 eErrorT RestoreCmd(int argc, char** argv, char*) {
-    return ConfigRestore(argv[1], NumberAt(argc, argv, 2));
+    return WithInstance(argc, argv, ConfigRestore);
 }
 
 eErrorT DumpCmd(int argc, char** argv, char*) {
-    if (argc > 1) {
-        ConfigDumpByName(argv[1], NumberAt(argc, argv, 2));
-    } else {
+    if (argc < 2) {
         ConfigDumpAll();
+        return kNoError;
     }
-    return kNoError;
+    return WithInstance(argc, argv, [](const char* name, int instance) {
+        ConfigDumpByName(name, instance);
+        return kNoError;
+    });
 }
 
 void ShowChange(ModT*, UInt32, void*, void* pArgs) {
@@ -70,18 +91,25 @@ void ShowChange(ModT*, UInt32, void*, void* pArgs) {
 }
 
 eErrorT WatchCmd(int argc, char** argv, char*) {
-    return ConfigAddCallback(argv[1], NumberAt(argc, argv, 2), ShowChange, nullptr);
+    return WithInstance(argc, argv, [](const char* name, int instance) {
+        return ConfigAddCallback(name, instance, ShowChange, nullptr);
+    });
 }
 
 eErrorT UnwatchCmd(int argc, char** argv, char*) {
-    return ConfigDeleteCallback(argv[1], NumberAt(argc, argv, 2), ShowChange, nullptr);
+    return WithInstance(argc, argv, [](const char* name, int instance) {
+        return ConfigDeleteCallback(name, instance, ShowChange, nullptr);
+    });
 }
 
 // ---- capabilities ----
 
 eErrorT CapsCmd(int argc, char** argv, char* pResponse) {
-    dumpCapabilities(nullptr, argc > 1 ? static_cast<UInt32>(NumberAt(argc, argv, 1))
-                                       : UInt32{eSysCapNumSections});
+    UInt32 section;
+    if (!NumberAt(argc, argv, 1, &section)) {
+        return kBadParameter;
+    }
+    dumpCapabilities(nullptr, argc > 1 ? section : UInt32{eSysCapNumSections});
     if (pSystemCapsTbl.load() == nullptr) {
         snprintf(pResponse, kMsgMaxLen + 1, "this product has no capabilities");
     }
@@ -100,9 +128,8 @@ std::vector<std::unique_ptr<PoolT>>& Pools() {
     return pools;
 }
 
-PoolT* FindPool(char** argv) {
-    const BufPoolT* found =
-        BufPoolFindByName(argv[1], static_cast<int>(strtol(argv[2], nullptr, 0)));
+PoolT* FindPool(const char* name, int instance) {
+    const BufPoolT* found = BufPoolFindByName(name, instance);
     for (const auto& each : Pools()) {
         if (&each->pool == found) {
             return each.get();
@@ -113,36 +140,41 @@ PoolT* FindPool(char** argv) {
 
 // Runs `action`(pool) for the pool that the words name.
 template <typename ActionT>
-eErrorT WithPool(char** argv, ActionT action) {
-    PoolT* pool = FindPool(argv);
-    return pool != nullptr ? action(pool) : kItemNotFound;
+eErrorT WithPool(int argc, char** argv, ActionT action) {
+    return WithInstance(argc, argv, [action](const char* name, int instance) {
+        PoolT* pool = FindPool(name, instance);
+        return pool != nullptr ? action(pool) : kItemNotFound;
+    });
 }
 
-eErrorT PoolCreateCmd(int, char** argv, char*) {
-    if (FindPool(argv) != nullptr) {
+eErrorT PoolCreateCmd(int argc, char** argv, char*) {
+    int instance;
+    unsigned int bufs;
+    unsigned int bytes;
+    if (!NumberAt(argc, argv, 2, &instance) || !NumberAt(argc, argv, 3, &bufs) ||
+        !NumberAt(argc, argv, 4, &bytes)) {
+        return kBadParameter;
+    }
+    if (FindPool(argv[1], instance) != nullptr) {
         return kAlreadyExists;
     }
     auto pool = std::make_unique<PoolT>();
-    const auto number = [argv](int index) {
-        return static_cast<unsigned int>(strtoul(argv[index], nullptr, 0));
-    };
     const eErrorT err =
-        BufPoolInit(&pool->pool, argv[1], static_cast<int>(strtol(argv[2], nullptr, 0)), nullptr,
-                    number(3), number(4), sizeof(BufT), 0, 0);
+        BufPoolInit(&pool->pool, argv[1], instance, nullptr, bufs, bytes, sizeof(BufT), 0, 0);
     Pools().push_back(std::move(pool));
     return err;
 }
 
-eErrorT PoolOpenCmd(int, char** argv, char*) {
-    return WithPool(argv, [](PoolT* pool) { return BufPoolOpen(&pool->pool); });
+eErrorT PoolOpenCmd(int argc, char** argv, char*) {
+    return WithPool(argc, argv, [](PoolT* pool) { return BufPoolOpen(&pool->pool); });
 }
 
-eErrorT PoolCloseCmd(int, char** argv, char*) {
-    return WithPool(argv, [](PoolT* pool) { return BufPoolClose(&pool->pool); });
+eErrorT PoolCloseCmd(int argc, char** argv, char*) {
+    return WithPool(argc, argv, [](PoolT* pool) { return BufPoolClose(&pool->pool); });
 }
 
-eErrorT PoolTakeCmd(int, char** argv, char* pResponse) {
-    return WithPool(argv, [pResponse](PoolT* pool) {
+eErrorT PoolTakeCmd(int argc, char** argv, char* pResponse) {
+    return WithPool(argc, argv, [pResponse](PoolT* pool) {
         BufT* pBuf = BufPoolBufAlloc(&pool->pool);
         if (pBuf == nullptr) {
             return kOutOfResources;
@@ -153,8 +185,8 @@ eErrorT PoolTakeCmd(int, char** argv, char* pResponse) {
     });
 }
 
-eErrorT PoolReturnCmd(int, char** argv, char* pResponse) {
-    return WithPool(argv, [pResponse](PoolT* pool) {
+eErrorT PoolReturnCmd(int argc, char** argv, char* pResponse) {
+    return WithPool(argc, argv, [pResponse](PoolT* pool) {
         if (pool->taken.empty()) {
             return kItemNotFound;
         }
@@ -165,8 +197,8 @@ eErrorT PoolReturnCmd(int, char** argv, char* pResponse) {
     });
 }
 
-eErrorT PoolDeleteCmd(int, char** argv, char*) {
-    return WithPool(argv, [](PoolT* pool) {
+eErrorT PoolDeleteCmd(int argc, char** argv, char*) {
+    return WithPool(argc, argv, [](PoolT* pool) {
         for (BufT* pBuf : pool->taken) {
             BufPoolBufFree(&pool->pool, pBuf);
         }
@@ -186,7 +218,11 @@ eErrorT PoolCheckCmd(int, char**, char*) {
 }
 
 eErrorT PoolDynamicCmd(int argc, char** argv, char*) {
-    BufPoolSetDynamic(NumberAt(argc, argv, 1) != 0 ? 1 : 0);
+    Boolean dynamic;
+    if (!NumberAt(argc, argv, 1, &dynamic)) {
+        return kBadParameter;
+    }
+    BufPoolSetDynamic(dynamic != 0 ? 1 : 0);
     return kNoError;
 }
 
