@@ -85,8 +85,17 @@ class ReaderT {
 ReaderT* ReaderT::gReaders;
 UInt32 ReaderT::gSerial;
 
-// Copies a value for the inside of a quoted word. Returns its length; -1 when it does not fit.
+// Whether a name is one plain word of a command line.
+bool IsWord(const char* name) {
+    return name[0] != '"' && strpbrk(name, " \t\r\n") == nullptr;
+}
+
+// Copies a value for the inside of a quoted word. Returns its length; -1 when it does not fit, or
+// ends with a backslash, which would make the closing quote part of it.
 int QuoteInto(char* out, size_t size, const char* s, size_t length) {
+    if (length > 0 && s[length - 1] == '\\') {
+        return -1;
+    }
     size_t used = 0;
     for (size_t i = 0; i < length; i++) {
         if (used + 2 >= size) {
@@ -106,13 +115,13 @@ int QuoteInto(char* out, size_t size, const char* s, size_t length) {
 eErrorT ConfigRemoteWrite(const char* pName, int instance, const char* s, size_t length) {
     char value[kMsgMaxLen + 1];
     char command[kMsgMaxLen + 1];
-    int used = QuoteInto(value, sizeof(value), s, length);
+    int used = IsWord(pName) ? QuoteInto(value, sizeof(value), s, length) : -1;
     if (used >= 0) {
         used = snprintf(command, sizeof(command), "%s %s %d \"%s\" rw file notify", "config", pName,
                         instance, value);
     }
     if (used < 0 || used > kMsgMaxLen) {
-        logerr("config", "%s[%d] is too long for processor 0\n", pName, instance);
+        logerr("config", "%s[%d] cannot be sent to processor 0\n", pName, instance);
         return kBadParameter;
     }
     RemMsgSendCmd(command, nullptr, nullptr);
@@ -121,6 +130,9 @@ eErrorT ConfigRemoteWrite(const char* pName, int instance, const char* s, size_t
 
 eErrorT ConfigRemoteRead(const char* pName, int instance, char* s, int len) {
     s[0] = '\0';
+    if (!IsWord(pName)) {
+        return kBadParameter;
+    }
     char command[kMsgMaxLen + 1];
     snprintf(command, sizeof(command), "%s %s %d", "config", pName, instance);
     ReaderT reader;

@@ -67,7 +67,8 @@ eErrorT ConfigStoreChoiceRead(const char* pName, int instance, char* s, int len)
 // place. Returns kNoError; or kBadParameter, after a line on standard error, when the file cannot
 // be opened or nothing can be written (the old value stays), or only a part can be written, or it
 // cannot be closed (the file holds that part of the new value). On other processors kBadParameter
-// means that the value is too long for a command.
+// means that a command cannot carry it: the value is too long or ends with a backslash, or the name
+// holds blanks or begins with a quote.
 eErrorT ConfigStoreWrite(const char* pName, int instance, char* s);
 
 // The same for the first `length` characters at `s`, which hold no line end.

@@ -1,8 +1,10 @@
-// A variable read while its write is on the way from the cache to the store. The store is that of
-// another processor, so that the test stands in the middle of the write.
+// Writes on their way to the store of another processor. A test that stands at the link is in the
+// middle of a write.
 #include <gtest/gtest.h>
 
 #include "Common/framework/config.h"
+#include "Common/framework/configstore.h"
+#include "Common/framework/proxy.h"
 #include "Common/framework/rem_message.h"
 #include "tests/config/store_tree.h"
 #include "tests/framework/module_task.h"
@@ -10,6 +12,7 @@
 namespace {
 
 std::string gStored = "old";
+int gSent;
 
 std::string Read() {
     char value[kConfigValueSize];
@@ -17,6 +20,7 @@ std::string Read() {
 }
 
 eErrorT SendCmd(RemMsgT*, const char* line, NotifyFuncT notify, void* user) {
+    gSent++;
     if (notify != nullptr) {
         notify(kNoError, ("config v 0 " + gStored).c_str(), user);
     } else if (strcmp(line, "config v 0 \"\" rw file notify") == 0) {
@@ -26,10 +30,7 @@ eErrorT SendCmd(RemMsgT*, const char* line, NotifyFuncT notify, void* user) {
     return kNoError;
 }
 
-}  // namespace
-
-TEST(PendingWrite, AReadMeanwhileDoesNotKeepTheOldValueForAnEmptyOne) {
-    const StoreTree tree;
+void Connect() {
     Attach();
     static const ProxyTransportT transport = {1, nullptr, nullptr, nullptr, nullptr};
     ProxySetTransport(&transport);
@@ -37,8 +38,28 @@ TEST(PendingWrite, AReadMeanwhileDoesNotKeepTheOldValueForAnEmptyOne) {
     master.SendCmd = SendCmd;
     ModInit(&master.mod, "remmsg", 1, nullptr);
     gpSlaveRemMsg = &master;
+}
+
+}  // namespace
+
+TEST(PendingWrite, AReadMeanwhileDoesNotKeepTheOldValueForAnEmptyOne) {
+    const StoreTree tree;
+    Connect();
     EXPECT_EQ(Read(), "old");
     ConfigWrite("v", 0, "");
     EXPECT_EQ(gStored, "");
     EXPECT_EQ(Read(), "");
+}
+
+TEST(PendingWrite, WhatWouldReachAnotherVariableOrValueIsNotSent) {
+    Connect();
+    char value[20] = "";
+    for (const char* name : {"two words", "tab\t", "\"quoted", "line\n"}) {
+        EXPECT_EQ(ConfigStoreWriteText(name, 0, "v", 1), kBadParameter) << name;
+        EXPECT_EQ(ConfigStoreRead(name, 0, value, sizeof(value)), kBadParameter) << name;
+    }
+    EXPECT_EQ(ConfigStoreWriteText("v", 0, "ends with \\", 11), kBadParameter);
+    EXPECT_EQ(gSent, 0);
+    EXPECT_EQ(ConfigStoreWriteText("v", 0, "\\ within", 8), kNoError);
+    EXPECT_EQ(gSent, 1);
 }
