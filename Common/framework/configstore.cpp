@@ -186,6 +186,14 @@ int RewriteLine(int fd, const char* s, size_t length) {
     return ftruncate(fd, size) == 0 ? OverwriteLine(fd, s, length) : -1;
 }
 
+// Removes a file that a write made and could not fill: an empty value would hide the default.
+void RemoveEmpty(int fd, const char* path) {
+    struct stat status;
+    if (fstat(fd, &status) == 0 && status.st_size == 0) {
+        unlink(path);
+    }
+}
+
 void NoteWrite() {
     gstLastConfigWrite.store(time(nullptr), std::memory_order_relaxed);
     gsConfigWriteOutstanding.store(1, std::memory_order_release);
@@ -339,6 +347,7 @@ eErrorT ConfigStoreWriteText(const char* pName, int instance, const char* s, siz
     const int written = RewriteLine(file.Fd(), s, length);
     if (written != 0) {
         perror("ConfigStoreWrite: fwrite");
+        RemoveEmpty(file.Fd(), path);
     }
     const int closed = file.Close();
     if (closed != 0) {

@@ -1,6 +1,8 @@
-// Writes on their way to the store of another processor. A test that stands at the link is in the
-// middle of a write.
+// Writes that get no further than halfway. With the store of another processor the test stands at
+// the link, in the middle of a write.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include "Common/framework/config.h"
 #include "Common/framework/configstore.h"
@@ -62,4 +64,18 @@ TEST(PendingWrite, WhatWouldReachAnotherVariableOrValueIsNotSent) {
     EXPECT_EQ(gSent, 0);
     EXPECT_EQ(ConfigStoreWriteText("v", 0, "\\ within", 8), kNoError);
     EXPECT_EQ(gSent, 1);
+}
+
+TEST(PendingWrite, AFullDiskLeavesTheDefaultToBeSeen) {
+    const StoreTree tree;
+    ConfigInit();
+    tree.Put("choicev.choice", "default\n");
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &none);
+    EXPECT_EQ(ConfigStoreWriteText("v", 0, "new", 3), kBadParameter);
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(Read(), "default");
 }
