@@ -38,6 +38,10 @@ ResultT RunShell(const std::string& arguments, const std::string& input = "") {
     return result;
 }
 
+std::string OwnFolder(const std::string& name) {
+    return testing::TempDir() + "harborsh_" + name + std::to_string(getpid());
+}
+
 bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
@@ -237,6 +241,22 @@ TEST(Harborsh, DiagnosticsShowAndChangeWhatTheyName) {
         EXPECT_TRUE(Has(result.text, c.text)) << c.lines << "\n" << result.text;
         EXPECT_FALSE(Has(result.text, "hidden"));
     }
+}
+
+TEST(Harborsh, LogSettingsOfOneRunWorkInTheNextFromItsFirstLine) {
+    const std::string store = OwnFolder("store");
+    RunShell("-s " + store +
+             " -c 'showfilter add shell; showfilter save; cullfilter add noisy;"
+             "cullfilter save; logformat level; logformat save; spewfilter on'");
+    const ResultT result = RunShell("-s " + store +
+                                    " -c 'spewfilter; logformat; log 3 shown;"
+                                    "log 3 shown; log 3 noisy; log 3 again'");
+    EXPECT_TRUE(Has(result.text,
+                    "show filters:\n  \"shell\"\ncull filters:\n  \"noisy\"\n"
+                    "on\nlevel \nERROR pc[0]: shell: shown\n"
+                    "ERROR pc[0]: shell: again\n"))
+        << result.text;
+    std::filesystem::remove_all(store);
 }
 
 TEST(Harborsh, ATerminalGetsAPromptCompletionAndHistory) {

@@ -106,7 +106,7 @@ bool PrepareStore(const std::string& store) {
         const QuietT quiet;
         ConfigInit();
     } else {
-        ConfigInit();
+        ConfigLoadLogSettings();
     }
     return true;
 }
