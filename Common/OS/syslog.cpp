@@ -39,8 +39,10 @@ constexpr UInt32 kWriterEvents = 0xFFFF;
 constexpr UInt32 kWriterStack = 2048;  // bytes
 constexpr int kLevelWidth = 6;         // columns of the level field, first in a line
 constexpr int kEchoFacility = 64;
+constexpr useconds_t kDrainPoll = 1000;
 
 std::atomic<bool> gReadSideTaken{false};
+std::atomic<int> gDraining{0};           // threads that take or print a line
 std::atomic<bool> gWriterCalled{false};  // an event is on its way for what is in the queue
 thread_local bool tInOwnCalls;
 
@@ -223,8 +225,18 @@ int FollowWrap(int next, int tail) {
     return 0;
 }
 
+// Counts the calling thread among those that drain, for a scope.
+class DrainingT {
+  public:
+    DrainingT() { gDraining.fetch_add(1, std::memory_order_acq_rel); }
+    ~DrainingT() { gDraining.fetch_sub(1, std::memory_order_acq_rel); }
+    DrainingT(const DrainingT&) = delete;
+    DrainingT& operator=(const DrainingT&) = delete;
+};
+
 // Prints one line. False after the last one, or when there is none.
 bool DrainOne() {
+    const DrainingT draining;
     ReadSideT side;
     const int tail = log_buffer_tail.load(std::memory_order_acquire);
     const int head = log_buffer_head.load(std::memory_order_relaxed);
@@ -335,6 +347,12 @@ int syslogAdd(const char* msg, int msglen) {
 int syslogDrainQueue() {
     gWriterCalled.exchange(false, std::memory_order_acq_rel);
     while (DrainOne()) {
+    }
+    // What another thread has taken out is not printed yet, and it may leave lines behind.
+    while (gDraining.load(std::memory_order_acquire) != 0) {
+        usleep(kDrainPoll);
+        while (DrainOne()) {
+        }
     }
     fflush(stdout);
     return 0;

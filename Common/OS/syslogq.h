@@ -2,8 +2,9 @@
 // "logw" prints them on standard output.
 //
 // Any task may add lines; producers take turns with a semaphore and never wait for the writer or
-// its output. One thread at a time drains, normally the writer; it takes no lock. What happens when
-// lines come faster than they can be printed is told at syslogAdd.
+// its output. One thread at a time takes lines out, normally the writer, without a lock; a program
+// that is about to end, or to print something itself, may drain too. What happens when lines come
+// faster than they can be printed is told at syslogAdd.
 //
 // The header's name keeps it apart from the platform's <syslog.h>.
 #pragma once
@@ -29,8 +30,8 @@ int InitSyslogInterface();
 // Waits for other producers only. May be cancelled while it waits, with nothing left held.
 int syslogAdd(const char* msg, int msglen);
 
-// Prints the queued lines, the newest that it met included, and flushes standard output. Blocks for
-// as long as the output does. Does nothing while another thread is taking a line. Returns 0.
+// Prints the queued lines, the newest that it met included, and flushes standard output; also waits
+// for lines that another thread is just printing. Blocks for as long as the output does. Returns 0.
 int syslogDrainQueue();
 
 // Drops from now on every line whose level, recognised from its first letter, is above `level`;

@@ -137,6 +137,22 @@ TEST_F(LogQueue, AWrapTearsTheLineThatTheWriterIsAt) {
     EXPECT_THAT(NumbersIn(Printed()), ElementsAre(0, 1, 2));
 }
 
+TEST_F(LogQueue, ADrainReturnsBeforeTheLineThatAnotherThreadPrints) {
+    logmsg_set_syslog_echo(1);
+    std::atomic<bool> printing{false};
+    std::atomic<bool> printed{false};
+    gOnEcho = [&] {
+        printing = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        printed = true;
+    };
+    Add(1, 40);
+    std::jthread other(syslogDrainQueue);
+    EXPECT_TRUE(Eventually([&] { return printing.load(); }));
+    syslogDrainQueue();
+    EXPECT_TRUE(printed);
+}
+
 TEST_F(LogQueue, ALineFromInsideTheQueuesOwnCallsRecurses) {
     // A mutex that is none makes the semaphore calls complain, through the log.
     memset(&from_id<SMCB>(log_Semaphore)->mutex, 0xFF, sizeof(pthread_mutex_t));
