@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <thread>
-#include <vector>
 
 #include "Common/framework/config.h"
 #include "tests/config/store_tree.h"
@@ -11,16 +10,28 @@
 
 namespace {
 
+struct ConfigTasks : testing::Test {
+    void SetUp() override {
+        ConfigInit();
+        Attach();
+    }
+    void TearDown() override { ConfigExit(); }
+    const StoreTree tree;
+};
+
 std::atomic<int> gSeen{0};
+
+bool IsWhole(const char* value) {
+    return value[strspn(value, "x0123456789")] == '\0';
+}
 
 // Looks at everything that a callback is given.
 void Look(ModT* pMod, UInt32, void*, void* pArgs) {
     const auto& args = *static_cast<const ConfigValueChangedCallbackArgsT*>(pArgs);
-    if (pMod != getConfigModule()) {
-        EXPECT_STREQ(pMod->name, args.name);
-        EXPECT_EQ(static_cast<UInt32>(pMod->instance), args.instance);
-    }
-    EXPECT_EQ(args.value[strspn(args.value, "x0123456789")], '\0') << args.value;
+    EXPECT_TRUE(pMod == getConfigModule() ||
+                (strcmp(pMod->name, args.name) == 0 &&
+                 static_cast<UInt32>(pMod->instance) == args.instance));
+    EXPECT_TRUE(IsWhole(args.value)) << args.value;
     gSeen++;
 }
 
@@ -36,17 +47,14 @@ void WriteBack(ModT* pMod, UInt32 index, void* user, void* pArgs) {
 // Runs `work`(thread, round) in eight tasks at once.
 template <typename WorkT>
 void InEightTasks(int rounds, WorkT work) {
-    std::vector<std::thread> threads;
+    std::jthread threads[8];
     for (int t = 0; t < 8; t++) {
-        threads.emplace_back([=] {
+        threads[t] = std::jthread([=] {
             Attach();
             for (int i = 0; i < rounds; i++) {
                 work(t, i);
             }
         });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
     }
 }
 
@@ -56,8 +64,7 @@ std::string Number(int i, bool is_long) {
 
 }  // namespace
 
-TEST(ConfigTasks, AllOperationsOnSharedAndOwnVariablesAtOnce) {
-    const StoreTree tree;
+TEST_F(ConfigTasks, AllOperationsOnSharedAndOwnVariablesAtOnce) {
     ModuleTask listener("list");
     listener.Run([] {
         ConfigAddCallback("shared", 0, Look, nullptr);
@@ -67,8 +74,10 @@ TEST(ConfigTasks, AllOperationsOnSharedAndOwnVariablesAtOnce) {
     InEightTasks(150, [](int t, int i) {
         const std::string own = "own" + std::to_string(t);
         const char* name = i % 3 == 0 ? own.c_str() : "shared";
+        const auto callback = i % 2 == 0 ? Look : WriteBack;
+        void* user = i % 2 == 0 ? &users[t] : nullptr;
         char value[kConfigValueSize];
-        switch ((t + i) % 8) {
+        switch ((t + i / 2) % 5) {
             case 0:
                 ConfigWrite(name, 0, Number(i, i % 4 == 0).c_str());
                 break;
@@ -76,90 +85,57 @@ TEST(ConfigTasks, AllOperationsOnSharedAndOwnVariablesAtOnce) {
                 ConfigDelete(name, 0);
                 break;
             case 2:
-                ConfigAddImmediateCallback(name, 0, Look, &users[t]);
+                ConfigAddImmediateCallback(name, 0, callback, user);
                 break;
             case 3:
-                ConfigDeleteCallback(name, 0, Look, &users[t]);
-                break;
-            case 4:
-                ConfigAddImmediateCallback(name, 0, WriteBack, nullptr);
-                break;
-            case 5:
-                ConfigDeleteCallback(name, 0, WriteBack, nullptr);
+                ConfigDeleteCallback(name, 0, callback, user);
                 break;
             default:
                 ConfigRead(name, 0, value);
-                EXPECT_EQ(value[strspn(value, "x0123456789")], '\0') << value;
+                EXPECT_TRUE(IsWhole(value)) << value;
         }
     });
     ConfigDelete("shared", 0);
     gSeen = 0;
-    Attach();
     ConfigAddImmediateCallback("shared", 0, Look, nullptr);
     ConfigWrite("shared", 0, "7");
     EXPECT_EQ(gSeen, 2) << "the new registration and the module's, nothing from before";
     EXPECT_EQ(ConfigReadInt32("shared", 0), 7U);
     listener.Delete();
-    ConfigExit();
 }
 
-TEST(ConfigTasks, EveryChangeReachesAWatcherOnceWhileTheItemChangesClass) {
-    const StoreTree tree;
-    ConfigInit();
-    Attach();
+TEST_F(ConfigTasks, EveryChangeIsToldOnceAndTheLastInTheCacheIsTheLastInTheFile) {
     ConfigAddImmediateCallback("v", 0, Look, nullptr);
-    InEightTasks(200, [](int t, int i) {
-        ConfigWriteCacheOnly("v", 0, Number(t * 1000 + i, (t + i) % 2 == 0).c_str());
-    });
-    EXPECT_EQ(gSeen, 8 * 200);
-    ConfigExit();
-}
-
-TEST(ConfigTasks, TheLastWriterInTheCacheIsTheLastInTheFile) {
-    const StoreTree tree;
-    ConfigInit();
     for (int round = 0; round < 60; round++) {
-        InEightTasks(3, [](int t, int i) {
-            ConfigWrite("v", 0, Number(t * 1000 + i, (t + i) % 2 == 0).c_str());
+        InEightTasks(3, [round](int t, int i) {
+            const int number = round * 100 + t * 10 + i;
+            ConfigWrite("v", 0, Number(number, (t + i) % 2 == 0).c_str());
         });
         char value[kConfigValueSize];
         ConfigRead("v", 0, value);
-        const std::string file = tree.Get("dat/v.dat");
-        ASSERT_EQ(file.substr(0, file.find('\n')), value) << round;
+        ASSERT_EQ(tree.Get("dat/v.dat"), std::string(value) + "\n") << round;
     }
-    ConfigExit();
+    EXPECT_EQ(gSeen, 60 * 24);
 }
 
-TEST(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
-    const StoreTree tree;
-    ConfigInit();
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 3; t++) {
-        readers.emplace_back([&] {
-            char value[kConfigValueSize];
-            while (!done) {
-                ConfigRead("v", 0, value);
-            }
-        });
-    }
-    for (int i = 0; i < 500; i++) {
-        ConfigWriteInt32("v", 0, static_cast<UInt32>(i));
-        ASSERT_EQ(ConfigReadInt32("v", 0), static_cast<UInt32>(i));
-        ConfigDelete("v", 0);
+TEST_F(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
+    static std::atomic<bool> done{false};
+    InEightTasks(1, [](int t, int) {
         char value[kConfigValueSize];
-        ASSERT_EQ(ConfigRead("v", 0, value), kItemNotFound) << i;
-    }
-    done = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
-    ConfigExit();
+        while (t < 4 && !done) {
+            ConfigRead("v", 0, value);
+        }
+        for (UInt32 i = 0; t == 7 && i < 1000; i++) {
+            ConfigWriteInt32("v", 0, i);
+            EXPECT_EQ(ConfigReadInt32("v", 0), i);
+            ConfigDelete("v", 0);
+            EXPECT_EQ(ConfigRead("v", 0, value), kItemNotFound) << i;
+        }
+        done = done || t == 7;
+    });
 }
 
-TEST(ConfigTasks, ADeferredCallbackFindsTheItemOfADeletedVariable) {
-    const StoreTree tree;
-    Attach();
+TEST_F(ConfigTasks, ADeferredCallbackFindsTheItemOfADeletedVariable) {
     ModuleTask listener("list");
     listener.Run([] { ConfigAddCallback("v", 3, Look, nullptr); });
     std::atomic<bool> busy{false};
@@ -182,32 +158,24 @@ TEST(ConfigTasks, ADeferredCallbackFindsTheItemOfADeletedVariable) {
     ConfigWriteCacheOnly("w", 0, "1");
     ConfigDelete("w", 0);
     EXPECT_EQ(numMods, before - 2);
-    ConfigExit();
 }
 
-TEST(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
-    const StoreTree tree;
-    ConfigInit();
+TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
+    const auto entry = [](UInt32, UInt32, UInt32, UInt32) {
+        const auto wait = [](ModT*, UInt32, void*, void*) {
+            gSeen++;
+            UInt32 captured;
+            ev_receive(1, kEvAny, 0, &captured);
+        };
+        ConfigAddImmediateCallback("v", 0, wait, nullptr);
+        ConfigWrite("v", 0, "1");
+    };
     UInt32 tid;
     t_create("writ", 0, 0, 0, 0, &tid);
-    t_start(
-        tid, 0,
-        [](UInt32, UInt32, UInt32, UInt32) {
-            ConfigAddImmediateCallback(
-                "v", 0,
-                [](ModT*, UInt32, void*, void*) {
-                    gSeen++;
-                    UInt32 captured;
-                    ev_receive(1, kEvAny, 0, &captured);
-                },
-                nullptr);
-            ConfigWrite("v", 0, "1");
-        },
-        nullptr);
+    t_start(tid, 0, entry, nullptr);
     ASSERT_TRUE(Eventually([] { return gSeen == 1; }));
     ConfigDelete("v", 0);
     const int before = numMods;
     t_delete(tid);
     EXPECT_EQ(numMods, before - 1) << "the last user was the task";
-    ConfigExit();
 }

@@ -1,14 +1,20 @@
-// The configuration store as its users see it: names, contents, streams, start, flushing, and the
-// way to processor 0.
+// The configuration store: contents, streams, start, flushing, and the way to processor 0; and what
+// it does where files, folders and processes misbehave.
 #include "Common/framework/configstore.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
+#include <poll.h>
+#include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <filesystem>
-#include <thread>
-#include <vector>
+#include <random>
+#include <semaphore>
+#include <set>
 
 #include "Common/framework/proxy.h"
 #include "Common/framework/rem_message.h"
@@ -16,221 +22,342 @@
 #include "tests/framework/module_task.h"
 #include "tests/support/stdout_file.h"
 
+namespace fs = std::filesystem;
+
 namespace {
 
-sem_t gSynced;
-std::atomic<int> gSyncs{0};
+// The store's folders are in use, whether it is started or not.
+struct ConfigStore : testing::Test {
+    void SetUp() override { strcpy(CONFIG_DAT_FOLDER, NO_DAT_IN_OPT_DIR); }
+    const StoreTree tree;
+};
 
-std::string Read(const char* name, int instance, int len = 370) {
-    std::vector<char> value(static_cast<size_t>(len) + 1, '#');
-    const eErrorT err = ConfigStoreRead(name, instance, value.data(), len);
+std::string Read(const std::string& name, int len = 370) {
+    std::string value(static_cast<size_t>(len) + 1, '#');
+    const eErrorT err = ConfigStoreRead(name.c_str(), 0, value.data(), len);
     EXPECT_EQ(value.back(), '#') << "written behind the buffer";
-    return err == kNoError ? value.data() : ErrorString(err);
+    return err == kNoError ? value.c_str() : ErrorString(err);
 }
 
-eErrorT Write(const char* name, int instance, std::string value) {
-    return ConfigStoreWrite(name, instance, value.data());
+eErrorT Write(const std::string& name, std::string value) {
+    return ConfigStoreWrite(name.c_str(), 0, value.data());
 }
+
+// File permissions do not bind the superuser: somebody else for a scope.
+struct NobodyT {
+    NobodyT() { EXPECT_EQ(seteuid(geteuid() == 0 ? 65534 : geteuid()), 0); }
+    ~NobodyT() { EXPECT_EQ(seteuid(getuid()), 0); }
+};
+
+// Runs `work` in a process of its own; the store's task does not run there.
+pid_t Start(void (*work)()) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        work();
+        _exit(0);
+    }
+    return pid;
+}
+
+int Finish(pid_t pid) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+// Time as the flush task has it: its pauses end when the test says so, and so does its flush.
+std::atomic<time_t> gNow{1000};
+std::atomic<int> gSyncs{0};
+std::counting_semaphore<> gPauses{0};
+std::counting_semaphore<> gPauseEnds{0};
 
 }  // namespace
 
-// The flush ends here: what the system has to write does not matter to the test.
+extern "C" time_t time(time_t*) noexcept {
+    return gNow;
+}
+
+extern "C" int select(int, fd_set*, fd_set*, fd_set*, timeval* time) {
+    if (time->tv_sec != 5) {
+        return poll(nullptr, 0, static_cast<int>(time->tv_sec * 1000 + time->tv_usec / 1000));
+    }
+    gPauses.release();
+    gPauseEnds.acquire();
+    return 0;
+}
+
 extern "C" void sync() noexcept {
     gSyncs++;
-    sem_post(&gSynced);
 }
 
-TEST(ConfigStore, FileNamesFollowInstanceAndFolder) {
-    const StoreTree tree;
+TEST_F(ConfigStore, AFlushWaitsForTheQuietAndComesOnce) {
+    const StdoutFile out;
+    StartLog();
     ConfigStoreInit();
-    char path[kConfigPathSize];
-    EXPECT_STREQ(ConfigGetDatFileName("logformat", 0, path), "../dat/logformat.dat");
-    EXPECT_STREQ(ConfigGetDatFileName("cullfilter", 3, path), "../dat/cullfilter3.dat");
-    EXPECT_STREQ(ConfigGetDatFileName("x", -1, path), "../dat/x.dat");
-    // The fallback of the defaults has no separator at its end.
-    EXPECT_STREQ(ConfigGetChoiceFileName("x", 1, path), "../choicex1.choice");
-    tree.Put("choice.gen/x1.choice", "generated\n");
-    EXPECT_STREQ(ConfigGetChoiceFileName("x", 1, path), "../choice.gen/x1.choice");
-    EXPECT_STREQ(ConfigGetDatFileName(std::string(4096, 'n').c_str(), 0, path), "");
-}
-
-TEST(ConfigStore, CurrentValueThenGeneratedThenShippedDefault) {
-    const StoreTree tree;
-    ConfigStoreInit();
-    EXPECT_EQ(Read("v", 2), ErrorString(kBadParameter));
-    tree.Put("choicev2.choice", "shipped\n");
-    EXPECT_EQ(Read("v", 2), "shipped");
-    tree.Put("choice.gen/v2.choice", "generated\n");
-    EXPECT_EQ(Read("v", 2), "generated");
-    EXPECT_EQ(Write("v", 2, "current"), kNoError);
-    EXPECT_EQ(Read("v", 2), "current");
-    char value[20];
-    EXPECT_EQ(ConfigStoreChoiceRead("v", 2, value, sizeof(value)), kNoError);
-    EXPECT_STREQ(value, "generated");
-    EXPECT_EQ(ConfigStoreDelete("v", 2), kNoError);
-    EXPECT_EQ(ConfigStoreDelete("v", 2), kBadParameter);
-    EXPECT_EQ(Read("v", 2), "generated");
-}
-
-TEST(ConfigStore, OnlyTheFirstLineOfAFileCounts) {
-    const StoreTree tree;
-    ConfigStoreInit();
+    gPauses.acquire();
     const struct {
-        std::string content;
-        int len;
-        std::string value;
-    } cases[] = {
-        {"a\nb\n", 370, "a"},
-        {"a\r\nb\r\n", 370, "a"},
-        {"a\rb\n", 370, "a"},
-        {"\n", 370, ""},
-        {"", 370, ""},
-        {"no end", 370, "no end"},
-        {"  kept  \n", 370, "  kept  "},
-        {std::string("\x01\xff"
-                     "a\0b\n",
-                     6),
-         370,
-         "\x01\xff"
-         "a"},
-        {"abcdef\n", 4, "abc"},
-        {"abc\n", 4, "abc"},
-        {"abc\n", 1, ""},
-        {std::string(1 << 20, 'x'), 370, std::string(369, 'x')},
-        {std::string(369, 'x') + "\n", 370, std::string(369, 'x')},
-    };
+        int written, looked, flushes;  // the flush task looks at this time
+    } steps[] = {{1000, 1000, 0},
+                 {1003, 1006, 0},
+                 {0, 1007, 1},
+                 {0, 2000, 1},
+                 {2000, 1500, 2}};  // the clock was set back: no wait
+    for (const auto& step : steps) {
+        if (step.written != 0) {
+            gNow = step.written;
+            Write("v", std::to_string(step.written));
+        }
+        gNow = step.looked;
+        gPauseEnds.release();
+        gPauses.acquire();
+        EXPECT_EQ(gSyncs, step.flushes) << step.looked;
+    }
+    EXPECT_TRUE(out.WaitFor("config: synching filesystem\n"));
+    EXPECT_TRUE(out.WaitFor("config: sync complete "));
+}
+
+TEST_F(ConfigStore, AFileIsItsFirstLineAndWhatCannotBeReadShowsTheDefault) {
+    const StdoutFile out;
+    StartLog();
+    ConfigStoreInit();
+    tree.Put("choicev.choice", "default\n");
+    const std::string file = tree.Path("dat/v.dat");
+    const std::string cut = "../dat/v.dat ends without a line feed, ";
+    const struct {
+        std::string content, value, line;
+    } cases[] = {{"a\r\nb\r\n", "a", ""},
+                 {"a\rb\n", "a", ""},
+                 {"\n", "", ""},
+                 {"  kept  \n", "  kept  ", ""},
+                 {std::string("\x01\xff\0b\n", 5), "\x01\xff", ""},
+                 {std::string(1 << 20, 'x'), std::string(369, 'x'), ""},
+                 {std::string(369, 'x') + "\n", std::string(369, 'x'), ""},
+                 {"begi", "begi", cut + "4 characters taken\n"},
+                 {"", "", cut + "0 characters taken\n"},
+                 {"folder", "default", "can't read ../dat/v.dat: Is a directory\n"},
+                 {"fifo", "default", "can't read ../dat/v.dat: Invalid argument\n"},
+                 {"closed", "default", "can't read ../dat/v.dat: Permission denied\n"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content.substr(0, 20));
-        tree.Put("dat/v.dat", c.content);
-        EXPECT_EQ(Read("v", 0, c.len), c.value);
+        fs::remove(file);
+        if (c.content == "folder") {
+            fs::create_directory(file);
+        } else if (c.content == "fifo") {
+            ASSERT_EQ(mkfifo(file.c_str(), 0666), 0);
+        } else {
+            tree.Put("dat/v.dat", c.content);
+            chmod(file.c_str(), c.content == "closed" ? 0 : 0644);
+        }
+        const NobodyT nobody;
+        EXPECT_EQ(Read("v"), c.value);
+        EXPECT_TRUE(out.WaitFor(c.line));
     }
+    tree.Put("choicew.choice", "abcdef\n");
+    EXPECT_EQ(Read("w", 4) + Read("w", 1), "abc");
 }
 
-TEST(ConfigStore, AWriteCutsAtTheLineEndAndReplacesWhatWasThere) {
-    const StoreTree tree;
+TEST_F(ConfigStore, AWriteCutsAtTheLineEndAndHarmsNothingWhereItCannot) {
     ConfigStoreInit();
-    const std::string large(5000, 'y');
-    const struct {
-        std::string value, content;
-    } cases[] = {{"a\r\nb", "a\n"}, {"", "\n"}, {"\nb", "\n"}, {large, large + "\n"}, {"x", "x\n"}};
-    for (const auto& c : cases) {
-        std::string value = c.value;
-        EXPECT_EQ(ConfigStoreWrite("v", 0, value.data()), kNoError);
-        EXPECT_EQ(tree.Get("dat/v.dat"), c.content);
-        EXPECT_EQ(std::string(value.c_str()) + "\n", c.content) << "cut in place";
+    const std::string values[] = {"a\r\nb", "\nb", std::string(5000, 'y'), "x"};
+    for (const std::string& value : values) {
+        std::string text = value;
+        EXPECT_EQ(ConfigStoreWrite("v", 0, text.data()), kNoError);
+        EXPECT_EQ(tree.Get("dat/v.dat"), value.substr(0, value.find_first_of("\r\n")) + "\n");
+        EXPECT_EQ(strlen(text.c_str()) + 1, tree.Get("dat/v.dat").size()) << "cut in place";
+    }
+    EXPECT_EQ(Write(std::string(255, 'n'), "new"), kBadParameter) << "name too long";
+    char path[kConfigPathSize];
+    EXPECT_STREQ(ConfigGetDatFileName(std::string(4096, 'n').c_str(), 0, path), "");
+    fs::create_directory(tree.Path("dat/folder.dat"));
+    ASSERT_EQ(mkfifo(tree.Path("dat/fifo.dat").c_str(), 0666), 0);
+    ASSERT_EQ(mkfifo(tree.Path("dat/read.dat").c_str(), 0666), 0);
+    const int reader = open(tree.Path("dat/read.dat").c_str(), O_RDONLY | O_NONBLOCK);
+    chmod(tree.Path("dat").c_str(), 0555);
+    chmod(tree.Path("dat/v.dat").c_str(), 0444);
+    for (const char* name : {"folder", "fifo", "read", "v", "fresh"}) {
+        const NobodyT nobody;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Write(name, "new"), kBadParameter) << name;
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("ConfigStoreWrite: fopen: "), 0U);
+        void* stream = nullptr;
+        EXPECT_EQ(ConfigStoreWriteOpen(name, &stream), kBadParameter) << name;
+    }
+    close(reader);
+    EXPECT_EQ(ConfigStoreDelete("folder", 0), kBadParameter) << "a folder is no value";
+    // The folder goes while the program runs, and comes back.
+    fs::rename(tree.Path("dat"), tree.Path("away"));
+    EXPECT_EQ(Write("v", "lost"), kBadParameter);
+    EXPECT_EQ(Read("v"), ErrorString(kBadParameter));
+    fs::rename(tree.Path("away"), tree.Path("dat"));
+    EXPECT_EQ(Read("v"), "x");
+}
+
+TEST_F(ConfigStore, AFullDiskIsReportedAndLeavesTheBeginningOrTheOldValue) {
+    ConfigStoreInit();
+    tree.Put("dat/old.dat", "an older and longer value\n");
+    tree.Put("dat/full.dat", "old\n");
+    signal(SIGXFSZ, SIG_IGN);
+    int errors[2];  // standard error: a file would count as disk
+    ASSERT_EQ(pipe(errors), 0);
+    const int saved = dup(STDERR_FILENO);
+    dup2(errors[1], STDERR_FILENO);
+    const auto limit = [](rlim_t bytes) {
+        const rlimit full = {bytes, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &full);
+    };
+    limit(4);
+    const eErrorT old = Write("old", "replacement");
+    const eErrorT fits = Write("fits", "abc");
+    const eErrorT line = Write("line", "abcd");  // no room for the line feed
+    limit(0);
+    const eErrorT full = Write("full", "new");
+    void* stream = nullptr;
+    ConfigStoreWriteOpen("stream", &stream);
+    ConfigStoreWritePutLine(stream, "abc", 3);
+    const eErrorT closed = ConfigStoreWriteClose(stream);
+    limit(RLIM_INFINITY);
+    dup2(saved, STDERR_FILENO);
+    char lines[4096] = "";
+    EXPECT_GT(read(errors[0], lines, sizeof(lines) - 1), 0);
+    EXPECT_NE(strstr(lines, "ConfigStoreWrite: fwrite: "), nullptr) << lines;
+    EXPECT_NE(strstr(lines, "ConfigStoreWriteClose: fclose: "), nullptr) << lines;
+    for (const eErrorT err : {old, line, full, closed}) {
+        EXPECT_EQ(err, kBadParameter);
+    }
+    EXPECT_EQ(fits, kNoError);
+    EXPECT_EQ(tree.Get("dat/old.dat") + tree.Get("dat/fits.dat") + tree.Get("dat/line.dat") +
+                  tree.Get("dat/full.dat"),
+              "replabc\nabcdold\n");
+}
+
+TEST_F(ConfigStore, NamesThatLeaveTheFoldersAreRefusedByEveryOperation) {
+    ConfigStoreInit();
+    tree.Put("secret.dat", "secret\n");
+    tree.Put("secret.choice", "secret\n");
+    for (const char* name : {"../secret", "/etc/passwd", "a.b", ""}) {
+        char value[20] = "#";
+        void* stream = nullptr;
+        for (const eErrorT err :
+             {Write(name, "v"), ConfigStoreRead(name, 0, value, sizeof(value)),
+              ConfigStoreChoiceRead(name, 0, value, sizeof(value)), ConfigStoreDelete(name, 0),
+              ConfigStoreReadOpen(name, &stream), ConfigStoreWriteOpen(name, &stream)}) {
+            EXPECT_EQ(err, kBadParameter) << name;
+        }
+        EXPECT_STREQ(value, "");
+    }
+    EXPECT_EQ(tree.Get("secret.dat"), "secret\n");
+    EXPECT_TRUE(fs::is_empty(tree.Path("dat")));
+}
+
+TEST_F(ConfigStore, AKilledWriterLeavesTheOldValueOrTheNewOne) {
+    const std::set<std::string> values = {std::string(300, 'a'), "b", std::string(40, 'c')};
+    std::mt19937 random(1);
+    for (int round = 0; round < 300; round++) {
+        Write("v", "b");
+        const pid_t writer = Start([] {
+            for (;;) {
+                Write("v", std::string(300, 'a'));
+                Write("v", "b");
+                Write("v", std::string(40, 'c'));
+            }
+        });
+        usleep(static_cast<useconds_t>(random() % 3000));
+        kill(writer, SIGKILL);
+        Finish(writer);
+        ASSERT_TRUE(values.count(Read("v"))) << "round " << round << ": " << Read("v");
+        ASSERT_NE(tree.Get("dat/v.dat").find('\n'), std::string::npos) << round;
     }
 }
 
-TEST(ConfigStore, StreamsCarryLinesAndTheirEnd) {
-    const StoreTree tree;
+TEST_F(ConfigStore, TwoProcessesLeaveOneWholeValue) {
+    for (int round = 0; round < 300; round++) {
+        const pid_t first = Start([] {
+            for (int i = 0; i < 5; i++) {
+                Write("v", std::string(300, 'a'));
+            }
+        });
+        const pid_t second = Start([] {
+            for (int i = 0; i < 5; i++) {
+                Write("v", "b");
+            }
+        });
+        EXPECT_EQ(Finish(first) + Finish(second), 0);
+        const std::string value = Read("v");
+        ASSERT_TRUE(value == std::string(300, 'a') || value == "b") << value;
+    }
+}
+
+TEST_F(ConfigStore, StreamsCarryLinesAndTheirEnd) {
     ConfigStoreInit();
     void* stream = nullptr;
     EXPECT_EQ(ConfigStoreReadOpen("list", &stream), kBadParameter);
-    EXPECT_EQ(stream, nullptr);
     ASSERT_EQ(ConfigStoreWriteOpen("list", &stream), kNoError);
     EXPECT_EQ(ConfigStoreWritePutLine(stream, "one\ntwo\r\nlonger\nIGNORED", 16), kNoError);
     EXPECT_EQ(ConfigStoreWriteClose(stream), kNoError);
     EXPECT_EQ(tree.Get("dat/list.dat"), "one\ntwo\r\nlonger\n\n");
-    ASSERT_EQ(ConfigStoreReadOpen("list", &stream), kNoError);
-    for (const char* line : {"one", "two", "longe", "r", ""}) {
-        char data[6] = "#####";
-        EXPECT_EQ(ConfigStoreReadGetLine(stream, data, sizeof(data)), kNoError);
-        EXPECT_STREQ(data, line);
-    }
-    char data[6] = "#####";
-    EXPECT_EQ(ConfigStoreReadGetLine(stream, data, sizeof(data)), kEndOfFile);
-    EXPECT_STREQ(data, "");
-    EXPECT_EQ(ConfigStoreReadClose(stream), kNoError);
     EXPECT_EQ(gsConfigWriteOutstanding, 0) << "streams are left out of flushing";
-    tree.Put("choicelist.choice", "default\n");
-    ConfigStoreDelete("list", 0);
-    EXPECT_EQ(ConfigStoreReadOpen("list", &stream), kNoError);
-    ConfigStoreReadClose(stream);
+    tree.Put("choiceother.choice", "default\n");
+    std::string lines;
+    for (const char* name : {"list", "other"}) {
+        ASSERT_EQ(ConfigStoreReadOpen(name, &stream), kNoError);
+        char data[6] = "#####";
+        while (ConfigStoreReadGetLine(stream, data, sizeof(data)) == kNoError) {
+            lines += std::string(data) + "|";
+        }
+        EXPECT_STREQ(data, "");
+        EXPECT_EQ(ConfigStoreReadClose(stream), kNoError);
+    }
+    EXPECT_EQ(lines, "one|two|longe|r||defau|lt|");
 }
 
-TEST(ConfigStore, StartTellsItsFoldersAndMakesTheFlushTaskOnce) {
-    const StoreTree tree;
+TEST_F(ConfigStore, AMissingFolderEndsTheProgramByNameOthersAreToldOnce) {
+    const char* folders[][2] = {{"dat", "DAT"}, {"choice", "CHOICE"}, {"choice.gen", "CHOICE_GEN"}};
+    for (const auto& [folder, macro] : folders) {
+        fs::rename(tree.Path(folder), tree.Path("away"));
+        EXPECT_DEATH(ConfigStoreInit(), "ConfigIsFolderExist\\(CONFIG_" + std::string(macro) +
+                                            "_FOLDER\\).*Common/framework/configstore");
+        fs::rename(tree.Path("away"), tree.Path(folder));
+    }
+    // A default folder that exists is kept while another falls back.
+    EXPECT_EQ(ConfigCreateFolder("../made"), 1);
+    EXPECT_EQ(ConfigCreateFolder("../made"), 0);
+    EXPECT_EQ(ConfigIsFileExist("../made"), 0);
+    strcpy(CONFIG_DAT_FOLDER, "../made/");
     const StdoutFile out;
     EXPECT_EQ(ConfigStoreInit(), 1);
     EXPECT_EQ(ConfigStoreInit(), 1);
     EXPECT_EQ(out.Text(),
               "Config Folder data initialized successfully(Choice dir: ../choice, Dat Dir: "
-              "../dat/)\n");
+              "../made/)\n");
     UInt32 tid;
     EXPECT_EQ(t_ident("csyn", 0, &tid), kTaskOk);
     EXPECT_EQ(tid, gsSyncTID);
-    EXPECT_EQ(ConfigCreateFolder("../made"), 1);
-    EXPECT_EQ(ConfigCreateFolder("../made"), 0);
-    EXPECT_EQ(ConfigIsFolderExist("../made"), 1);
-    EXPECT_EQ(ConfigIsFileExist("../made"), 0);
-}
-
-TEST(ConfigStore, EachFolderThatIsMissingEndsTheProgramByName) {
-    const StoreTree tree;
-    for (const char* folder : {"dat", "choice", "choice.gen"}) {
-        std::filesystem::rename(tree.Path(folder), tree.Path("away"));
-        const std::string macro = folder[0] == 'd'      ? "DAT"
-                                  : strlen(folder) == 6 ? "CHOICE"
-                                                        : "CHOICE_GEN";
-        EXPECT_DEATH(ConfigStoreInit(), "ConfigIsFolderExist\\(CONFIG_" + macro +
-                                            "_FOLDER\\).*Common/framework/configstore");
-        std::filesystem::rename(tree.Path("away"), tree.Path(folder));
-    }
-    // A default folder that exists is kept while another falls back.
-    snprintf(CONFIG_DAT_FOLDER, sizeof(CONFIG_DAT_FOLDER), "%s/choice.gen/", tree.Path("").c_str());
-    ConfigStoreInit();
-    EXPECT_NE(strcmp(CONFIG_DAT_FOLDER, NO_DAT_IN_OPT_DIR), 0);
-    EXPECT_STREQ(CONFIG_CHOICE_FOLDER, NO_CHOICE_IN_OPT_DIR);
-}
-
-TEST(ConfigStore, NullAndZeroArgumentsAreProgrammingErrors) {
-    char text[4] = "";
-    void* stream = text;
-    EXPECT_DEATH(ConfigStoreRead(nullptr, 0, text, 4), "Common/framework/configstore");
-    EXPECT_DEATH(ConfigStoreRead("v", 0, nullptr, 4), "Common/framework/configstore");
-    EXPECT_DEATH(ConfigStoreRead("v", 0, text, 0), "Common/framework/configstore");
-    EXPECT_DEATH(ConfigStoreWrite("v", 0, nullptr), "Common/framework/configstore");
-    EXPECT_DEATH(ConfigStoreWritePutLine(stream, "x", 0), "Common/framework/configstore");
-    EXPECT_DEATH(ConfigStoreReadGetLine(nullptr, text, 4), "Common/framework/configstore");
-}
-
-TEST(ConfigStore, TwoWritesASecondApartAreFlushedOnceAfterTheQuiet) {
-    const StoreTree tree;
-    const StdoutFile out;
-    sem_init(&gSynced, 0, 0);
-    StartLog();
-    ConfigStoreInit();
-    Write("v", 0, "1");
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    Write("v", 0, "2");
-    const double waited = MillisecondsOf([] { sem_wait(&gSynced); });
-    EXPECT_GE(waited, 3000);
-    EXPECT_TRUE(out.WaitFor("config: synching filesystem\n"));
-    EXPECT_TRUE(out.WaitFor("config: sync complete "));
-    EXPECT_EQ(gsConfigWriteOutstanding, 0);
-    std::this_thread::sleep_for(std::chrono::seconds(6));
-    EXPECT_EQ(gSyncs, 1) << "nothing new was written";
 }
 
 namespace {
 
 // The link to processor 0, played by the test.
 RemMsgT gMaster;
-std::vector<std::string> gSent;
+std::string gSent;
 const char* gAnswer;  // null: none
+NotifyFuncT gLate;    // the receiver and ticket of the answer that did not come
+void* gLateTicket;
 
 eErrorT SendCmd(RemMsgT*, const char* line, NotifyFuncT notify, void* user) {
-    gSent.push_back(line);
+    gSent = line;
     if (notify != nullptr && gAnswer != nullptr) {
         notify(kNoError, gAnswer, user);
+        gLate(kNoError, "config v 0 late", gLateTicket);
+    } else {
+        gLate = notify;
+        gLateTicket = user;
     }
     return kNoError;
 }
 
 }  // namespace
 
-TEST(ConfigStore, OtherProcessorsAskProcessor0AndTouchNoFile) {
-    const StoreTree tree;
+TEST_F(ConfigStore, OtherProcessorsAskProcessor0AndTouchNoFile) {
     Attach();
     StartLog();
     static const ProxyTransportT transport = {1, nullptr, nullptr, nullptr, nullptr};
@@ -240,53 +367,30 @@ TEST(ConfigStore, OtherProcessorsAskProcessor0AndTouchNoFile) {
     gpSlaveRemMsg = &gMaster;
     const StdoutFile out;
     EXPECT_EQ(ConfigStoreInit(), 0);
-
-    EXPECT_EQ(Write("v", 3, "say \"hi\"\nrest"), kNoError);
-    EXPECT_EQ(gSent.back(), "config v 3 \"say \\\"hi\\\"\" rw file notify");
-    EXPECT_EQ(Write("v", 3, std::string(600, 'x')), kBadParameter) << "longer than a command";
+    EXPECT_EQ(Write("v", "say \"hi\"\nrest"), kNoError);
+    EXPECT_EQ(gSent, "config v 0 \"say \\\"hi\\\"\" rw file notify");
+    for (const size_t length : {490, 600}) {
+        EXPECT_EQ(Write("v", std::string(length, 'x')), kBadParameter) << "over a command";
+    }
+    EXPECT_EQ(Read("v"), "");
+    EXPECT_EQ(gSent, "config v 0");
+    EXPECT_TRUE(out.Has("ConfigStoreRead: \"v[0]\" timeout\n"));
+    ASSERT_NE(gLate, nullptr);
+    gLate(kNoError, "config v 0 late", gLateTicket);
+    UInt32 captured;
+    EXPECT_EQ(ev_receive(0x4000, kEvNoWait, 0, &captured), kTaskNoEvents);
     const struct {
         const char* answer;
         int len;
         const char* value;
-    } cases[] = {{"config v 3 word more", 370, "word"},
-                 {"config v 3 abcdef", 4, "abc"},
-                 {"config v 3", 370, ""},
-                 {"config v 3 word", 1, ""},
-                 {"", 370, ""}};
+    } cases[] = {{"config v 0 word more", 370, "word"},
+                 {"config v 0 abcdef", 4, "abc"},
+                 {"config v 0", 370, ""},
+                 {"config v 0 word", 1, ""}};
     for (const auto& c : cases) {
         gAnswer = c.answer;
-        EXPECT_EQ(Read("v", 3, c.len), c.value) << c.answer;
+        EXPECT_EQ(Read("v", c.len), c.value) << c.answer;
     }
-    EXPECT_EQ(gSent.back(), "config v 3");
-    EXPECT_FALSE(out.Has("timeout"));
-    gAnswer = nullptr;
-    EXPECT_EQ(Read("v", 3), "");
-    EXPECT_TRUE(out.Has("ConfigStoreRead: \"v[3]\" timeout\n"));
-    EXPECT_EQ(ConfigStoreDelete("v", 3), kBadParameter);
-    EXPECT_EQ(tree.Get("dat/v3.dat"), "(none)");
-}
-
-TEST(ConfigStore, AnAnswerAfterTheTimeOutReachesNobody) {
-    Attach();
-    static const ProxyTransportT transport = {1, nullptr, nullptr, nullptr, nullptr};
-    ProxySetTransport(&transport);
-    static NotifyFuncT late;
-    static void* ticket;
-    gMaster.SendCmd = [](RemMsgT*, const char*, NotifyFuncT notify, void* user) {
-        late = notify;
-        ticket = user;
-        return kNoError;
-    };
-    ModInit(&gMaster.mod, "remmsg", 1, nullptr);
-    gpSlaveRemMsg = &gMaster;
-    EXPECT_EQ(Read("v", 0), "");
-    late(kNoError, "config v 0 late", ticket);
-    UInt32 captured;
-    EXPECT_EQ(ev_receive(0x4000, kEvNoWait, 0, &captured), kTaskNoEvents);
-    gMaster.SendCmd = [](RemMsgT*, const char*, NotifyFuncT notify, void* user) {
-        late(kNoError, "config v 0 late", ticket);
-        notify(kNoError, "config v 0 mine", user);
-        return kNoError;
-    };
-    EXPECT_EQ(Read("v", 0), "mine");
+    EXPECT_EQ(ConfigStoreDelete("v", 0), kBadParameter);
+    EXPECT_TRUE(fs::is_empty(tree.Path("dat")));
 }
