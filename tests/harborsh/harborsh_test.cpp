@@ -4,9 +4,11 @@
 #include <pty.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -46,6 +48,16 @@ bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// The parts stand in the text, in this order.
+void ExpectInOrder(const std::string& text, std::initializer_list<const char*> parts) {
+    size_t at = 0;
+    for (const char* part : parts) {
+        at = text.find(part, at);
+        ASSERT_NE(at, std::string::npos) << part << " in\n" << text;
+        at += strlen(part);
+    }
+}
+
 // The shell at a terminal of its own.
 class Session {
   public:
@@ -57,6 +69,7 @@ class Session {
             execl(HARBORSH, "harborsh", static_cast<char*>(nullptr));
             _exit(127);
         }
+        Expect("harborsh> ");
     }
     ~Session() {
         if (pid_ > 0) {
@@ -72,14 +85,23 @@ class Session {
         EXPECT_EQ(write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
 
+    // A line's way from one prompt to the next.
+    void Run(const std::string& keys, std::initializer_list<const char*> shown) {
+        Type(keys);
+        for (const char* part : shown) {
+            Expect(part);
+        }
+        Expect("harborsh> ");
+    }
+
     // Reads until `part` has come, and forgets what came up to its end.
-    bool Expect(const std::string& part) {
+    void Expect(const std::string& part) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         for (;;) {
             const size_t at = text_.find(part);
             if (at != std::string::npos) {
                 text_.erase(0, at + part.size());
-                return true;
+                return;
             }
             pollfd pfd = {fd_, POLLIN, 0};
             char block[1024];
@@ -95,7 +117,6 @@ class Session {
             }
         }
         ADD_FAILURE() << "no \"" << part << "\" in:\n" << text_;
-        return false;
     }
 
     int ExitStatus() {
@@ -125,6 +146,7 @@ TEST(Harborsh, TheExitStatusIsThatOfTheLastCommand) {
         {"-c 'shellHelp; demo call'", -kBadParameter, "Usage: call <text>\n"},
         {"-c 'exit; nosuch'", 0, ""},
         {"-c 'notify \"a; b\"; notify c'", 0, "NOTIFY: a; b\nNOTIFY: c\n"},
+        {"-w 1 -c 'sleep 60000; demo timer 60000 1000'", -kTimeOut, "ERROR, no outcome in time"},
         {"-c notify\\ a -c nosuch", -kItemNotFound, "NOTIFY: a\nERROR, item not found\n"},
         {"-c ''", 0, ""},
         {"-c 'notify \"a;\nnosuch'", -kItemNotFound, "NOTIFY: a;\nERROR, item not found\n"},
@@ -159,19 +181,16 @@ TEST(Harborsh, LinesFromAPipeRunWithoutAPromptAndBadOnesAreRefusedOneByOne) {
 }
 
 TEST(Harborsh, ScriptsThatCallThemselvesAndAliasLoopsLeaveTheShellAlive) {
-    const std::filesystem::path dir = testing::TempDir() + "harborsh_scripts";
+    const std::filesystem::path dir = OwnFolder("scripts");
     std::filesystem::create_directories(dir);
     std::ofstream(dir / "self.scr") << "notify again\nscript " << (dir / "self").string() << "\n";
     const ResultT result = RunShell("-c 'script " + (dir / "self").string() +
                                     "; alias loop loop; loop; notify alive'");
-    EXPECT_TRUE(Has(result.text, "not run: aliases and scripts nest at most 8 deep\n"));
-    EXPECT_TRUE(Has(result.text, "NOTIFY: alive\n")) << result.text;
+    ExpectInOrder(result.text,
+                  {"NOTIFY: again\n", "not run: aliases and scripts nest at most 8 deep\n",
+                   "NOTIFY: alive\n"});
     EXPECT_EQ(result.status, 0);
-    size_t runs = 0;
-    for (size_t at = 0; (at = result.text.find("NOTIFY: again\n", at)) != std::string::npos; at++) {
-        runs++;
-    }
-    EXPECT_EQ(runs, 8U);
+    EXPECT_EQ(std::count(result.text.begin(), result.text.end(), 'Y'), 8 + 1) << result.text;
     std::ofstream(dir / "plain") << "notify from a file\nnosuch\n";
     const ResultT plain = RunShell((dir / "plain").string());
     EXPECT_EQ(plain.text, "NOTIFY: from a file\nERROR, item not found\n");
@@ -179,137 +198,85 @@ TEST(Harborsh, ScriptsThatCallThemselvesAndAliasLoopsLeaveTheShellAlive) {
     std::filesystem::remove_all(dir);
 }
 
-TEST(Harborsh, ACommandThatTakesTooLongIsLeftBehind) {
-    const ResultT result = RunShell("-w 1 -c 'sleep 60000; demo timer 60000 1000'");
-    EXPECT_EQ(result.status, -kTimeOut);
-    EXPECT_TRUE(Has(result.text, "ERROR, no outcome in time")) << result.text;
-}
-
-TEST(Harborsh, TheDemonstrationCrossesTasks) {
-    const ResultT result = RunShell(
-        "-c 'demo call hi; demo callback news; demo timer 10 2; "
-        "demo exception oops; demo stop; demo call again'");
-    const std::string parts[] = {
-        R"(wrk1: hop 1 with "hi"
-wrk2: hop 2 with "hi"
-cmds: hop 3 with "hi"
-)",
-        R"(wrk1: fires "news"
-wrk1: whoever fires heard "news" from Worker[1]
-wrk2: the neighbour heard "news" from Worker[1]
-)",
-        "wrk1: tick 1\nwrk1: tick 2\nwrk1: timer stopped\n",
-        "exception of Worker[2]: oops\n",
-        "cmds: hop 3 with \"again\"\n",
-    };
-    for (const std::string& part : parts) {
-        EXPECT_TRUE(Has(result.text, part)) << part << "in\n" << result.text;
-    }
-    EXPECT_EQ(result.status, 0);
-}
-
 TEST(Harborsh, DiagnosticsShowAndChangeWhatTheyName) {
-    const struct {
-        const char* lines;
-        const char* text;
-    } cases[] = {
-        {"modules", "Shell[0]  "},
-        {"modules shell 1", "ERROR, bad parameter\n"},
-        {"timers active", "Timer    run task"},
-        {"tasks", "cmds"},
-        {"calls", "DFC List 0 entries"},
-        {"types", "remmsg  "},
-        {"devices", "Ser         8 closed"},
-        {"categories list g711", "  9 AUD  G711 ENC"},
-        {"categories enable 9; categories list g711", "ENC  enabled  debug\n"},
-        {"categories enable 123", "ERROR, bad parameter\n"},
-        {"logformat level time", "time level "},
-        {"level 7; log 7 shown; level 3; log 4 hidden", "pc[0]: shell: shown\n"},
-        {"showfilter add oth; log 3 other; log 3 hidden", "shell: other\n"},
-        {"config colour 1 blue; config colour 1", "config colour 1 blue\n"},
-        {"pool create p 1 4 100; pool dump", "p[01]"},
-        {"config colour 1x red", "ERROR, bad parameter\n"},
-        {"pool create p 1 4294967296 100", "ERROR, bad parameter\n"},
-        {"ring mark 1 0x20; ring dump", "00000001 00000020"},
-        {"echo cmd on; shellHelp", "CMD: shellHelp\n"},
-        {"echo cmd maybe", "ERROR, bad parameter\n"},
-        {"tracefilter add shell; tracefilter delete *; tracefilter delete x",
-         "ERROR, bad parameter\n"},
-    };
-    for (const auto& c : cases) {
-        const ResultT result = RunShell("-c '" + std::string(c.lines) + "'");
-        EXPECT_TRUE(Has(result.text, c.text)) << c.lines << "\n" << result.text;
-        EXPECT_FALSE(Has(result.text, "hidden"));
-    }
+    const ResultT result = RunShell(
+        "-c 'modules; modules shell 1; timers active; tasks; calls; types; devices;"
+        "categories list g711; categories enable 9; categories list g711; categories enable 123;"
+        "config colour 1x red; pool create p 1 4294967296 100; pool create p 1 4 100; pool dump; "
+        "ring mark 1 0x20; ring dump; echo cmd on; shellHelp;"
+        "echo cmd off; echo cmd maybe; tracefilter add shell; tracefilter delete *;"
+        "tracefilter delete x; demo exception oops; demo stop; demo call again; level 7;"
+        "log 7 shown; level 3; log 4 hidden; showfilter add oth; log 3 other; log 3 hidden'");
+    ExpectInOrder(result.text, {"Shell[0]  ",
+                                "ERROR, bad parameter\n",
+                                "Timer    run task",
+                                "cmds",
+                                "DFC List 0 entries",
+                                "remmsg  ",
+                                "Ser         8 closed",
+                                "  9 AUD  G711 ENC",
+                                "ENC  enabled  debug\n",
+                                "ERROR, bad parameter\n",
+                                "ERROR, bad parameter\n",
+                                "ERROR, bad parameter\n",
+                                "p[01]",
+                                "00000001 00000020",
+                                "CMD: shellHelp\n",
+                                "ERROR, bad parameter\n",
+                                "ERROR, bad parameter\n",
+                                "exception of Worker[2]: oops\n",
+                                "cmds: hop 3 with \"again\"\n",
+                                "pc[0]: shell: shown\n",
+                                "shell: other\n"});
+    EXPECT_FALSE(Has(result.text, "hidden"));
 }
 
 TEST(Harborsh, LogSettingsOfOneRunWorkInTheNextFromItsFirstLine) {
     const std::string store = OwnFolder("store");
     RunShell("-s " + store +
-             " -c 'showfilter add shell; showfilter save; cullfilter add noisy;"
-             "cullfilter save; logformat level; logformat save; spewfilter on'");
-    const ResultT result = RunShell("-s " + store +
-                                    " -c 'spewfilter; logformat; log 3 shown;"
-                                    "log 3 shown; log 3 noisy; log 3 again'");
+             " -c 'showfilter add shell; showfilter save; cullfilter add noisy; cullfilter save;"
+             "logformat level; logformat save; spewfilter on'");
+    const ResultT result =
+        RunShell("-s " + store + " -c 'spewfilter; logformat; log 3 noisy; log 3 shown'");
     EXPECT_TRUE(Has(result.text,
-                    "show filters:\n  \"shell\"\ncull filters:\n  \"noisy\"\n"
-                    "on\nlevel \nERROR pc[0]: shell: shown\n"
-                    "ERROR pc[0]: shell: again\n"))
+                    "show filters:\n  \"shell\"\ncull filters:\n  \"noisy\"\non\nlevel \n"
+                    "ERROR pc[0]: shell: shown\n"))
         << result.text;
     std::filesystem::remove_all(store);
 }
 
 TEST(Harborsh, ATerminalGetsAPromptCompletionAndHistory) {
     Session session;
-    ASSERT_TRUE(session.Expect("harborsh> "));
-    session.Type("noti\tfirst\r");
-    EXPECT_TRUE(session.Expect("notify first"));
-    EXPECT_TRUE(session.Expect("NOTIFY: first\r\n"));
-    EXPECT_TRUE(session.Expect("harborsh> "));
-    session.Type("demo callb\tnews\r");
-    EXPECT_TRUE(session.Expect("demo callback news"));
-    EXPECT_TRUE(session.Expect("heard \"news\" from Worker[1]"));
-    EXPECT_TRUE(session.Expect("harborsh> "));
-    session.Type("\x10\x10\r");  // the line before the last
-    EXPECT_TRUE(session.Expect("NOTIFY: first\r\n"));
-    EXPECT_TRUE(session.Expect("harborsh> "));
-    session.Type("help \t\t");
-    EXPECT_TRUE(session.Expect("alias"));
-    EXPECT_TRUE(session.Expect("types"));
-    session.Type("\x15nosuch\r");
-    EXPECT_TRUE(session.Expect("ERROR, item not found"));
-    EXPECT_TRUE(session.Expect("harborsh> "));
+    session.Run("noti\tfirst\r", {"notify first", "NOTIFY: first\r\n"});
+    session.Run("demo callb\tnews\r", {"demo callback news", "heard \"news\" from Worker[1]"});
+    session.Run("\x10\x10\r", {"NOTIFY: first\r\n"});  // the line before the last
+    session.Run("help \t\t", {"alias", "types"});
+    session.Run("\x15nosuch\r", {"ERROR, item not found"});
     session.Type("\x04");  // end of input
     EXPECT_EQ(session.ExitStatus(), -kItemNotFound);
 }
 
 TEST(Harborsh, OutputOfOtherTasksDoesNotSpoilTheLineBeingTyped) {
     Session session;
-    ASSERT_TRUE(session.Expect("harborsh> "));
-    session.Type("demo timer 200 3 &\r");
-    EXPECT_TRUE(session.Expect("harborsh> "));
+    session.Run("demo timer 200 3 &\r", {});
     session.Type("notify ty");
-    EXPECT_TRUE(session.Expect("tick 2"));
-    EXPECT_TRUE(session.Expect("harborsh> notify ty"));  // shown again below
+    session.Expect("tick 2");
+    session.Expect("harborsh> notify ty");  // shown again below
     session.Type("ped\r");
-    EXPECT_TRUE(session.Expect("NOTIFY: typed"));
+    session.Expect("NOTIFY: typed");
     session.Type("exit\r");
     EXPECT_EQ(session.ExitStatus(), 0);
 }
 
 TEST(Harborsh, AnInterruptGivesUpTheLineOrTheWaitButNotTheShell) {
     Session session;
-    ASSERT_TRUE(session.Expect("harborsh> "));
     session.Type("nosuch garbage");
-    EXPECT_TRUE(session.Expect("garbage"));
-    session.Type("\x03");
-    EXPECT_TRUE(session.Expect("harborsh> "));
+    session.Expect("garbage");
+    session.Run("\x03", {});
     session.Type("sleep 60000\r");
-    EXPECT_TRUE(session.Expect("sleep 60000"));
+    session.Expect("sleep 60000");
     usleep(300000);
-    session.Type("\x03");
-    EXPECT_TRUE(session.Expect("ERROR, interrupted"));
-    EXPECT_TRUE(session.Expect("harborsh> "));
+    session.Run("\x03", {"ERROR, interrupted"});
     session.Type("exit\r");  // runs in the main task: the busy one does not hold it up
     EXPECT_EQ(session.ExitStatus(), 0);
 }
