@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # Builds the emulated machine's shell and commands from Debian's busybox source package (Debian
 # has no PowerPC packages to install) and prints the path of the finished program. Cached like the
-# kernel. The source comes from the mirror that the system's package lists already use; the
-# system's own lists stay as they are.
+# kernel.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -15,29 +14,13 @@ mkdir -p "$cache_dir"
 exec 9>"$cache_dir/busybox.lock"
 flock 9
 
-fetch_source() { # DIRECTORY: leaves the upstream tar file there
-    local keyring=/usr/share/keyrings/debian-archive-keyring.gpg signed=""
-    [ ! -r "$keyring" ] || signed="[signed-by=$keyring]"
-    mkdir -p "$1/lists/partial"
-    apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' \
-        'Created-By: Packages' |
-        awk -v signed="$signed" '$1 == "Debian" && $4 == "main" {
-            print "deb-src", signed, $2, $3, $4 }' | sort -u >"$1/sources.list"
-    [ -s "$1/sources.list" ] || { echo "no Debian mirror among the package sources"; return 1; }
-    local options=(-o "Dir::State::lists=$1/lists" -o "Dir::Etc::sourcelist=$1/sources.list"
-        -o Dir::Etc::sourceparts=/dev/null -o APT::Sandbox::User=root
-        -o "Dir::Cache::srcpkgcache=" -o "Dir::Cache::pkgcache=")
-    apt-get "${options[@]}" update
-    (cd "$1" && apt-get "${options[@]}" source --download-only busybox)
-}
-
 if [ ! -x "$busybox_dir/busybox" ]; then
     work=$(mktemp -d "$cache_dir/busybox-build.XXXXXX")
     trap 'rm -rf "$work"' EXIT
     log="$cache_dir/busybox-build.log"
     echo "target: building the shell (log: $log)" >&2
     {
-        fetch_source "$work"
+        fetch_source "$work" busybox
         mkdir "$work/source"
         tar -C "$work/source" --strip-components=1 -xf "$work"/busybox_*.orig.tar.*
         busybox_make=(make -C "$work/source" ARCH=powerpc "CROSS_COMPILE=$cross-")

@@ -52,3 +52,22 @@ stage() {
 print_stage_times() {
     [ ${#stage_times[@]} -eq 0 ] || printf '%s\n' "${stage_times[@]}"
 }
+
+# fetch_source DIRECTORY PACKAGE...: leaves the upstream tar files of Debian source packages there.
+# They come from the mirror that the system's package lists already use; the system's own lists stay
+# as they are.
+fetch_source() {
+    local keyring=/usr/share/keyrings/debian-archive-keyring.gpg signed=""
+    [ ! -r "$keyring" ] || signed="[signed-by=$keyring]"
+    mkdir -p "$1/lists/partial"
+    apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' |
+        awk -v signed="$signed" '$1 == "Debian" && $4 == "main" {
+            print "deb-src", signed, $2, $3, $4 }' | sort -u >"$1/sources.list"
+    [ -s "$1/sources.list" ] || { echo "no Debian mirror among the package sources"; return 1; }
+    local options=(-o "Dir::State::lists=$1/lists" -o "Dir::Etc::sourcelist=$1/sources.list"
+        -o Dir::Etc::sourceparts=/dev/null -o APT::Sandbox::User=root
+        -o "Dir::Cache::srcpkgcache=" -o "Dir::Cache::pkgcache=")
+    apt-get "${options[@]}" update
+    (cd "$1" && apt-get "${options[@]}" source --download-only "${@:2}")
+}

@@ -256,6 +256,10 @@ footprint() {
         "$root_dir/docs/FOOTPRINT.md"
 }
 
+line_editing() {
+    "$target_dir/build-readline.sh" >"$run_dir/readline.log"
+}
+
 prepare_machine() {
     machine_kernel=$("$target_dir/build-kernel.sh") &&
         busybox=$("$target_dir/build-busybox.sh")
@@ -263,6 +267,7 @@ prepare_machine() {
 
 main() {
     stage "packages" need_packages "${target_packages[@]}"
+    stage "line editing of the shell (cached)" line_editing
     stage "build for the board's processor, host board" configure_and_build target
     stage "fast lane: single-threaded suites in user-mode emulation" fast_lane
     if [ "$fast_only" = no ]; then
