@@ -72,13 +72,19 @@ pack_initrd() {
             "$target_dir/package/update.sh=/board/update.sh" "$run_dir/images=/board/images"
 }
 
-# The programs that CMake registered as suites; each has a script of its own there.
+# The programs that CMake registered as suites.
 suite_programs() {
-    local folder="$root_dir/build/target/tests" script
-    find "$folder" -mindepth 2 -name '*_include.cmake' | sort | while read -r script; do
-        script=$(basename "$script" _include.cmake)
-        echo "$folder/${script%\[*}"
-    done
+    local folder="$root_dir/build/target/tests"
+    find "$folder" -mindepth 2 -name CTestTestfile.cmake -exec \
+        sed -n 's|^include(".*/\([^/]*\)\[1\]_include\.cmake")|\1|p' {} + |
+        sort | sed "s|^|$folder/|"
+}
+
+# The tests that CMake registered as commands (examples and the like), as orders of a job.
+command_tests() {
+    find "$root_dir/build/target" -name CTestTestfile.cmake -exec \
+        sed -n 's|^add_test(\[=*\[\(.*\)\]=*\] \(.*\))$|run \1 300 \2|p' {} + |
+        sed 's|"qemu-ppc" .* "/usr/powerpc-linux-gnu" ||' | sort
 }
 
 # What a machine's log says, into the counts; failures and skips are shown.
@@ -125,6 +131,7 @@ full_lane() {
                     *) echo "suite $suite $filter" ;;
                 esac
             done
+            [ -n "$filter" ] || command_tests
             echo "show sh /board/send.sh /out"
         } >"$run_dir/suites$shard.job"
         names+=("suites$shard")

@@ -152,7 +152,7 @@ run_case() {
         KESTRELFLASH=$UPDATER sh "$LAUNCHER" . >"$work/launcher" 2>&1 || status=$?
         # Its pipe has a new name each time, and it shows what it sees of the numbers.
         grep -v ' %$' "$work/launcher" >"$work/console"
-        sed 's|-p [^ ]*/progress|-p progress|' update.log >>"$work/console"
+        sed 's,\(-p \|argv.*=\)[^ ]*/progress,\1progress,' update.log >>"$work/console"
     fi
     # The program's own path is part of what it prints.
     sed "s|$UPDATER|kestrelflash|g" "$work/console" >"$OUT/$name.console"

@@ -47,7 +47,8 @@ std::string ReadAll(const char* path) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    setsid();
+    // A leader of a group, but not of a session: no terminal that a test opens becomes its own.
+    setpgid(0, 0);
     const int input = open("/dev/null", O_RDONLY);
     const int output = open(kOutputFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
     dup2(input, STDIN_FILENO);
@@ -220,6 +221,10 @@ void Runner::GoogleTest(const std::string& program, const std::string& name) {
 
 void Runner::Command(const std::string& name, int timeoutSeconds, const std::string& command) {
     if (!NextIsMine()) {
+        return;
+    }
+    if (const std::string reason = ReasonToSkip(name); !reason.empty()) {
+        CountSkip(name, reason);
         return;
     }
     const ChildResult result = RunChild({"/bin/sh", "-c", command}, "/tmp", timeoutSeconds);

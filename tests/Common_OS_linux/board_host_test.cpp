@@ -51,7 +51,7 @@ TEST(BoardHost, DriverSettingsReachATerminalThatDoesNotKnowTheRequests) {
         for (int again = 0; again < 2; again++) {  // the same settings once more are no failure
             EXPECT_EQ(BoardFpgaSerialConfigure(fd, &c.config) + BoardFpgaSerialReceiver(fd, again),
                       0);
-            EXPECT_EQ(lines.Attributes(2).c_ospeed, c.speed);
+            EXPECT_EQ(lines.Speed(2), c.speed);
             EXPECT_EQ(lines.Attributes(2).c_cflag & (PARODD | CSTOPB), c.kept);
         }
         EXPECT_EQ(BoardFpgaSerialConfigure(file, &c.config) + BoardFpgaSerialReceiver(file, 0), -2);

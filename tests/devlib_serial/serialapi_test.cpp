@@ -108,7 +108,7 @@ TEST_F(SerialPort, EveryPortOpensOnceAndAgainAfterClosingAndKeepsNoDescriptor) {
             const RS232Cfg stored = Cfg(5);
             EXPECT_EQ(Serial_GetCfg(port, &stored), kNoError);  // stores, and leaves the line alone
             EXPECT_EQ(port_cfgs[port].bitRate, SERIAL_BAUDRATE_9600);
-            EXPECT_EQ(lines_.Attributes(port).c_ospeed, static_cast<speed_t>(B115200));
+            EXPECT_EQ(lines_.Speed(port), static_cast<speed_t>(B115200));
             EXPECT_EQ(Serial_Close(port), kNoError);
             const bool fpga = lines_.Node(port).find("fpga") != std::string::npos;
             EXPECT_EQ(Enabled(port), fpga ? "tx" : "");  // an FPGA line remembers

@@ -138,7 +138,7 @@ TEST_F(SerialSettings, ACpuLineGetsTheAttributesOfItsConfiguration) {
         before.c_oflag |= OPOST;
         before.c_lflag |= ICANON | ISIG | ECHO | ECHOE | ECHOK | ECHONL | ECHOCTL | ECHOKE;
         before.c_cc[VMIN] = 7;
-        ASSERT_EQ(ioctl(lines_.near(4), TCSETS, &before), 0);
+        ASSERT_EQ(tcsetattr(lines_.near(4), TCSANOW, &before), 0);
         ASSERT_EQ(Configure(4, c.mask, c.rate), SERIAL_NOERROR);
         termios expected = before;
         expected.c_cflag = (before.c_cflag & ~kFormat) | c.format;

@@ -59,6 +59,12 @@ class PtyLines {
         return line;
     }
 
+    // As one of the constants B9600...; the attribute itself is bits per second on some processors.
+    speed_t Speed(int port) const {
+        const termios line = Attributes(port);
+        return cfgetospeed(&line);
+    }
+
   private:
     char folder_[32] = "/tmp/harbor_lines_XXXXXX";
     int far_[kCount];
