@@ -476,6 +476,15 @@ void CallCallbacks(ConfigItemT* item, const KeyT& key, const char* value, size_t
     ModCallCallbacks(&gConfig.mod, 0, &args, sizeof(args));
 }
 
+// Logs as much of the value as a line holds with its end: a line that lost it would take the next
+// one along, whosever that is.
+void LogChange(const KeyT& key, const char* value, size_t length) {
+    const int rest = snprintf(nullptr, 0, "INFO  pc[0]: config: %s[%d]:\n", key.name, key.instance);
+    const size_t room = static_cast<size_t>(kLogLineSize - 1 - rest);
+    loginfo("config", "%s[%d]:%.*s\n", key.name, key.instance,
+            static_cast<int>(length < room ? length : room), value);
+}
+
 long ReadNumber(const char* pName, int instance) {
     char value[kConfigValueSize];
     ConfigRead(pName, instance, value);
@@ -618,7 +627,7 @@ eErrorT ConfigWriteEx(const char* pName, int instance, const char* value, const 
         }
     }
     if (ProxyProcessorNum() == 0 && !IsSecret(key.name)) {
-        loginfo("config", "%s[%d]:%.*s\n", key.name, instance, static_cast<int>(length), value);
+        LogChange(key, value, length);
     }
     CallCallbacks(use.Get(), key, value, length, perm, flags);
     return kNoError;

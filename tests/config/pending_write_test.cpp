@@ -10,6 +10,7 @@
 #include "Common/framework/rem_message.h"
 #include "tests/config/store_tree.h"
 #include "tests/framework/module_task.h"
+#include "tests/support/stdout_file.h"
 
 namespace {
 
@@ -78,4 +79,19 @@ TEST(PendingWrite, AFullDiskLeavesTheDefaultToBeSeen) {
     EXPECT_EQ(ConfigStoreWriteText("v", 0, "new", 3), kBadParameter);
     setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(Read(), "default");
+}
+
+TEST(PendingWrite, ALongValueDoesNotTakeTheNextLogLineAlong) {
+    const StoreTree tree;
+    const StdoutFile out;
+    StartLog();
+    std::string name = "a";
+    for (const size_t length : {484, 485, 5000}) {
+        const std::string after = "after " + std::to_string(length) + "\n";
+        ConfigWrite(name.c_str(), 0, std::string(length, 'v').c_str());
+        logerr("test", "%s", after.c_str());
+        EXPECT_TRUE(out.WaitFor("config: " + name + "[0]:" + std::string(484, 'v') + "\n"));
+        EXPECT_TRUE(out.WaitFor("ERROR pc[0]: test: " + after));
+        name[0]++;
+    }
 }
