@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "Common/OS/assertion.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/log.h"
@@ -35,6 +37,8 @@ constexpr time_t kQuietTime = 4;      // seconds without a write before a flush
 constexpr UInt32 kFlushPriority = 2;
 constexpr UInt32 kFlushStack = 4096;
 constexpr int kShownName = 40;  // characters of a refused name that the log shows
+
+pthread_mutex_t gFoldersMutex = PTHREAD_MUTEX_INITIALIZER;  // while the folders are checked
 
 // A descriptor that goes with its scope, also when its task is deleted meanwhile.
 class FileT {
@@ -273,15 +277,22 @@ short ConfigStoreInit() {
         gbFolderDataInitialized.load(std::memory_order_acquire) != 0) {
         return gbFolderDataInitialized.load(std::memory_order_relaxed);
     }
-    ChooseFolder(CONFIG_DAT_FOLDER, NO_DAT_IN_OPT_DIR);
-    ChooseFolder(CONFIG_CHOICE_FOLDER, NO_CHOICE_IN_OPT_DIR);
-    ChooseFolder(CONFIG_CHOICE_GEN_FOLDER, NO_CHOICE_GEN_IN_OPT_DIR);
-    OsAssert(ConfigIsFolderExist(CONFIG_DAT_FOLDER));
-    OsAssert(ConfigIsFolderExist(CONFIG_CHOICE_FOLDER));
-    OsAssert(ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER));
-    printf("Config Folder data initialized successfully(Choice dir: %s, Dat Dir: %s)\n",
-           CONFIG_CHOICE_FOLDER, CONFIG_DAT_FOLDER);
-    gbFolderDataInitialized.store(1, std::memory_order_release);
+    {
+        const MutexGuardT guard(&gFoldersMutex);
+        if (gbFolderDataInitialized.load(std::memory_order_relaxed) != 0) {
+            return 1;
+        }
+        ChooseFolder(CONFIG_DAT_FOLDER, NO_DAT_IN_OPT_DIR);
+        ChooseFolder(CONFIG_CHOICE_FOLDER, NO_CHOICE_IN_OPT_DIR);
+        ChooseFolder(CONFIG_CHOICE_GEN_FOLDER, NO_CHOICE_GEN_IN_OPT_DIR);
+        OsAssert(ConfigIsFolderExist(CONFIG_DAT_FOLDER));
+        OsAssert(ConfigIsFolderExist(CONFIG_CHOICE_FOLDER));
+        OsAssert(ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER));
+        printf("Config Folder data initialized successfully(Choice dir: %s, Dat Dir: %s)\n",
+               CONFIG_CHOICE_FOLDER, CONFIG_DAT_FOLDER);
+        gbFolderDataInitialized.store(1, std::memory_order_release);
+    }
+    // Without the lock: a task's start is logged, and the log's first line may ask for this start.
     StartFlushTask();
     return 1;
 }
