@@ -1,386 +1,241 @@
 // Deferred function calls and callbacks: order, pools, and what happens when tasks go.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string.h>
-
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "Common/OS/linux/psosapi/ptimer.h"
-#include "Common/framework/mod.h"
-#include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
 #include "Common/framework/timer.h"
 #include "tests/framework/module_task.h"
-#include "tests/support/stdout_file.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::ContainsRegex;
-using testing::HasSubstr;
-
-std::vector<std::string> gTrace;  // of the main task only
+TextsT gTrace;  // of one task at a time
+std::atomic<int> gRan;
+ModT gMod;
 
 void Trace(void*, void* pArgs) {
     gTrace.emplace_back(static_cast<const char*>(pArgs));
 }
 
-void DeferTrace(const char* text) {
-    char args[32];
-    snprintf(args, sizeof(args), "%s", text);
-    EXPECT_EQ(ModDeferFunctionCall(0, Trace, nullptr, args, sizeof(args)), kNoError);
+void Count(void*, void*) {
+    gRan++;
 }
 
-void Idle(void*, void*) {}
-
-// A task that never serves what is queued for it, until the test is over.
-UInt32 DeafTask(const char* name) {
-    UInt32 id = 0;
-    EXPECT_EQ(t_create(name, 0, 0, 0, 0, &id), kTaskOk);
-    EXPECT_EQ(t_start(
-                  id, 0,
-                  [](UInt32, UInt32, UInt32, UInt32) {
-                      for (;;) {
-                          tm_wkafter(100);
-                      }
-                  },
-                  nullptr),
-              kTaskOk);
-    return id;
+void Queue(UInt32 task, DeferredFuncPtrT pFunc, const char* text) {
+    const int length = static_cast<int>(strlen(text)) + 1;
+    EXPECT_EQ(ModDeferFunctionCall(task, pFunc, nullptr, const_cast<char*>(text), length),
+              kNoError);
 }
 
 void Fill(UInt32 task, int calls) {
     for (int i = 0; i < calls; i++) {
-        ASSERT_EQ(ModDeferFunctionCall(task, Idle, nullptr, nullptr, 0), kNoError);
+        Queue(task, Count, "");
     }
 }
 
-bool PoolsAreFull() {
-    return gFreeDeferredFuncsAvailable == kModNumDeferredFuncs &&
-           gFreeDCBsAvailable == kModNumDeferredCallbacks;
-}
-
-DFStatsT Stats(int index) {
-    const SemGuardT lock(deferredFuncRegion);
-    return DFStats[index];
-}
-
-int CountOf(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        count++;
+void Fire(UInt32 task, int times) {
+    const auto nothing = [](ModT*, UInt32, void*, void*) {};
+    ModAddCallbackToTask(&gMod, task, nothing, nullptr, kModCallbackDeferred, task);
+    for (int i = 0; i < times; i++) {
+        ModCallCallbacks(&gMod, task, nullptr, 0);
     }
-    return count;
 }
+
+// A task that never serves what is queued for it, until it is deleted.
+UInt32 DeafTask() {
+    const auto sleep = [](UInt32, UInt32, UInt32, UInt32) {
+        for (;;) {
+            tm_wkafter(100);
+        }
+    };
+    UInt32 id = 0;
+    t_create("deaf", 0, 0, 0, 0, &id);
+    EXPECT_EQ(t_start(id, 0, sleep, nullptr), kTaskOk);
+    return id;
+}
+
+class Deferred : public TaskTest {
+  protected:
+    Deferred() { ModInit(&gMod, "firer", 0, nullptr); }
+    void TearDown() override { EXPECT_TRUE(Eventually(PoolsAreFull)); }
+    bool HasTwice(const std::string& part) const {
+        const std::string text = out_.Text();
+        return text.find(part) != text.rfind(part);
+    }
+};
+
+using DeferredDeathTest = Deferred;
 
 }  // namespace
 
-TEST(Deferred, EventsAreServedTimersFirstThenCallbacksThenCalls) {
-    Attach();
-    TestModule mod;
+TEST_F(Deferred, EventsAreServedTimersFirstThenCallbacksThenCalls) {
     TimerT timer = {};
-    TimerInit(
-        &timer, 10, [](void*) { gTrace.emplace_back("timer"); }, nullptr, 0);
-    DeferTrace("call 1");
-    ModAddCallback(
-        &mod, 1, [](ModT*, UInt32, void*, void*) { gTrace.emplace_back("callback"); }, nullptr,
-        kModCallbackDeferred);
-    ModuleTask other("othr");
-    other.Run([&] { ModCallCallbacks(&mod, 1, nullptr, 0); });
-    DeferTrace("call 2");
+    const auto fire = [](void*) { gTrace.emplace_back("timer"); };
+    const auto callback = [](ModT*, UInt32, void*, void*) { gTrace.emplace_back("callback"); };
+    TimerInit(&timer, 10, fire, nullptr, 0);
+    Queue(self_, Trace, "call 1");
+    ModAddCallback(&gMod, 1, callback, nullptr, kModCallbackDeferred);
+    ModuleTask("othr").Run([&] { ModCallCallbacks(&gMod, 1, nullptr, 0); });
+    Queue(self_, Trace, "call 2");
     TimerStart(&timer);
     UInt32 events = 0;
     ASSERT_EQ(ev_receive(kModEventTimer, 0, 0, &events), kTaskOk);
     ModProcessEvents(kModEventTimer | kModEventDeferredCallback | kModEventDeferredFunc);
-    EXPECT_EQ(gTrace, (std::vector<std::string>{"timer", "callback", "call 1", "call 2"}));
+    EXPECT_THAT(gTrace, ElementsAre("timer", "callback", "call 1", "call 2"));
     TimerExit(&timer);
-    EXPECT_TRUE(PoolsAreFull());
 }
 
-TEST(Deferred, ACallQueuedByAHandlerIsServedInTheNextPass) {
-    Attach();
-    struct CountT {
-        int left;
-    } count = {3};
+TEST_F(Deferred, ACallQueuedByAHandlerIsServedInTheNextPass) {
     static DeferredFuncPtrT again;
     again = [](void*, void* pArgs) {
-        auto* args = static_cast<CountT*>(pArgs);
-        gTrace.emplace_back("run");
-        if (--args->left > 0) {
-            ModDeferFunctionCall(0, again, nullptr, args, sizeof(*args));
+        int* left = static_cast<int*>(pArgs);
+        if (--*left > 0) {
+            ModDeferFunctionCall(0, again, nullptr, left, sizeof(*left));
         }
     };
+    int count = 3;
     ModDeferFunctionCall(0, again, nullptr, &count, sizeof(count));
-    EXPECT_EQ(ModProcessDeferredFunctions(), 1);
-    EXPECT_EQ(ModProcessDeferredFunctions(), 1);
-    EXPECT_EQ(ModProcessDeferredFunctions(), 1);
-    EXPECT_EQ(ModProcessDeferredFunctions(), 0);
-    EXPECT_EQ(gTrace.size(), 3U);
-    EXPECT_EQ(count.left, 3);  // the handlers worked on copies
-    EXPECT_TRUE(PoolsAreFull());
+    for (const int served : {1, 1, 1, 0}) {
+        EXPECT_EQ(ModProcessDeferredFunctions(), served);
+    }
+    EXPECT_EQ(count, 3);  // the handlers worked on copies
 }
 
-TEST(Deferred, AComparatorChoosesAndStops) {
-    Attach();
-    for (const char* text : {"a", "b", "a", "b", "a"}) {
-        DeferTrace(text);
+TEST_F(Deferred, AComparatorChoosesAndStops) {
+    for (const char* text : {"a", "b", "a", "b"}) {
+        Queue(self_, Trace, text);
     }
-    char wanted[] = "b";
-    const auto matches = [](ListT* list, void* text, void*) -> int {
-        const auto* block = reinterpret_cast<ModDeferredFuncT*>(list);
-        return block->args[0] == *static_cast<const unsigned char*>(text)
-                   ? kModSearchTake | kModSearchStop
-                   : 0;
+    const auto first_b = [](ListT* list, void*, void*) -> int {
+        const bool is_b = reinterpret_cast<ModDeferredFuncT*>(list)->args[0] == 'b';
+        return is_b ? kModSearchTake | kModSearchStop : 0;
     };
-    EXPECT_EQ(ModSearchDeferredFunction(matches, wanted, nullptr), 1);
-    EXPECT_EQ(gTrace, (std::vector<std::string>{"b"}));
-    EXPECT_EQ(ModProcessDeferredFunctions(), 4);
-    EXPECT_EQ(gTrace, (std::vector<std::string>{"b", "a", "a", "b", "a"}));
+    EXPECT_EQ(ModSearchDeferredFunction(first_b, nullptr, nullptr), 1);
+    EXPECT_EQ(ModProcessDeferredFunctions(), 3);
+    EXPECT_THAT(gTrace, ElementsAre("b", "a", "a", "b"));
 }
 
-TEST(Deferred, CallsToTasksThatDoNotExistTakeNoBlock) {
-    Attach();
-    const StdoutFile out;
+TEST_F(Deferred, CallsToTasksThatDoNotExistTakeNoBlock) {
     StartLog();
-    UInt32 gone;
-    {
-        ModuleTask task("gone");
-        gone = task.Id();
-    }
+    const UInt32 gone = DeafTask();
+    t_delete(gone);
     for (const UInt32 id : {gone, 12345U, 0xFFFFFFF0U}) {
-        EXPECT_EQ(ModDeferFunctionCall(id, Idle, nullptr, nullptr, 0), kBadParameter);
+        EXPECT_EQ(ModDeferFunctionCall(id, Count, nullptr, nullptr, 0), kBadParameter);
     }
     EXPECT_TRUE(PoolsAreFull());
-    EXPECT_TRUE(out.WaitFor(
-        "CRIT  pc[0]: MOD: can't defer function call to task ????, it doesn't exist\n"));
+    ExpectLines({"CRIT  pc[0]: MOD: can't defer function call to task ????, it doesn't exist\n"});
     std::thread([] {  // no task: nobody to run it
-        EXPECT_EQ(ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0), kBadParameter);
+        EXPECT_EQ(ModDeferFunctionCall(0, Count, nullptr, nullptr, 0), kBadParameter);
         EXPECT_EQ(ModProcessDeferredFunctions(), 0);
     })
         .join();
 }
 
-TEST(Deferred, LowWaterIsReportedOnceAndArmedAgainAfterRecovery) {
-    Attach();
-    const StdoutFile out;
+TEST_F(Deferred, LowWaterIsReportedOnceAndArmedAgainAfterRecovery) {
     StartLog();
-    const std::string low = "has not responded to deferred func calls for ";
-    const std::string released = "releasing low water mark, more than ";
-    const UInt32 deaf = DeafTask("deaf");
-    Fill(deaf, kModNumDeferredFuncs - 49);
-    EXPECT_EQ(gFreeDeferredFuncsAvailable, 49);
-    EXPECT_EQ(ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0), kNoError);  // 49 were free
-    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 0);
+    const char* low = "WARN  pc[0]: MOD: task deaf has not responded to deferred func calls ";
+    UInt32 deaf = DeafTask();
+    Fill(deaf, kModNumDeferredFuncs - 48);
+    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 0);  // 49 were free
     Fill(deaf, 3);
-    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 1);
-    EXPECT_TRUE(out.WaitFor("WARN  pc[0]: MOD: task deaf " + low));
-    EXPECT_TRUE(out.Has("DFC List 336 entries, max 336 (current task main)\n"));
-    EXPECT_EQ(ModProcessDeferredFunctions(), 1);
-    Fill(deaf, 1);  // 48 free: still low
-    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 1);
+    ExpectLines({low, "DFC List 336 entries, max 336 (current task main)\n"});
     t_delete(deaf);
-    EXPECT_TRUE(PoolsAreFull());
-    Fill(SelfId(), 1);
-    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 0);
-    EXPECT_TRUE(out.WaitFor("INFO  pc[0]: MOD: " + released + "384 function call blocks remain\n"));
-    EXPECT_EQ(CountOf(out.Text(), low), 1);
-    const UInt32 again = DeafTask("deaf");
-    Fill(again, kModNumDeferredFuncs - 40);
-    EXPECT_TRUE(Eventually([&] { return CountOf(out.Text(), low) == 2; }));
-    t_delete(again);
+    Fill(self_, 1);
+    ModProcessDeferredFunctions();
+    ExpectLines({"INFO  pc[0]: MOD: releasing low water mark, more than 384 function call blocks"});
+    EXPECT_FALSE(HasTwice(low));
+    deaf = DeafTask();
+    Fill(deaf, kModNumDeferredFuncs - 40);
+    EXPECT_TRUE(Eventually([&] { return HasTwice(low); }));
+    t_delete(deaf);
 }
 
-TEST(Deferred, LowWaterOfCallbacksIsReportedOnEveryFiring) {
-    Attach();
-    const StdoutFile out;
+TEST_F(Deferred, LowWaterOfCallbacksIsReportedOnEveryFiring) {
     StartLog();
-    const UInt32 deaf = DeafTask("deaf");
-    TestModule mod;
-    ModAddCallbackToTask(
-        &mod, 1, [](ModT*, UInt32, void*, void*) {}, nullptr, kModCallbackDeferred, deaf);
-    for (int i = 0; i < kModNumDeferredCallbacks - 32; i++) {
-        ModCallCallbacks(&mod, 1, nullptr, 0);
-    }
-    EXPECT_FALSE(out.Has("has not responded to DCBs"));
-    ModCallCallbacks(&mod, 1, nullptr, 0);
-    ModCallCallbacks(&mod, 1, nullptr, 0);
-    EXPECT_EQ(CountOf(out.Text(), "task deaf has not responded to DCBs for "), 2);
-    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 1);
-    EXPECT_EQ(gFreeDCBLowLevelMarkPassed, 0);
+    UInt32 deaf = DeafTask();
+    Fire(deaf, kModNumDeferredCallbacks - 32);
+    EXPECT_FALSE(out_.Has("has not responded to DCBs"));
+    Fire(deaf, 2);
+    EXPECT_TRUE(HasTwice("deaf has not responded to DCBs for "));
     t_delete(deaf);
-    EXPECT_EQ(gFreeDCBsAvailable, kModNumDeferredCallbacks);
     gFreeDCBLowLevelMarkPassed = 1;
-    const UInt32 other = DeafTask("othr");
-    ModAddCallbackToTask(
-        &mod, 2, [](ModT*, UInt32, void*, void*) {}, nullptr, kModCallbackDeferred, other);
-    ModCallCallbacks(&mod, 2, nullptr, 0);
+    deaf = DeafTask();
+    Fire(deaf, 1);
     EXPECT_EQ(gFreeDCBLowLevelMarkPassed, 0);
-    EXPECT_TRUE(out.WaitFor("releasing low water mark, more than 256 function call blocks"));
-    t_delete(other);
-}
-
-TEST(DeferredDeathTest, AnExhaustedPoolWaitsReportsAndEndsTheProgram) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-            Attach();
-            StartLog();
-            Fill(DeafTask("deaf"), kModNumDeferredFuncs + 1);
-        },
-        AllOf(ContainsRegex("can't defer function call from main to task deaf func 0x[0-9a-f]+, "
-                            "out of deferred function blocks\n"),
-              HasSubstr("Assertion failed: pDeferredFunc, file Common/framework/mod,")));
-    EXPECT_DEATH(
-        {
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-            Attach();
-            StartLog();
-            ModT mod = {};
-            ModInit(&mod, "firer", 0, nullptr);
-            ModAddCallbackToTask(
-                &mod, 7, [](ModT*, UInt32, void*, void*) {}, nullptr, kModCallbackDeferred,
-                DeafTask("deaf"));
-            for (int i = 0; i <= kModNumDeferredCallbacks; i++) {
-                ModCallCallbacks(&mod, 7, nullptr, 0);
-            }
-        },
-        AllOf(ContainsRegex("ERROR, task deaf has not responded to deferred callbacks for "
-                            "[0-9]+mS\n"),
-              HasSubstr("firer[0]: can't call callback for func 7, out of callback blocks\n"),
-              HasSubstr("Assertion failed: pDeferredCallback, file Common/framework/mod,")));
-}
-
-TEST(Deferred, ABlockThatComesFreeInTimeSavesAnExhaustedPool) {
-    Attach();
-    static std::atomic<bool> go;
-    go = false;
-    ModuleTask slow("slow");
-    slow.Post([] {
-        while (!go) {
-            tm_wkafter(1);
-        }
-    });
-    Fill(slow.Id(), kModNumDeferredFuncs - 1);
-    std::thread release([] {
-        tm_wkafter(3);
-        go = true;
-    });
-    EXPECT_EQ(ModDeferFunctionCall(slow.Id(), Idle, nullptr, nullptr, 0), kNoError);
-    release.join();
-    EXPECT_TRUE(Eventually(PoolsAreFull));
-}
-
-TEST(Deferred, BlocksOfATaskThatNeverRanComeBackAndDoNotRunInItsSuccessor) {
-    Attach();
-    static std::atomic<int> ran;
-    ran = 0;
-    UInt32 unborn;
-    ASSERT_EQ(t_create("unbn", 0, 0, 0, 0, &unborn), kTaskOk);
-    for (int i = 0; i < 300; i++) {
-        ModDeferFunctionCall(
-            unborn, [](void*, void*) { ran++; }, nullptr, nullptr, 0);
-    }
-    t_delete(unborn);
-    const UInt32 deaf = DeafTask("deaf");
-    EXPECT_EQ(deaf, unborn);  // the id is used again at once
-    Fill(deaf, 300);          // more than were left
     t_delete(deaf);
-    EXPECT_EQ(ran, 0);
-    EXPECT_TRUE(PoolsAreFull());
 }
 
-TEST(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
-    Attach();
-    static std::vector<int> order;
+TEST_F(DeferredDeathTest, AnExhaustedPoolWaitsReportsAndEndsTheProgram) {
+    StartLog();
+    const auto exhaust_callbacks = [] { Fire(DeafTask(), kModNumDeferredCallbacks + 1); };
+    ExpectDeaths("mod,", {{[] { Fill(DeafTask(), kModNumDeferredFuncs + 1); },
+                           "can't defer function call from main to task deaf func 0x[0-9a-f]+, out "
+                           "of deferred function blocks\n(.|\n)*failed: pDeferredFunc,"},
+                          {exhaust_callbacks,
+                           "ERROR, task deaf has not responded to deferred callbacks for "
+                           "[0-9]+mS\n(.|\n)*failed: pDeferredCallback,"},
+                          {exhaust_callbacks,
+                           "firer\\[0\\]: can't call callback for func [0-9]+, out of "
+                           "callback blocks\n"}});
+}
+
+TEST_F(Deferred, BlocksThatComeFreeInTimeSaveAnExhaustedPool) {
+    UInt32 unborn = 0;
+    t_create("unbn", 0, 0, 0, 0, &unborn);
+    Fill(unborn, 300);
+    t_delete(unborn);
+    ModuleTask next("next");
+    EXPECT_EQ(next.Id(), unborn);  // the id is used again at once, but not what waited for it
+    next.Block();
+    Fill(next.Id(), gFreeDeferredFuncsAvailable + 300);
+    std::thread release([&] {
+        tm_wkafter(3);
+        next.Release();
+    });
+    Fill(next.Id(), 1);
+    release.join();
+    EXPECT_TRUE(Eventually([] { return gRan == kModNumDeferredFuncs; }));
+}
+
+TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
+    static std::atomic<bool> stuck;
     static std::atomic<int> refused;
     static DeferredFuncPtrT for_ever;
-    refused = 0;
     for_ever = [](void*, void*) {
         t_delete(0);  // a task that is ending goes on ending
-        if (ModDeferFunctionCall(0, for_ever, nullptr, nullptr, 0) == kBadParameter) {
-            refused++;
+        refused += ModDeferFunctionCall(0, for_ever, nullptr, nullptr, 0) == kBadParameter;
+    };
+    static const DeferredFuncPtrT work = [](void*, void* pArgs) {
+        Trace(nullptr, pArgs);
+        while (gTrace.back() == "cut") {
+            stuck = true;
+            tm_wkafter(100);
         }
     };
-    TestModule mod;
-    const UInt32 deaf = DeafTask("deaf");
-    ModAddCallbackToTask(
-        &mod, 1, [](ModT*, UInt32, void*, void*) { order.push_back(-1); }, nullptr,
-        kModCallbackDeferred, deaf);
-    for (int i = 0; i < 5; i++) {
-        ModDeferFunctionCall(
-            deaf, [](void*, void* pArgs) { order.push_back(*static_cast<int*>(pArgs)); }, nullptr,
-            &i, sizeof(i));
-    }
-    ModDeferFunctionCall(deaf, for_ever, nullptr, nullptr, 0);
-    ModCallCallbacks(&mod, 1, nullptr, 0);
-    t_delete(deaf);
-    EXPECT_EQ(order, (std::vector<int>{-1, 0, 1, 2, 3, 4}));
-    EXPECT_EQ(refused, 1);
-    EXPECT_TRUE(PoolsAreFull());
-}
-
-TEST(Deferred, ATaskCutInTheMiddleOfAFunctionLosesNoBlockAndNoWork) {
-    Attach();
-    static std::atomic<int> entered;
-    static std::vector<int> order;
-    for (const bool callback : {false, true}) {
-        entered = 0;
-        order.clear();
+    const auto callback = [](ModT*, UInt32, void*, void* pArgs) { work(nullptr, pArgs); };
+    for (const bool in_callback : {false, true}) {
         ModuleTask task("cut ");
-        TestModule mod;
-        const auto wait = [] {
-            entered = 1;
-            for (;;) {
-                tm_wkafter(100);
-            }
+        ModAddCallbackToTask(&gMod, 1, callback, nullptr, kModCallbackDeferred, task.Id());
+        const auto queue = [&](bool as_callback, const char* text) {
+            as_callback ? (void)ModCallCallbacks(&gMod, 1, const_cast<char*>(text), 10)
+                        : Queue(task.Id(), work, text);
         };
-        static void (*stuck)();
-        stuck = wait;
-        ModAddCallbackToTask(
-            &mod, 1, [](ModT*, UInt32, void*, void*) { stuck(); }, nullptr, kModCallbackDeferred,
-            task.Id());
-        ModAddCallbackToTask(
-            &mod, 2, [](ModT*, UInt32, void*, void* n) { order.push_back(*static_cast<int*>(n)); },
-            nullptr, kModCallbackDeferred, task.Id());
-        const auto queue = [&](int n) {
-            if (callback) {
-                ModCallCallbacks(&mod, n == 0 ? 1 : 2, &n, sizeof(n));
-            } else {
-                ModDeferFunctionCall(
-                    task.Id(),
-                    [](void*, void* pArgs) {
-                        const int number = *static_cast<int*>(pArgs);
-                        number == 0 ? stuck() : order.push_back(number);
-                    },
-                    nullptr, &n, sizeof(n));
-            }
-        };
-        static std::atomic<bool> go;
-        go = false;
-        task.Post([] {  // so that what follows is queued when the next pass begins
-            while (!go) {
-                tm_wkafter(1);
-            }
-        });
-        for (int n = 0; n < 4; n++) {
-            queue(n);
+        task.Block();  // so that what follows is queued when the next pass begins
+        for (const char* text : {"cut", "1", "2"}) {
+            queue(in_callback, text);
         }
-        go = true;
-        ASSERT_TRUE(Eventually([] { return entered == 1; }));
-        queue(4);
+        task.Release();
+        ASSERT_TRUE(Eventually([] { return stuck.exchange(false); }));
+        queue(false, "call");
+        Queue(task.Id(), for_ever, "");
+        queue(true, "callback");
         task.Delete();
-        EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+        EXPECT_EQ(gTrace, in_callback ? (TextsT{"cut", "1", "2", "callback", "call"})
+                                      : (TextsT{"cut", "callback", "1", "2", "call"}));
+        EXPECT_EQ(refused.exchange(0), 1);
         EXPECT_TRUE(PoolsAreFull());
+        gTrace.clear();
+        ModDeleteAllCallbacks(&gMod);
     }
 }
 
-TEST(Deferred, CancelTakesBackWhatWaitsAndWaitsForWhatRuns) {
-    Attach();
+TEST_F(Deferred, CancelTakesBackWhatWaitsAndWaitsForWhatRuns) {
     static std::atomic<int> stage;
-    stage = 0;
     const DeferredFuncPtrT slow = [](void*, void*) {
         stage++;
         tm_wkafter(5);
@@ -390,10 +245,9 @@ TEST(Deferred, CancelTakesBackWhatWaitsAndWaitsForWhatRuns) {
     int other = 0;
     ModuleTask task("slow");
     task.Post([&] {
-        for (int i = 0; i < 3; i++) {
-            ModDeferFunctionCall(0, slow, &mine, nullptr, 0);
+        for (int* owner : {&mine, &mine, &mine, &other}) {
+            ModDeferFunctionCall(0, slow, owner, nullptr, 0);
         }
-        ModDeferFunctionCall(0, slow, &other, nullptr, 0);
     });
     ASSERT_TRUE(Eventually([] { return stage == 1; }));
     ModDeferFunctionCall(task.Id(), slow, &mine, nullptr, 0);
@@ -402,85 +256,59 @@ TEST(Deferred, CancelTakesBackWhatWaitsAndWaitsForWhatRuns) {
     EXPECT_GE(stage, 2);
     EXPECT_EQ(ModCountDeferredFunctions(slow, &mine), 0);
     EXPECT_TRUE(Eventually([] { return stage == 4; }));
-    EXPECT_TRUE(Eventually(PoolsAreFull));
 }
 
-TEST(Deferred, StatisticsShowHowLongATaskLetItsCallsWait) {
-    Attach();
+TEST_F(Deferred, StatisticsShowHowLongATaskLetItsCallsWait) {
     gModStatsAfter = 0;
-    const StdoutFile out;
     StartLog();
-    RealTimeMilliSeconds();
+    RealTimeMilliSeconds();  // starts the clock
     tm_wkafter(1);
-    ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0);
-    ModDeferFunctionCall(0, Idle, nullptr, nullptr, 0);
-    EXPECT_EQ(Stats(0).taskID, SelfId());
-    EXPECT_EQ(Stats(0).queued, 2U);
-    tm_wkafter(110);
+    Fill(self_, 2);
     ModDumpDeferredFuncList();
-    EXPECT_EQ(ModProcessDeferredFunctions(), 2);
-    EXPECT_EQ(Stats(0).queued, 0U);
-    EXPECT_EQ(Stats(0).runs, 1U);
-    EXPECT_EQ(Stats(0).eventTime, 0U);
-    EXPECT_GE(Stats(0).minTime, 1000U);
-    EXPECT_EQ(Stats(0).maxTime, Stats(0).minTime);
-    EXPECT_TRUE(out.WaitFor("WARN  pc[0]: MOD: task:main was delayed "));
-    EXPECT_TRUE(out.Has("before processing a deferred function\n"));
-    EXPECT_TRUE(
-        out.Has("DFC List 2 entries, max 2 (current task main)\n"
-                "task   min   max   avg  runs    total  in queue\n"
-                "---- ----- ----- ----- ----- --------  --------\n"
-                "DFC task rsp time min/max/avg runs  in queue\n"
-                "DFC ---- -------------------- ----- --------\n"
-                "DFC main       -1     0     0     0        2\n"
-                "0: DFC  func 0x"));
-    ModDeferFunctionCall(
-        0, [](void*, void*) { tm_wkafter(160); }, nullptr, nullptr, 0);
-    EXPECT_EQ(ModProcessDeferredFunctions(), 1);
-    EXPECT_TRUE(out.WaitFor("WARN  pc[0]: MOD: task:main took "));
-    const UInt32 deaf = DeafTask("deaf");
+    const auto slow = [](void*, void*) {
+        Fill(0, 1);
+        tm_wkafter(160);
+    };
+    Queue(self_, slow, "");
+    for (const int served : {3, 1, 0}) {
+        EXPECT_EQ(ModProcessDeferredFunctions(), served);
+    }
+    ExpectLines({"WARN  pc[0]: MOD: task:main was delayed ", "WARN  pc[0]: MOD: task:main took ",
+                 "DFC main       -1     0     0     0        2\n0: DFC  func 0x"});
+    const UInt32 deaf = DeafTask();
     Fill(deaf, 1);
-    EXPECT_EQ(Stats(1).taskID, deaf);
     t_delete(deaf);
-    EXPECT_EQ(Stats(1).taskID, 0U);
-    EXPECT_EQ(Stats(1).minTime, 0xFFFFFFFFU);
+    const SemGuardT lock(deferredFuncRegion);
+    EXPECT_EQ(DFStats[1].taskID, 0U);  // given up with the task
+    EXPECT_EQ(DFStats[0].queued, 0U);
+    EXPECT_EQ(DFStats[0].runs, 2U);
+    EXPECT_LT(DFStats[0].minTime, 0xFFFFFFFFU);
 }
 
 // Senders, receivers and deletions all at once: nothing is lost, nothing runs twice.
-TEST(Deferred, EveryCallThatWasAcceptedRunsOnceWhileTasksComeAndGo) {
-    Attach();
-    ModSetUp();
-    static std::atomic<int> ran;
-    ran = 0;
+TEST_F(Deferred, EveryCallThatWasAcceptedRunsOnceWhileTasksComeAndGo) {
     std::atomic<int> accepted{0};
     std::atomic<UInt32> target{0};
     std::atomic<bool> stop{false};
-    std::vector<std::thread> senders;
-    senders.reserve(2);
-    for (int i = 0; i < 2; i++) {
-        senders.emplace_back([&] {
-            UInt32 ignored;
-            t_attach("send", 0, &ignored);
-            while (!stop) {
-                const UInt32 id = target;
-                if (id != 0 && gFreeDeferredFuncsAvailable > 100 &&
-                    ModDeferFunctionCall(
-                        id, [](void*, void*) { ran++; }, nullptr, nullptr, 0) == kNoError) {
-                    accepted++;
-                }
+    const auto send = [&] {
+        Attach();
+        while (!stop) {
+            const UInt32 id = target;
+            if (id != 0 && gFreeDeferredFuncsAvailable > 100) {
+                accepted += ModDeferFunctionCall(id, Count, nullptr, nullptr, 0) == kNoError;
             }
-        });
-    }
-    for (int round = 0; round < 100; round++) {
+        }
+    };
+    std::thread one(send);
+    std::thread two(send);
+    for (int round = 0; round < 20; round++) {
         ModuleTask task("trgt");
         target = task.Id();
         tm_wkafter(1);
     }
     stop = true;
-    for (std::thread& sender : senders) {
-        sender.join();
-    }
-    EXPECT_EQ(ran, accepted);
-    EXPECT_GT(ran, 0);
-    EXPECT_TRUE(PoolsAreFull());
+    one.join();
+    two.join();
+    EXPECT_EQ(gRan, accepted);
+    EXPECT_GT(gRan, 0);
 }

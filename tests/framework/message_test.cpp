@@ -1,61 +1,24 @@
 // Commands, responses, notifications, aliases, scripts.
 #include "Common/framework/message.h"
 
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include <sstream>
 
-#include "Common/OS/linux/psosapi/ptimer.h"
-#include "tests/framework/module_task.h"
-#include "tests/support/stdout_file.h"
+#include "tests/framework/commands.h"
 
 namespace {
 
-// What arrived at notification functions and listeners, from any task.
-struct OutcomeT {
-    eErrorT err;
-    std::string text;
-    void* userDefined;
-    std::string task;
-};
-std::mutex gMutex;
-std::vector<OutcomeT> gOutcomes;
+std::atomic<int> gRan;
+ModuleTask* gDeafTask;
 
-void Notify(eErrorT err, const char* text, void* userDefined) {
-    const std::scoped_lock lock(gMutex);
-    gOutcomes.push_back({err, text, userDefined, t_name(0)});
-}
-
-size_t Outcomes() {
-    const std::scoped_lock lock(gMutex);
-    return gOutcomes.size();
-}
-
-std::vector<std::string> gWords;  // of the last "words" command
-
-eErrorT WordsCmd(int argc, char** argv, char* pResponse) {
-    gWords.assign(argv, argv + argc);
-    EXPECT_EQ(argv[argc], nullptr);
-    EXPECT_STREQ(pResponse, "");
-    snprintf(pResponse, kMsgMaxLen + 1, "%d words", argc);
+eErrorT CountCmd(int, char**, char*) {
+    gRan++;
     return kNoError;
 }
 
-eErrorT FailCmd(int, char**, char* pResponse) {
-    strcpy(pResponse, "why");
-    return kBadState;
-}
-
-eErrorT LongCmd(int, char**, char* pResponse) {
-    memset(pResponse, 'r', kMsgMaxLen);
+eErrorT ReleaseCmd(int, char**, char*) {
+    gDeafTask->Release();
     return kNoError;
 }
 
@@ -65,459 +28,245 @@ eErrorT ScriptCmd(int, char** argv, char*) {
 
 CmdEntryT gCmds[] = {
     {{}, "words", WordsCmd, 1, "words ...", 0, 0},
-    {{}, "Fail", FailCmd, 1, nullptr, 0, 0},
-    {{}, "long", LongCmd, 1, nullptr, 0, 0},
-    {{}, "two", WordsCmd, 2, "two <arg>", 0, 0},
-    {{}, "hollow", nullptr, 1, nullptr, 0, 0},
+    {{}, "Two", WordsCmd, 3, "two <arg> <arg>", 0, 0},
+    {{}, "count", CountCmd, 1, nullptr, 0, 0},
     {{}, "sync", WordsCmd, 1, "sync", kMsgCmdSync, 0},
     {{}, "script", ScriptCmd, 2, "script <name>", 0, 0},
+    {{}, "release", ReleaseCmd, 1, nullptr, 0, 0},
     {{}, nullptr, nullptr, 0, nullptr, 0, 0},
 };
+CmdEntryT gDeaf = {{}, "deaf", CountCmd, 1, nullptr, 0, 0};
+CmdEntryT gHe = {{}, "he", WordsCmd, 1, nullptr, 0, 0};
+CmdEntryT gLong = {{}, "a name over sixteen", WordsCmd, 1, nullptr, 0, 0};
 
 // The main task owns all commands and serves them when a test says so.
-void Start() {
-    Attach();
-    ASSERT_EQ(MsgInit(), kNoError);
-    ASSERT_EQ(MsgAddCmdTable(gCmds), kNoError);
-}
-
-// Serves commands until none is left, those queued meanwhile too.
-void Serve() {
-    while (ModProcessDeferredFunctions() != 0) {
-    }
-}
-
-// Sends a line, serves it, and waits for its outcome.
-OutcomeT Send(const std::string& line) {
-    const size_t before = Outcomes();
-    MsgSendCmd(line.c_str(), Notify, &gOutcomes);
-    Serve();
-    EXPECT_TRUE(Eventually([&] { return Outcomes() > before; })) << line;
-    const std::scoped_lock lock(gMutex);
-    return gOutcomes.back();
-}
-
-std::string Printed(const std::string& line) {
-    const StdoutFile out;
-    Send(line);
-    return out.Text();
-}
-
-class InTempDir {
-  public:
-    InTempDir() {
-        char path[] = "/tmp/harbor_scripts_XXXXXX";
-        path_ = mkdtemp(path);
-        EXPECT_EQ(chdir(path_.c_str()), 0);
-    }
-    ~InTempDir() {
-        EXPECT_EQ(chdir(before_.c_str()), 0);
-        std::filesystem::remove_all(path_);
-    }
-    InTempDir(const InTempDir&) = delete;
-    InTempDir& operator=(const InTempDir&) = delete;
-    static void Write(const char* name, const std::string& text) {
-        std::ofstream(std::string(name) + ".scr") << text;
+class Message : public TaskTest {
+  protected:
+    Message() {
+        EXPECT_EQ(MsgInit(), kNoError);
+        EXPECT_EQ(MsgAddCmdTable(gCmds), kNoError);
     }
 
-  private:
-    std::string before_ = std::filesystem::current_path();
-    std::string path_;
+    // Sends a line and serves it and what it brings: what is printed, and its outcome.
+    std::string Send(const std::string& line) {
+        gOutcomes.clear();
+        const std::string printed = Printed([&line] {
+            MsgSendCmd(line.c_str(), Notify, &gOutcomes);
+            while (ModProcessDeferredFunctions() != 0) {
+            }
+        });
+        EXPECT_TRUE(WaitForOutcomes(1)) << line;
+        return printed + gOutcomes.back();
+    }
+
+    void ExpectStories(std::initializer_list<std::pair<std::string, std::string>> stories) {
+        for (const auto& [line, story] : stories) {
+            EXPECT_EQ(Send(line), story) << line;
+        }
+    }
 };
 
 }  // namespace
 
-TEST(Message, LinesAreSplitIntoWords) {
-    Start();
-    const struct {
-        std::string line;
-        std::vector<std::string> words;
-    } cases[] = {
-        {"words", {"words"}},
-        {"  \twords a\t b  ", {"words", "a", "b"}},
-        {"WOR a", {"WOR", "a"}},
-        {"words \"a b\" c", {"words", "a b", "c"}},
-        {R"(words "say \"hi\" \ there" end)", {"words", R"(say "hi" \ there)", "end"}},
-        {"words \"\" x", {"words", "", "x"}},
-        {"words \"open end", {"words", "open end"}},
-        {R"(words "open \)", {"words", "open \\"}},
-        {"words \"a\"b", {"words", "a", "b"}},
-        {"words a\"b c\"", {"words", "a\"b", "c\""}},
-        {"words # no comment", {"words", "#", "no", "comment"}},
-        {"\"words\" x", {"words", "x"}},
-        {"words a\nb", {"words", "a"}},
-        {"words a\rb\nc", {"words", "a"}},
-        {"words a\nb\rc", {"words", "a"}},
-        {"words \x01\x7f\xff", {"words", "\x01\x7f\xff"}},
-    };
-    for (const auto& c : cases) {
-        gWords.clear();
-        EXPECT_EQ(Send(c.line).err, kNoError) << c.line;
-        EXPECT_EQ(gWords, c.words) << c.line;
-    }
+TEST_F(Message, LinesAreSplitIntoWords) {
     std::string many = "words";
+    std::string most;
     for (int i = 2; i <= 81; i++) {
         many += " " + std::to_string(i);
+        most += i <= 80 ? std::to_string(i) + "|" : "";
     }
-    EXPECT_EQ(Send(many).text, "80 words");
-    EXPECT_EQ(gWords.back(), "80");
+    const std::string fits(506, 'x');
+    const std::pair<std::string, std::string> cases[] = {
+        {"  \tWOR a\t b  ", "a|b|"},
+        {R"(words "say \"hi\" \ there" end)", R"(say "hi" \ there|end|)"},
+        {R"("words" "" x)", "|x|"},
+        {R"(words "open end)", "open end|"},
+        {R"(words "a"b c"d \)", R"(a|b|c"d|\|)"},
+        {"words # no comment\n cut", "#|no|comment|"},
+        {"words \x01\x7f\xff\rcut", "\x01\x7f\xff|"},
+        {many, most},
+        {"words " + fits, fits + "|"},
+    };
+    for (const auto& [line, words] : cases) {
+        EXPECT_EQ(Send(line), "msgn: no error, " + words);
+    }
+    EXPECT_EQ(MsgSendCmd(("words x" + fits).c_str(), Notify, nullptr), kBadParameter);
 }
 
-TEST(Message, LinesOf512CharactersPassWholeAndLongerOnesAreRefused) {
-    Start();
-    const std::string fits = "words " + std::string(506, 'x');
-    EXPECT_EQ(Send(fits).text, "2 words");
-    EXPECT_EQ(gWords[1].size(), 506U);
-    EXPECT_EQ(MsgSendCmd((fits + "x").c_str(), Notify, nullptr), kBadParameter);
-    EXPECT_EQ(Outcomes(), 1U);
-    EXPECT_EQ(Send("long").text, std::string(512, 'r'));
-    EXPECT_EQ(MsgSendNotification(""), kBadParameter);
-    EXPECT_EQ(MsgSendNotification(std::string(513, 'n').c_str()), kBadParameter);
-    EXPECT_EQ(MsgAddNotification(Notify), kNoError);
-    EXPECT_EQ(MsgSendNotification(std::string(512, 'n').c_str()), kNoError);
-    EXPECT_TRUE(Eventually([] { return Outcomes() == 3; }));
-    EXPECT_EQ(gOutcomes[2].text.size(), 512U);
-}
-
-TEST(Message, AbbreviationsFindTheFirstNameThatTheyBegin) {
-    Attach();
-    ASSERT_EQ(MsgInit(), kNoError);
-    for (const char* line : {"he", "h", "H", "", "   ", "# comment"}) {
-        EXPECT_EQ(Printed(line),
-                  "Main commands:\n"
-                  "?               alias           help            shellHelp       \n")
-            << line;
+TEST_F(Message, AbbreviationsFindTheFirstNameThatTheyBegin) {
+    const std::string list =
+        "Main commands:\n"
+        "?               a name over sixtalias           count           \n"
+        "help            release         script          shellHelp       \n"
+        "sync            Two             words           \nmsgn: no error, ";
+    MsgAddCmd(&gLong);
+    for (const char* line : {"he", "H", "", "   ", "# comment"}) {
+        EXPECT_EQ(Send(line), list) << line;
     }
-    EXPECT_EQ(Printed("help al"), "alias <name> <cmd>\n");
-    EXPECT_EQ(Send("help zz").err, kItemNotFound);
-    EXPECT_EQ(Send("shellHelp").err, kNoError);
+    EXPECT_EQ(Send("help al"), "alias <name> <cmd>\nmsgn: no error, ");
+    EXPECT_EQ(Send("help zz"), "msgn: item not found, ");
     CmdEntryT help = {{}, "HELP", WordsCmd, 1, nullptr, 0, 0};
-    CmdEntryT he = {{}, "he", WordsCmd, 1, nullptr, 0, 0};
-    CmdEntryT helper = {{}, "a name over sixteen", WordsCmd, 1, nullptr, 0, 0};
     EXPECT_EQ(MsgAddCmd(&help), kAlreadyExists);
-    EXPECT_EQ(MsgAddCmd(&he), kNoError);
-    EXPECT_EQ(MsgAddCmd(&helper), kNoError);
-    EXPECT_EQ(Printed("?"),
-              "Main commands:\n"
-              "?               a name over sixtalias           he              \n"
-              "help            shellHelp       \n");
-    EXPECT_EQ(Send("h").text, "1 words");
-    EXPECT_EQ(MsgDeleteCmd(&he), kNoError);
-    EXPECT_EQ(MsgDeleteCmd(&he), kItemNotFound);
-    EXPECT_EQ(MsgDeleteCmd(&helper), kNoError);
-    EXPECT_EQ(MsgAddCmdTable(nullptr), kFuncReturnedError);
-    EXPECT_EQ(MsgDeleteCmdTable(nullptr), kFuncReturnedError);
-    EXPECT_EQ(MsgDeleteCmdTable(defaultCmds), kNoError);
-    EXPECT_EQ(MsgDeleteCmdTable(defaultCmds), kItemNotFound);
-    EXPECT_EQ(gCmdTable, nullptr);
-    EXPECT_EQ(Send("help").err, kItemNotFound);
+    MsgAddCmd(&gHe);
+    EXPECT_EQ(Send("h x"), "msgn: no error, x|");
+    EXPECT_EQ(MsgDeleteCmd(&gHe), kNoError);
+    EXPECT_EQ(MsgDeleteCmd(&gHe), kItemNotFound);
+    EXPECT_EQ(Send("h"), list);
 }
 
-TEST(Message, OutcomesArriveInTheNotificationTaskOrAtOnce) {
-    Start();
-    const OutcomeT outcome = Send("fail");
-    EXPECT_EQ(outcome.err, kBadState);
-    EXPECT_EQ(outcome.text, "why");
-    EXPECT_EQ(outcome.task, "msgn");
-    EXPECT_EQ(outcome.userDefined, &gOutcomes);
-    const struct {
-        const char* line;
-        eErrorT err;
-    } refused[] = {{"nonsense", kItemNotFound}, {"two", kBadParameter}, {"hollow", kBadParameter}};
-    for (const auto& r : refused) {
-        const size_t before = Outcomes();
-        EXPECT_EQ(MsgSendCmd(r.line, Notify, nullptr), r.err);
-        ASSERT_EQ(Outcomes(), before + 1) << "at once";
-        EXPECT_EQ(gOutcomes.back().err, r.err);
-        EXPECT_EQ(gOutcomes.back().text, "");
-        EXPECT_EQ(gOutcomes.back().task, "main");
-        EXPECT_EQ(MsgSendCmd(r.line, nullptr, nullptr), r.err);
-    }
-    EXPECT_EQ(Printed("two"), "Usage: two <arg>\n");
-    const size_t before = Outcomes();
-    EXPECT_EQ(MsgSendCmd("sync a", Notify, nullptr), kNoError);
-    ASSERT_EQ(Outcomes(), before + 1);
-    EXPECT_EQ(gOutcomes.back().text, "2 words");
-    EXPECT_EQ(gOutcomes.back().task, "main");
-
-    CmdEntryT orphan = {{}, "orphan", WordsCmd, 1, nullptr, 0, 0};
-    {
-        ModuleTask task("orph");
-        task.Run([&] { MsgAddCmd(&orphan); });
-        EXPECT_EQ(orphan.taskID, task.Id());
-    }
-    EXPECT_EQ(MsgSendCmd("orphan", Notify, nullptr), kBadParameter);
+TEST_F(Message, OutcomesArriveInTheNotificationTaskOrAtOnceAndAreEchoed) {
+    ExpectStories({{"nonsense", "main: item not found, "},
+                   {"two a", "Usage: two <arg> <arg>\nmain: bad parameter, "},
+                   {"sync a", "main: no error, a|"}});
+    MsgPrintEnable("CMD", 1);
+    MsgPrintEnable("Rsp", 1);
+    EXPECT_EQ(MsgPrintEnable("bad", 1), kBadParameter);
+    ExpectStories({{"two a b", "CMD: two a b\nRSP: a|b|\nmsgn: no error, a|b|"},
+                   {"words", "CMD: words\nRSP: ERROR, bad state\nmsgn: bad state, " +
+                                 std::string(512, 'r')}});
+    ModuleTask("orph").Run([] { MsgAddCmd(&gDeaf); });
+    MsgPrintEnable("cmd", 0);
+    EXPECT_EQ(Send("deaf"), "main: bad parameter, ");  // its task is gone
     MsgExit();
-    EXPECT_TRUE(Eventually([] {
-        UInt32 id;
-        return t_ident("msgn", 0, &id) == kTaskNotFound;
-    }));
     EXPECT_EQ(MsgSendNotification("x"), kNotInitialized);
 }
 
-TEST(Message, EchoesFollowTheirSwitches) {
-    Start();
-    const StdoutFile out;
-    const auto echoed = [&out](auto action) {
-        const size_t before = out.Text().size();
-        action();
-        return out.Text().substr(before);
-    };
-    EXPECT_EQ(MsgPrintEnable("bad", 1), kBadParameter);
-    EXPECT_EQ(MsgPrintEnable("CMD", 1), kNoError);
-    EXPECT_EQ(MsgPrintEnable("Rsp", 1), kNoError);
-    EXPECT_EQ(echoed([] { Send("words a"); }), "CMD: words a\nRSP: 2 words\n");
-    EXPECT_EQ(echoed([] { Send("fail"); }),
-              "CMD: fail\nRSP: ERROR, " + std::string(ErrorString(kBadState)) + "\n");
-    EXPECT_EQ(MsgPrintEnable("cmd", 0), kNoError);
-    EXPECT_EQ(MsgPrintEnable("rsp", 0), kNoError);
-    EXPECT_EQ(echoed([] { Send("words a"); }), "");
-    EXPECT_EQ(echoed([] { MsgSendNotification("news"); }), "NOTIFY: news\n");
-    EXPECT_EQ(MsgPrintEnable("notify", 0), kNoError);
-    EXPECT_EQ(echoed([] { MsgSendNotification("news"); }), "");
+TEST_F(Message, SecretsReachTheListenersButNeverTheConsole) {
+    MsgAddNotification(Notify);
+    std::istringstream secrets(
+        "push button 3|newpasswd x|a sw b|a roomsw b|set meetingpassword secret|"
+        "set sippassword secret|set softwareupdatepassword secret|set mppassword secret|"
+        "set globaldirectoryurlsp secret|set pwencryptiontyperemote secret|"
+        "set pwencryptiontyperoom secret|set pwencryptiontypemeeting secret");
+    for (std::string secret; std::getline(secrets, secret, '|');) {
+        EXPECT_EQ(Printed([&] { MsgSendNotification(secret.c_str()); }), "");
+    }
+    const std::string fits(512, 'n');
+    for (const std::string& plain :
+         TextsT{"swb sw", "sippassword at an edge", "mppasswords ", fits}) {
+        EXPECT_EQ(Printed([&] { MsgSendNotification(plain.c_str()); }), "NOTIFY: " + plain + "\n");
+    }
+    EXPECT_EQ(MsgSendNotification((fits + "n").c_str()), kBadParameter);
+    EXPECT_EQ(MsgSendNotification(""), kBadParameter);
+    ASSERT_TRUE(WaitForOutcomes(16));
+    EXPECT_EQ(gOutcomes[5], "msgn: heard, set sippassword secret");
+    EXPECT_EQ(gOutcomes[15], "msgn: heard, " + fits);
+    MsgPrintEnable("notify", 0);
+    EXPECT_EQ(Printed([] { MsgSendNotification("news"); }), "");
 }
 
-TEST(Message, SecretsReachTheListenersButNeverTheConsole) {
-    Start();
-    const StdoutFile out;
-    ASSERT_EQ(MsgAddNotification(Notify), kNoError);
-    const char* secrets[] = {"push button 3",
-                             "newpasswd x",
-                             "a sw b",
-                             "a roomsw b",
-                             "set meetingpassword secret",
-                             "set sippassword secret",
-                             "set softwareupdatepassword secret",
-                             "set mppassword secret",
-                             "set globaldirectoryurlsp secret",
-                             "set pwencryptiontyperemote secret",
-                             "set pwencryptiontyperoom secret",
-                             "set pwencryptiontypemeeting secret"};
-    for (const char* secret : secrets) {
-        EXPECT_EQ(MsgSendNotification(secret), kNoError);
-    }
-    EXPECT_EQ(out.Text(), "");
-    for (const char* plain : {"swb sw", "sippassword at an edge", "mppasswords "}) {
-        EXPECT_EQ(MsgSendNotification(plain), kNoError);
-        EXPECT_TRUE(out.Has("NOTIFY: " + std::string(plain) + "\n"));
-    }
-    ASSERT_TRUE(Eventually([] { return Outcomes() == 15; }));
-    EXPECT_EQ(gOutcomes[5].text, secrets[5]);
-    EXPECT_EQ(gOutcomes[5].err, kNoError);
-    EXPECT_EQ(gOutcomes[5].userDefined, nullptr);
-    EXPECT_EQ(gOutcomes[5].task, "msgn");
-}
-
-TEST(Message, AListenerMayLeaveWhileItIsCalledAndTenIsTheMost) {
-    Start();
-    static std::atomic<int> calls;
-    calls = 0;
+TEST_F(Message, AListenerMayLeaveWhileItIsCalledAndTenIsTheMost) {
     static NotifyFuncT leaver;
     leaver = [](eErrorT, const char*, void*) {
-        calls++;
+        gRan++;
         EXPECT_EQ(MsgDeleteNotification(leaver), kNoError);
     };
     EXPECT_EQ(MsgDeleteNotification(leaver), kBadParameter);
-    EXPECT_EQ(MsgAddNotification(leaver), kNoError);
+    MsgAddNotification(leaver);
     for (int i = 1; i < kMsgMaxNotify; i++) {
         EXPECT_EQ(MsgAddNotification(Notify), kNoError);
     }
     EXPECT_EQ(MsgAddNotification(Notify), kOutOfMemory);
-    MsgPrintEnable("notify", 0);
     MsgSendNotification("one");
     MsgSendNotification("two");
-    EXPECT_TRUE(Eventually([] { return Outcomes() == 18; }));
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(MsgAddNotification(leaver), kNoError);
+    EXPECT_TRUE(WaitForOutcomes(18));
+    EXPECT_EQ(gRan, 1);
 }
 
-TEST(Message, AliasesExpandAndTheirLoopsEnd) {
-    Start();
-    EXPECT_EQ(Send("alias ll words \"a b\" c").err, kNoError);
-    EXPECT_EQ(Send("ll ignored").err, kNoError);
-    Serve();
-    EXPECT_EQ(gWords, (std::vector<std::string>{"words", "a", "b", "c"}));
-    EXPECT_EQ(Printed("alias"), "ll = words a b c \n");
-    EXPECT_EQ(Send("alias one").err, kBadParameter);
-    EXPECT_EQ(Send("alias LL help").err, kAlreadyExists);
-    // Expansions may be as long as a line lets them, and each word brings a blank.
-    EXPECT_EQ(Send("alias big " + std::string(502, 'x')).err, kNoError);
-    char name[] = "alias";
-    char word[] = "w";
-    std::string text(512, 'x');
-    char* too_long[] = {name, word, text.data(), nullptr};
-    char response[kMsgMaxLen + 1] = "";
-    EXPECT_EQ(defaultCmds[0].pFunc(3, too_long, response), kBadParameter);
-
-    EXPECT_EQ(Send("alias loop loop").err, kNoError);
-    EXPECT_EQ(Send("alias ping pong").err, kNoError);
-    EXPECT_EQ(Send("alias pong ping").err, kNoError);
-    const std::string refused = " not run: aliases and scripts nest at most 8 deep\n";
-    EXPECT_EQ(Printed("loop"), "ERROR, alias \"loop\"" + refused);
-    EXPECT_EQ(Printed("ping"), "ERROR, alias \"ping\"" + refused);
-    EXPECT_EQ(Printed("loop"), "ERROR, alias \"loop\"" + refused);  // the count starts anew
+TEST_F(Message, AliasesExpandAndTheirLoopsEnd) {
+    const std::string done = "msgn: no error, ";
+    const std::string nested =
+        " not run: aliases and scripts nest at most 8 deep\nmain: no error, ";
+    ExpectStories({{"alias ll count \"a b\" c", done},
+                   {"ll ignored", "main: no error, "},
+                   {"alias", "ll = count a b c \n" + done},
+                   {"alias one", "msgn: bad parameter, "},
+                   {"alias LL help", "msgn: already exists, "},
+                   {"alias big " + std::string(502, 'x'), done},
+                   {"alias loop loop", done},
+                   {"alias ping pong", done},
+                   {"alias pong ping", done},
+                   {"loop", "ERROR, alias \"loop\"" + nested},
+                   {"ping", "ERROR, alias \"ping\"" + nested},
+                   {"loop", "ERROR, alias \"loop\"" + nested}});  // the count starts anew
+    EXPECT_EQ(gRan, 1);
     for (int i = 5; i < kMsgMaxAliases; i++) {
-        EXPECT_EQ(Send("alias n" + std::to_string(i) + " x").err, kNoError);
+        EXPECT_EQ(Send("alias n" + std::to_string(i) + " x"), done);
     }
-    const StdoutFile out;
-    EXPECT_EQ(Send("alias more x").err, kBadParameter);
-    EXPECT_TRUE(out.Has("ERROR, alias table full\n"));
+    EXPECT_EQ(Send("alias more x"), "ERROR, alias table full\nmsgn: bad parameter, ");
 }
 
-TEST(Message, ScriptsRunTheirLinesInOrder) {
-    Start();
-    const InTempDir dir;
-    EXPECT_EQ(MsgExecuteScript("none", Notify, nullptr), kItemNotFound);
-    EXPECT_EQ(MsgExecuteScript(std::string(5000, 'x').c_str(), Notify, nullptr), kItemNotFound);
+TEST_F(Message, ScriptsRunTheirLinesInOrderAndComeToAnEnd) {
+    char dir[] = "/tmp/harbor_scripts_XXXXXX";
+    EXPECT_EQ(chdir(mkdtemp(dir)), 0);
+    const auto script = [](const std::string& name, const std::string& text, int times) {
+        std::ofstream file(name + ".scr");
+        for (int i = 0; i < times; i++) {
+            file << text;
+        }
+    };
     const std::string fits = "words " + std::string(506, 'x');
-    InTempDir::Write("lines", "words a\nnonsense\n" + fits + "\n" + fits + "x\nwords b");
-    const StdoutFile out;
-    EXPECT_EQ(MsgExecuteScript("lines", Notify, nullptr), kNoError);
-    Serve();
-    EXPECT_TRUE(Eventually([] { return Outcomes() == 4; }));
-    EXPECT_EQ(gWords, (std::vector<std::string>{"words", "b"}));
-    EXPECT_EQ(out.Text(), "Executing \"lines\" script\nwords a\nnonsense\n" + fits + "\n" + fits +
-                              "x\nERROR, line over 512 characters left out\nwords b\n");
-}
-
-TEST(Message, ScriptsThatCallThemselvesAndHugeOnesComeToAnEnd) {
-    Start();
-    const InTempDir dir;
-    static std::atomic<int> ran;
-    ran = 0;
-    CmdEntryT count = {{},
-                       "count",
-                       [](int, char**, char*) {
-                           ran++;
-                           return kNoError;
-                       },
-                       1,
-                       nullptr,
-                       0,
-                       0};
-    MsgAddCmd(&count);
-    std::string huge;
-    for (int i = 0; i < 2000; i++) {
-        huge += "count\n";
-    }
-    InTempDir::Write("huge", huge);
-    InTempDir::Write("self", "count\nscript self\nscript self\n");
-    InTempDir::Write("a", "go\n");
-    StdoutFile out;
-    EXPECT_EQ(Send("script huge").err, kNoError);  // more lines than the pool has blocks
-    EXPECT_EQ(ran, 2000);
+    script("lines", "words a\nnonsense\n" + fits + "\n" + fits + "x\nwords b", 1);
+    script("huge", "count\n", 1000);  // more lines than the pool has blocks
+    script("self", "count\nscript self\nscript self\n", 1);
+    script("a", "go\n", 1);
+    ExpectStories(
+        {{"script none", "msgn: item not found, "},
+         {"script lines", "Executing \"lines\" script\nwords a\nnonsense\n" + fits + "\n" + fits +
+                              "x\nERROR, line over 512 characters left "
+                              "out\nwords b\nmsgn: no error, "}});
+    EXPECT_EQ(MsgExecuteScript(std::string(5000, 'x').c_str(), Notify, nullptr), kItemNotFound);
+    Send("script huge");
+    EXPECT_EQ(gRan.exchange(0), 1000);
     Send("script self");
-    EXPECT_EQ(ran, 2000 + 255);  // 8 deep, each calling two
-    EXPECT_TRUE(
-        out.Has("ERROR, script \"self\" not run: aliases and scripts nest at most 8 deep\n"));
+    EXPECT_EQ(gRan.exchange(0), 255);  // 8 deep, each calling two
+    ExpectLines({"ERROR, script \"self\" not run: aliases and scripts nest at most 8 deep\n"});
     Send("alias go script a");  // a loop through both
     Send("go");
-    EXPECT_EQ(gFreeDeferredFuncsAvailable, kModNumDeferredFuncs);
-    // Nobody serves: the script gives up before the pool is empty.
-    CmdEntryT deaf = {{}, "deaf", WordsCmd, 1, nullptr, 0, 0};
-    static std::atomic<bool> go;
-    go = false;
-    ModuleTask task("deaf");
-    task.Run([&] { MsgAddCmd(&deaf); });
-    task.Post([] {
-        while (!go) {
-            tm_wkafter(1);
-        }
-    });
-    std::string lines;
-    for (int i = 0; i < 500; i++) {
-        lines += "deaf\n";
-    }
-    InTempDir::Write("deaf", lines);
-    EXPECT_EQ(MsgExecuteScript("deaf", nullptr, nullptr), kOutOfResources);
-    EXPECT_TRUE(out.Has("ERROR, script \"deaf\" stopped: its commands are not served\n"));
-    go = true;
-    task.Wait();
-    EXPECT_EQ(MsgDeleteCmd(&deaf), kNoError);
-    EXPECT_EQ(MsgDeleteCmd(&count), kNoError);
+    EXPECT_TRUE(Eventually(PoolsAreFull));
+    // While nobody serves, a script within a script gives up before the pool is empty, and the
+    // outer one goes on when blocks come back.
+    ModuleTask deaf("deaf");
+    gDeafTask = &deaf;
+    deaf.Run([] { MsgAddCmd(&gDeaf); });
+    deaf.Block();
+    script("inner", "deaf\n", 10);
+    script("deaf", "deaf\n", 500);
+    MsgSendCmd("script inner", nullptr, nullptr);
+    MsgSendCmd("release", nullptr, nullptr);
+    EXPECT_EQ(MsgExecuteScript("deaf", nullptr, nullptr), kNoError);
+    ExpectLines({"ERROR, script \"inner\" stopped: its commands are not served\n"});
+    EXPECT_TRUE(Eventually([] { return gRan == 500; }));
+    std::filesystem::remove_all(dir);
 }
 
-TEST(Message, SubCommandsAreChosenByTheSecondWord) {
-    CmdEntryT table[] = {
-        {{}, "show", WordsCmd, 1, "show", 0, 0},
-        {{}, "set", WordsCmd, 2, "set <value>", 0, 0},
-        {{}, nullptr, nullptr, 0, nullptr, 0, 0},
-    };
-    char response[kMsgMaxLen + 1] = "";
-    const auto parse = [&](std::vector<std::string> words, std::string* printed) {
-        std::vector<char*> argv;
-        argv.reserve(words.size() + 1);
-        for (std::string& word : words) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-        response[0] = '\0';
-        const StdoutFile out;
-        const eErrorT err =
-            MsgSubCmdParse(table, static_cast<int>(words.size()), argv.data(), response);
-        *printed = out.Text();
-        return err;
-    };
-    const struct {
-        std::vector<std::string> words;
-        eErrorT err;
-        const char* printed;
-    } cases[] = {
-        {{}, kBadParameter, "SUBCMD - Don't know what to do?\n"},
-        {{"cmd"}, kBadParameter, "\"cmd\" - takes at least one argument\n"},
-        {{"cmd", "S", "x"}, kNoError, ""},
-        {{"cmd", "set"}, kBadParameter, "Usage: set <value>\n"},
-        {{"cmd", "SET", "1"}, kNoError, ""},
-        {{"cmd", "get"}, kItemNotFound, "valid subcommands: show set\n"},
-    };
-    for (const auto& c : cases) {
-        std::string printed;
-        EXPECT_EQ(parse(c.words, &printed), c.err);
-        EXPECT_EQ(printed, c.printed);
-    }
-    EXPECT_EQ(gWords, (std::vector<std::string>{"SET", "1"}));
-}
-
-TEST(Message, SeveralTasksSendAtOnceAndEveryCommandIsAnswered) {
-    Attach();
-    ASSERT_EQ(MsgInit(), kNoError);
+TEST_F(Message, SeveralTasksSendAtOnceAndEveryCommandIsAnswered) {
+    MsgDeleteCmdTable(gCmds);
     ModuleTask server("serv");
     server.Run([] { MsgAddCmdTable(gCmds); });
-    constexpr size_t kSenders = 4;
-    constexpr size_t kLines = 200;
-    std::vector<std::thread> senders;
-    senders.reserve(kSenders);
     std::atomic<bool> stop{false};
     std::thread changer([&stop] {  // the table changes meanwhile
-        CmdEntryT extra = {{}, "sx", WordsCmd, 1, nullptr, 0, 0};
-        CmdEntryT first = {{}, " first", WordsCmd, 1, nullptr, 0, 0};
         while (!stop) {
-            MsgAddCmd(&extra);
-            MsgAddCmd(&first);
-            MsgDeleteCmd(&first);
-            MsgDeleteCmd(&extra);
+            MsgAddCmd(&gHe);
+            MsgAddCmd(&gLong);
+            MsgDeleteCmd(&gLong);
+            MsgDeleteCmd(&gHe);
         }
     });
-    for (size_t i = 0; i < kSenders; i++) {
-        senders.emplace_back([] {
-            UInt32 ignored;
-            t_attach("send", 0, &ignored);
-            for (size_t n = 0; n < kLines; n++) {
-                while (gFreeDeferredFuncsAvailable < 200) {
-                    std::this_thread::yield();
-                }
-                EXPECT_EQ(MsgSendCmd("words x", Notify, nullptr), kNoError);
+    const auto send = [] {
+        Attach();
+        for (size_t n = 0; n < 2000; n++) {
+            while (gFreeDeferredFuncsAvailable < 200) {
+                std::this_thread::yield();
             }
-        });
-    }
-    for (std::thread& sender : senders) {
-        sender.join();
-    }
-    EXPECT_TRUE(Eventually([] { return Outcomes() == kSenders * kLines; }));
+            EXPECT_EQ(MsgSendCmd("words x", Notify, &gOutcomes), kNoError);
+        }
+    };
+    std::thread other(send);
+    send();
+    other.join();
+    EXPECT_TRUE(WaitForOutcomes(4000));
     stop = true;
     changer.join();
-    for (const OutcomeT& outcome : gOutcomes) {
-        EXPECT_EQ(outcome.text, "2 words");
-    }
-    EXPECT_EQ(MsgDeleteCmdTable(gCmds), kNoError);
+    EXPECT_THAT(gOutcomes, testing::Each("msgn: no error, x|"));
 }

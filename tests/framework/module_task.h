@@ -1,41 +1,38 @@
-// A task that hosts modules, for tests: runs ModTaskLoop and, on demand, a test's code.
+// What the framework's tests share: the test's thread as a task, what is printed, tasks that host
+// modules, and programs that end in an assertion.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <atomic>
 #include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "Common/OS/linux/psosapi/events.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslogq.h"
+#include "Common/framework/address.h"
 #include "Common/framework/mod.h"
 #include "Common/framework/mod_internal.h"
 #include "tests/support/eventually.h"
+#include "tests/support/stdout_file.h"
 
-inline UInt32 SelfId() {
-    UInt32 self = 0;
-    t_ident(nullptr, 0, &self);
-    return self;
-}
+using testing::ElementsAre;
+using TextsT = std::vector<std::string>;
 
 // Makes the calling thread a task.
 inline UInt32 Attach() {
-    UInt32 ignored;
-    t_attach("main", 0, &ignored);
-    return SelfId();
+    UInt32 self = 0;
+    t_attach("main", 0, &self);
+    return ModSelf();
 }
-
-// A module that ends with its scope.
-struct TestModule : ModT {
-    explicit TestModule(const char* module_name = "m", int number = 0) : ModT{} {
-        ModInit(this, module_name, number, nullptr);
-    }
-    ~TestModule() { ModExit(this); }
-    TestModule(const TestModule&) = delete;
-    TestModule& operator=(const TestModule&) = delete;
-};
 
 // Starts the log's output, with levels, and the framework.
 inline void StartLog() {
@@ -44,54 +41,104 @@ inline void StartLog() {
     ModSetUp();
 }
 
-class ModuleTask {
-  public:
-    explicit ModuleTask(const char* name) {
-        EXPECT_EQ(t_create(name, 0, 0, 0, 0, &id_), kTaskOk);
-        EXPECT_EQ(t_start(
-                      id_, 0, [](UInt32, UInt32, UInt32, UInt32) { ModTaskLoop(); }, nullptr),
-                  kTaskOk);
+inline bool PoolsAreFull() {
+    return gFreeDeferredFuncsAvailable == kModNumDeferredFuncs &&
+           gFreeDCBsAvailable == kModNumDeferredCallbacks;
+}
+
+// A module that ends with its scope.
+struct TestModule : ModT {
+    explicit TestModule(const char* module_name = "m", int number = 0) : ModT{} {
+        ModInit(this, module_name, number, nullptr);
     }
-    ~ModuleTask() { Delete(); }
-    ModuleTask(const ModuleTask&) = delete;
-    ModuleTask& operator=(const ModuleTask&) = delete;
+    ~TestModule() { ModExit(this); }
+};
 
-    UInt32 Id() const { return id_; }
+class TaskTest : public testing::Test {
+  protected:
+    // What `action` prints in this thread.
+    template <typename ActionT>
+    std::string Printed(ActionT action) const {
+        const size_t before = out_.Text().size();
+        action();
+        return out_.Text().substr(before);
+    }
 
-    void Delete() {
-        if (id_ != 0) {
-            t_delete(id_);
-            id_ = 0;
+    // Waits for these parts of the output, in any order.
+    void ExpectLines(std::initializer_list<const char*> lines) const {
+        for (const char* line : lines) {
+            EXPECT_TRUE(out_.WaitFor(line)) << line;
         }
     }
 
-    // Runs `action` in the task; Wait waits for all of them.
-    void Post(std::function<void()> action) {
-        auto* copy = new std::function<void()>(std::move(action));
-        pending_++;
-        struct ArgsT {
-            ModuleTask* task;
-        } args = {this};
-        ASSERT_EQ(ModDeferFunctionCall(
-                      id_,
-                      [](void* userDefined, void* pArgs) {
-                          auto* run = static_cast<std::function<void()>*>(userDefined);
-                          (*run)();
-                          delete run;
-                          static_cast<ArgsT*>(pArgs)->task->pending_--;
-                      },
-                      copy, &args, sizeof(args)),
-                  kNoError);
+    const StdoutFile out_;
+    const UInt32 self_ = Attach();
+};
+
+struct DeathT {
+    void (*misuse)();
+    const char* report;
+};
+
+// Each case ends the program with its report (a regular expression), naming the service.
+inline void ExpectDeaths(const char* service, std::initializer_list<DeathT> cases) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto die = [](const DeathT& c) {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        c.misuse();
+    };
+    for (const DeathT& c : cases) {
+        EXPECT_DEATH(die(c), std::string(c.report) + "(.|\n)*file Common/framework/" + service);
     }
-    void Wait() {
-        EXPECT_TRUE(Eventually([this] { return pending_ == 0; }));
+}
+
+class ModuleTask {
+  public:
+    explicit ModuleTask(const char* name) {
+        const auto loop = [](UInt32, UInt32, UInt32, UInt32) { ModTaskLoop(); };
+        t_create(name, 0, 0, 0, 0, &id_);
+        EXPECT_EQ(t_start(id_, 0, loop, nullptr), kTaskOk);
     }
+    ~ModuleTask() { Delete(); }
+
+    UInt32 Id() const { return id_; }
+    void Delete() {
+        if (id_ != 0) {
+            t_delete(std::exchange(id_, 0));
+        }
+    }
+
+    // Runs `action` in the task and waits for its end.
     void Run(std::function<void()> action) {
         Post(std::move(action));
-        Wait();
+        EXPECT_TRUE(Eventually([this] { return pending_ == 0; }));
     }
+    void Post(std::function<void()> action) {
+        using RunT = std::function<void()>;
+        pending_++;
+        auto* run = new RunT([this, action = std::move(action)] {
+            action();
+            pending_--;
+        });
+        const auto call = [](void* user, void*) {
+            (*std::unique_ptr<RunT>(static_cast<RunT*>(user)))();
+        };
+        ASSERT_EQ(ModDeferFunctionCall(id_, call, run, nullptr, 0), kNoError);
+    }
+
+    // From Block to Release the task serves nothing.
+    void Block() {
+        Post([this] {
+            for (blocked_ = true; blocked_;) {
+                tm_wkafter(1);
+            }
+        });
+        EXPECT_TRUE(Eventually([this] { return blocked_.load(); }));
+    }
+    void Release() { blocked_ = false; }
 
   private:
     UInt32 id_ = 0;
     std::atomic<int> pending_{0};
+    std::atomic<bool> blocked_{false};
 };
