@@ -1,7 +1,5 @@
 // Free buffers are on the pool's list, under freeListRegion, which covers nothing else: buffers are
-// made, freed and stamped outside. One of them, the one that came back last to find the place
-// empty, is not on the list but in pLastFree, from which it is taken again without the semaphore;
-// tasks that take and return a buffer at a time then do not wait for each other. See bufpool.h.
+// made, freed and stamped outside. See bufpool.h.
 #include "Common/framework/bufpool.h"
 
 #include <pthread.h>
@@ -60,12 +58,6 @@ void LowerTo(unsigned int& field, unsigned int value) {
     }
 }
 
-// These two are read and written in one order by all tasks, so that of a buffer that comes back and
-// a pool that closes, at the same time, one sees the other.
-std::atomic_ref<BufT*> LastFree(BufPoolT* pBufPool) {
-    return std::atomic_ref<BufT*>(pBufPool->pLastFree);
-}
-
 std::atomic_ref<eBufPoolStateT> State(BufPoolT* pBufPool) {
     return std::atomic_ref<eBufPoolStateT>(pBufPool->state);
 }
@@ -74,16 +66,11 @@ BufT* BufOf(ListT* node) {
     return reinterpret_cast<BufT*>(node);
 }
 
-BufT* TakeLastFree(BufPoolT* pBufPool) {
-    const auto last = LastFree(pBufPool);
-    return last.load(std::memory_order_relaxed) != nullptr ? last.exchange(nullptr) : nullptr;
-}
-
 // Takes a free buffer and notes the lowest number of free ones, which in a dynamic pool is 0 from
 // the start.
 BufT* TakeFree(BufPoolT* pBufPool) {
-    BufT* pBuf = TakeLastFree(pBufPool);
-    if (pBuf == nullptr) {
+    BufT* pBuf;
+    {
         const RegionT region;
         pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
     }
@@ -99,21 +86,6 @@ void EnqueueFree(BufPoolT* pBufPool, BufT* pBuf) {
     Count(pBufPool->numFreeBufs, 1);
     const RegionT region;
     ListEnqueueUnprot(&pBufPool->pFreeBufs, &pBuf->list);
-}
-
-// Puts a buffer where the next taker looks first; false when another is there.
-bool PutLastFree(BufPoolT* pBufPool, BufT* pBuf) {
-    const auto last = LastFree(pBufPool);
-    if (last.load(std::memory_order_relaxed) != nullptr) {
-        return false;
-    }
-    Count(pBufPool->numFreeBufs, 1);
-    BufT* none = nullptr;
-    const bool put = last.compare_exchange_strong(none, pBuf);
-    if (!put) {
-        Count(pBufPool->numFreeBufs, -1);
-    }
-    return put;
 }
 
 BufT* DequeueDesc(BufPoolT* pBufPool) {
@@ -147,22 +119,15 @@ BufT* TakeToFree(BufPoolT* pBufPool, EmptyT why) {
     if (why == EmptyT::kIfClosed && State(pBufPool).load() != kBufPoolClosed) {
         return nullptr;
     }
-    BufT* pBuf = TakeLastFree(pBufPool);
-    if (pBuf == nullptr) {
-        pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
-    }
-    if (pBuf == nullptr) {
-        pBuf = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
-        if (pBuf != nullptr) {
-            return pBuf;
-        }
-        State(pBufPool).store(kBufPoolClosed);
-        pBuf = LastFree(pBufPool).exchange(nullptr);
-    }
-    if (pBuf != nullptr) {
+    if (BufT* pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs))) {
         Count(pBufPool->numFreeBufs, -1);
+        return pBuf;
     }
-    return pBuf;
+    BufT* pDesc = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
+    if (pDesc == nullptr) {
+        State(pBufPool).store(kBufPoolClosed);
+    }
+    return pDesc;
 }
 
 void EmptyFreeList(BufPoolT* pBufPool, EmptyT why) {
@@ -259,9 +224,7 @@ BufT* PoolAlloc(BufPoolT* pBufPool) {
 eErrorT PoolFree(BufPoolT* pBufPool, BufT* pBuf) {
     pBuf->pUser = nullptr;
     pBuf->pOwner = pBufPool->mod.pOwner;
-    if (!PutLastFree(pBufPool, pBuf)) {
-        EnqueueFree(pBufPool, pBuf);
-    }
+    EnqueueFree(pBufPool, pBuf);
     FreeReturned(pBufPool);
     return kNoError;
 }
@@ -354,10 +317,6 @@ void Unregister(BufPoolT* pBufPool) {
 // The number of a pool's free buffers with a bad guard.
 int CountBadGuards(BufPoolT* pBufPool) {
     const RegionT region;
-    BufT* last = TakeLastFree(pBufPool);
-    if (last != nullptr) {
-        ListPushUnprot(&pBufPool->pFreeBufs, &last->list);
-    }
     int bad = 0;
     for (ListT* at = pBufPool->pFreeBufs; at != nullptr;
          at = ListNextElement(pBufPool->pFreeBufs, at)) {
@@ -377,7 +336,6 @@ eErrorT BufPoolInit(BufPoolT* pBufPool, const char* pName, int instance, void* p
     SetDefaults(pBufPool);
     pBufPool->numFreeBufs = 0;
     pBufPool->pFreeBufs = nullptr;
-    pBufPool->pLastFree = nullptr;
     pBufPool->pBufDescs = nullptr;
     pBufPool->state = kBufPoolClosed;
     const eErrorT err =

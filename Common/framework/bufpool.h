@@ -1,7 +1,6 @@
 // Pools of buffers of one size. A pool is a module; it makes its buffers when it is opened (a
-// static pool) or as they are asked for (a dynamic one), hands out the one that came back last and
-// then the others in the order in which they came back, and keeps the lowest number of free ones
-// that it saw.
+// static pool) or as they are asked for (a dynamic one), hands them out in the order in which they
+// came back, and keeps the lowest number of free ones that it saw.
 //
 // Any thread may take and return buffers, and dump. Pools are initialised, opened, closed and ended
 // by their owner. One semaphore guards the free lists of all pools; a call waits for it as long as
@@ -49,7 +48,6 @@ typedef struct BufPoolS {
     unsigned int minFreeBufs;        // lowest numFreeBufs seen; 0 in a dynamic pool
     unsigned int minFreeBufsThresh;  // not used
     ListT* pAllBufs;                 // not used
-    BufT* pLastFree;                 // private: a free buffer that is not on the list
 } BufPoolT;
 
 extern std::atomic<BufPoolT*> gBufPools[kBufMaxPools];  // null: a free slot

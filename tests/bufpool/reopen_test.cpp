@@ -42,8 +42,17 @@ TEST(BufPoolReopen, LateBuffersNeitherCloseThePoolNorTakeItsBuffersAlong) {
     BufPoolBufFree(&gPool, first);
     EXPECT_EQ(gPool.state, kBufPoolOpened);
     EXPECT_EQ(gPool.numFreeBufs, 4U) << "three made, and the late one";
-    for (int i = 0; i < 4; i++) {
-        EXPECT_NE(BufPoolBufAlloc(&gPool), nullptr) << i;
+    BufT* taken[4];
+    for (BufT*& pBuf : taken) {
+        pBuf = BufPoolBufAlloc(&gPool);
+        ASSERT_NE(pBuf, nullptr);
+    }
+    BufPoolBufFree(&gPool, taken[2]);
+    BufPoolBufFree(&gPool, taken[0]);
+    EXPECT_EQ(BufPoolBufAlloc(&gPool), taken[2]) << "not the one that rested longest";
+    BufPoolExit(&gPool);
+    for (const int i : {1, 2, 3}) {
+        BufPoolBufFree(&gPool, taken[i]);
     }
 }
 
@@ -53,6 +62,7 @@ TEST(BufPoolReopen, AStaticPoolKeepsItsPeakThoughLaterPoolsAreDynamic) {
     BufPoolSetDynamic(1);
     BufPoolBufFree(&gPool, BufPoolBufAlloc(&gPool));
     EXPECT_EQ(gPool.minFreeBufs, 2U);
+    BufPoolExit(&gPool);
 }
 
 TEST(BufPoolReopen, ASizeThatCannotBeRoundedUpIsNotTakenForNone) {

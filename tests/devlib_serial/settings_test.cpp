@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <sys/syscall.h>
 
+#include <mutex>
 #include <vector>
 
 #include "Common/OS/linux/fpgaserial.h"
@@ -16,6 +17,7 @@ Words words;         // of the FPGA driver's last request
 bool driverAnswers;  // else its requests are not known
 int driverResult;    // of its requests
 termios applied;     // the last attributes of a terminal
+std::mutex appliedLock;
 int terminalResult;  // of applying them
 
 class SerialSettings : public Serial {
@@ -52,7 +54,10 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 
 extern "C" int tcsetattr(int fd, int when, const termios* line) noexcept {
     static const auto real = reinterpret_cast<decltype(&tcsetattr)>(dlsym(RTLD_NEXT, "tcsetattr"));
-    applied = *line;
+    {
+        const std::lock_guard guard(appliedLock);  // ports are set by several threads at once
+        applied = *line;
+    }
     errno = EIO;
     return terminalResult != 0 ? terminalResult : real(fd, when, line);
 }
