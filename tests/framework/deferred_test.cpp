@@ -1,4 +1,6 @@
 // Deferred function calls and callbacks: order, pools, and what happens when tasks go.
+#include <string.h>
+
 #include "Common/framework/semguard.h"
 #include "Common/framework/timer.h"
 #include "tests/framework/module_task.h"
@@ -212,7 +214,8 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
         ModuleTask task("cut ");
         ModAddCallbackToTask(&gMod, 1, callback, nullptr, kModCallbackDeferred, task.Id());
         const auto queue = [&](bool as_callback, const char* text) {
-            as_callback ? (void)ModCallCallbacks(&gMod, 1, const_cast<char*>(text), 10)
+            as_callback ? (void)ModCallCallbacks(&gMod, 1, const_cast<char*>(text),
+                                                 static_cast<int>(strlen(text)) + 1)
                         : Queue(task.Id(), work, text);
         };
         task.Block();  // so that what follows is queued when the next pass begins

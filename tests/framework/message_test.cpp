@@ -153,6 +153,7 @@ TEST_F(Message, SecretsReachTheListenersButNeverTheConsole) {
     EXPECT_EQ(gOutcomes[15], "msgn: heard, " + fits);
     MsgPrintEnable("notify", 0);
     EXPECT_EQ(Printed([] { MsgSendNotification("news"); }), "");
+    EXPECT_TRUE(WaitForOutcomes(17)) << "switching the echo off silenced the listeners too";
 }
 
 TEST_F(Message, AListenerMayLeaveWhileItIsCalledAndTenIsTheMost) {
