@@ -3,7 +3,9 @@
 
 usage: replay.py HARBORSH DOCUMENT
 
-A transcript is a fenced block marked `console` whose commands follow the prompt. Addresses, times
+A transcript is a fenced block marked `console` whose commands follow the prompt; a first line that
+begins with `$` gives the shell's arguments. All run in one temporary folder, shown as `.`, in which
+later ones find what earlier ones left. Addresses, times
 and process numbers differ from run to run, so every number of two or more hexadecimal digits
 counts as equal to any other, and so does the space around it; in rows that begin with an address
 every number does.
@@ -11,8 +13,10 @@ every number does.
 
 import difflib
 import re
+import shlex
 import subprocess
 import sys
+import tempfile
 
 PROMPT = "harborsh> "
 
@@ -30,20 +34,27 @@ def main():
         blocks = re.findall(r"^```console\n(.*?)^```$", file.read(), re.M | re.S)
     if not blocks:
         sys.exit(f"{document}: no transcript")
-    for number, block in enumerate(blocks, 1):
-        shown = block.splitlines()
-        commands = [line[len(PROMPT):] for line in shown if line.startswith(PROMPT)]
-        run = subprocess.run([harborsh, "-e"], input="\n".join(commands) + "\n", text=True,
-                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
-        printed = [masked(line) for line in run.stdout.splitlines()]
-        wanted = [masked(line) for line in shown]
-        if printed != wanted:
-            print(f"{document}: transcript {number} shows something else")
-            print("\n".join(difflib.unified_diff(wanted, printed, "document", "harborsh", "", "",
-                                                 lineterm="")))
-            print(run.stdout)
-            sys.exit(1)
+    with tempfile.TemporaryDirectory() as folder:
+        for number, block in enumerate(blocks, 1):
+            replay(harborsh, document, number, block.splitlines(), folder)
     print(f"{len(blocks)} transcripts agree")
+
+
+def replay(harborsh, document, number, shown, folder):
+    arguments = ["-e"]
+    if shown[0].startswith("$"):
+        arguments = shlex.split(shown.pop(0))[2:]
+    commands = [line[len(PROMPT):] for line in shown if line.startswith(PROMPT)]
+    run = subprocess.run([harborsh] + arguments, input="\n".join(commands) + "\n", text=True,
+                         cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    printed = [masked(line.replace(folder, ".")) for line in run.stdout.splitlines()]
+    wanted = [masked(line) for line in shown]
+    if printed != wanted:
+        print(f"{document}: transcript {number} shows something else")
+        print("\n".join(difflib.unified_diff(wanted, printed, "document", "harborsh", "", "",
+                                             lineterm="")))
+        print(run.stdout)
+        sys.exit(1)
 
 
 if __name__ == "__main__":
