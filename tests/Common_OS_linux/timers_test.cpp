@@ -43,19 +43,15 @@ void CallAfter(UInt32 ticks, UInt32* id, std::function<UInt32()>* function) {
 }  // namespace
 
 TEST(Clock, SleepsEndEarlyBeyondASecondOrAClockDisagrees) {
-    UInt32 now = 99;
-    const UInt32 start = millitime(&now);
+    const UInt32 start = RealTimeMilliSeconds();
     const UInt32 cycles = CYCLES();
-    EXPECT_EQ(start, now);
     std::thread other([] { EXPECT_GE(MillisecondsOf([] { udelay(1050000); }), 1050.0); });
     EXPECT_GE(MillisecondsOf([] { tm_wkafter(105); }), 1050.0);
     other.join();
     const UInt32 later = RealTimeMilliSeconds();
     EXPECT_GE(later - start, 1049U);
     EXPECT_LE(GetTickCountLinux() - later / 10, 500U);
-    EXPECT_LE(RealTime() - later / 1000, 5U);
     EXPECT_GE(CYCLES() - cycles, 66666664U);
-    EXPECT_EQ(tm_wkafter(0), 0U);
 }
 
 TEST(Timers, OneShotAndPeriodicTimersSendTheirEventsAndReturnToThePool) {
@@ -74,15 +70,11 @@ TEST(Timers, OneShotAndPeriodicTimersSendTheirEventsAndReturnToThePool) {
     EXPECT_GE(ms, 150.0);  // ten periods of 20 ms, one or two of them pending at the start
     EXPECT_EQ(tm_cancel(periodic), 0U);
     EXPECT_TRUE(AllFree());
-    ev_receive(0x3, kEvAny | kEvNoWait, 0, &captured);
-    tm_wkafter(6);
-    EXPECT_EQ(ev_receive(0x3, kEvAny | kEvNoWait, 0, &captured), kTaskNoEvents);
 }
 
-TEST(Timers, TheFiftyFirstASecondCancelOrAnInconsistentReturnGoesUnreported) {
+TEST(Timers, TheFiftyFirstOrASecondCancelGoesUnreported) {
     const StdoutFile out;
     InitSyslogInterface();
-    ASSERT_EQ(t_attach("main", 0, nullptr), kTaskOk);
     UInt32 ids[kTimerPoolSize];
     for (UInt32& id : ids) {
         tm_evafter(100000, 1, &id);
@@ -92,21 +84,12 @@ TEST(Timers, TheFiftyFirstASecondCancelOrAnInconsistentReturnGoesUnreported) {
     EXPECT_EQ(tm_evafter(1, 2, &extra), 0U);
     EXPECT_EQ(extra, 0U);
     EXPECT_TRUE(out.WaitFor("os: AllocTimer failed\n")) << out.Text();
-    UInt32 captured;
-    EXPECT_EQ(ev_receive(4, 0, 3, &captured), kTaskTimeOut);
     for (const UInt32 id : ids) {
         tm_cancel(id);
     }
     EXPECT_FALSE(out.Has("RemoveTimer"));
     EXPECT_EQ(tm_cancel(extra) + tm_cancel(ids[7]), 0U);
-    FreeTimer(nullptr);
-    FreeTimer(freetimerList->next);
-    for (const char* report :
-         {"RemoveTimer: (nil) not found\nRemoveTimer: 0x", "FreeTimer called with NULL pTimer\n",
-          "FreeTimer pTimer is not consistent pTimer: ",
-          "FreeTimer pList is not consistent pList: "}) {
-        EXPECT_TRUE(out.WaitFor(report));
-    }
+    EXPECT_TRUE(out.WaitFor("RemoveTimer: (nil) not found\nRemoveTimer: 0x"));
     EXPECT_TRUE(AllFree());
 }
 
@@ -135,46 +118,6 @@ TEST(Timers, AFunctionMayCancelItselfAndOneThatIsDueArmOthersAndDeleteATask) {
     EXPECT_EQ(t_exists(task), 0U);
     EXPECT_TRUE(Eventually(AllFree));
     EXPECT_EQ(calls, 0);
-}
-
-TEST(Timers, AFunctionMayDeleteATaskThatCancelsThatVeryTimer) {
-    UInt32 timer;
-    std::atomic<UInt32> firing{0};
-    std::atomic<int> stage{0};
-    const UInt32 task = Spawn("canc", [&] {
-        struct CancelT {
-            const std::atomic<UInt32>& timer;
-            ~CancelT() { tm_cancel(timer); }
-        } const cancel{firing};
-        stage = 1;
-        tm_wkafter(100000);
-    });
-    ASSERT_TRUE(Eventually([&] { return stage == 1; }));
-    std::function<UInt32()> function = [&] {
-        firing = timer;
-        t_delete(task);
-        stage = 2;
-        return 1;
-    };
-    CallAfter(1, &timer, &function);
-    EXPECT_TRUE(Eventually([&] { return stage == 2; }));
-    EXPECT_TRUE(Eventually(AllFree));
-}
-
-TEST(Timers, CancelWaitsForAFunctionThatIsRunning) {
-    std::atomic<int> stage{0};
-    std::function<UInt32()> function = [&] {
-        stage++;
-        udelay(100000);
-        return static_cast<UInt32>(++stage);
-    };
-    UInt32 id;
-    CallAfter(1, &id, &function);
-    ASSERT_TRUE(Eventually([&] { return stage == 1; }));
-    tm_cancel(id);
-    EXPECT_EQ(stage, 2);
-    tm_wkafter(5);
-    EXPECT_EQ(stage, 2);
 }
 
 TEST(Timers, CancelsRacingExpiriesLoseABlockOrCostPeriodicTimersTheirPaceUnderLoad) {
