@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <functional>
 
-#include "Common/OS/linux/lowmem.h"
 #include "tests/Common_OS_log/logfixture.h"
 
 static char gEcho[512];
@@ -55,7 +54,6 @@ TEST_F(LogQueue, LevelsAreReadWrongFromTheFirstLetter) {
         EXPECT_EQ(syslogAdd(line, 3), -1) << line;
     }
     syslogSetLogLevel(7);
-    EXPECT_EQ(syslogAdd("", 3) + syslogAdd(nullptr, 4) + syslogAdd("x", 0), -3);
     log_Semaphore = 0x1234;  // no semaphore
     EXPECT_EQ(syslogAdd("x", 1), -1);
 }
@@ -151,28 +149,6 @@ TEST_F(LogQueue, ADrainReturnsBeforeTheLineThatAnotherThreadPrints) {
     EXPECT_TRUE(Eventually([&] { return printing.load(); }));
     syslogDrainQueue();
     EXPECT_TRUE(printed);
-}
-
-TEST_F(LogQueue, ALineFromInsideTheQueuesOwnCallsRecurses) {
-    // A mutex that is none makes the semaphore calls complain, through the log.
-    memset(&from_id<SMCB>(log_Semaphore)->mutex, 0xFF, sizeof(pthread_mutex_t));
-    EXPECT_THAT(Errors([] { loginfo("a", "queued all the same\n"); }),
-                testing::StartsWith("CRIT  pc[0]: os: sm_p pthread_mutex_lock error "));
-    EXPECT_EQ(Printed(), "pc[0]: a: queued all the same\n");
-}
-
-TEST_F(LogQueue, TheWriterReadsPastShortOddOrLongEntries) {
-    logmsg_set_format(kLogFormatLevel);
-    const std::string longline(5000, 'd');
-    for (const char* line : {"I", "INFO ", "INFO  ", "INFO  pc", longline.c_str(), "INFO  x\n"}) {
-        syslogAdd(line, 6000);  // its own NUL ends a line before the length given
-    }
-    syslogAdd("INFO  part of it", 9);
-    EXPECT_EQ(Printed(), "IINFO INFO  INFO  pc" + longline + "INFO  x\nINFO  par");
-    // An empty entry between two lines is reported and skipped.
-    SetIndexes(0, 8);
-    memcpy(buf, "Ia\n\0\0b\n", 8);
-    EXPECT_THAT(Printed(), testing::MatchesRegex("syslog: empty string @ 0x[0-9a-f]+\nIa\nb\n"));
 }
 
 TEST_F(LogQueue, TimestampsAreMalformedOrTheEchoGetsThem) {

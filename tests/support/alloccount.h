@@ -1,5 +1,4 @@
-// Counts the memory allocations of the calling thread, the C library's own included. Link
-// alloccount_libc.cpp, or alloccount_sanitizer.cpp in a build under a sanitizer.
+// Counts the memory allocations of the calling thread, the C library's own included.
 #pragma once
 
 // Allocations of the calling thread so far.
