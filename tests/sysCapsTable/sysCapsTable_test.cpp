@@ -54,6 +54,15 @@ std::string Formatted(UInt32 section, const char* name, unsigned int instance) {
 
 }  // namespace
 
+TEST_F(SysCaps, WithoutAProductThereAreNoRows) {
+    EXPECT_EQ(Formatted(eSysCapComm, "rate", 0), "64");
+    sysCapsSetProduct(nullptr);
+    EXPECT_EQ(getCapability(eSysCapComm, "rate", 0, nullptr), nullptr);
+    dumpCapabilities(nullptr, 7);
+    setenv("CORVANE_BOARDID", "tamarisk", 1);
+    EXPECT_EQ(setRateCapabilities(0, 0), 0U);
+}
+
 TEST_F(SysCaps, RowsAreFoundByExactNameAndInstance) {
     EXPECT_EQ(Formatted(eSysCapComm, "Rate", 1) + Formatted(eSysCapComm, "rate", 2) +
                   Formatted(7, "rate", 0),
