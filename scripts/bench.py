@@ -92,7 +92,9 @@ TABLES = [
          f"PoolAllocFree/{size}/real_time/threads:1",
          f"BareHeapAllocFree/{size}/real_time/threads:1", "times", None)
         for size in (1536, 16384)
-    ] + [("open a pool of 1,000 buffers of 1,536 bytes", "OpenPoolOf1000", None, "shown", None)]),
+    ] + [("open a pool of 1,000 buffers of 1,536 bytes", "OpenPoolOf1000", None, "shown", None),
+         ("allocations while buffers are taken and returned", "PoolAllocFree/1536/real_time/threads:4",
+          None, "allocs", 0)]),
 ]
 
 FRAMEWORK = [

@@ -7,8 +7,10 @@
 #include <string.h>
 
 #include <atomic>
+#include <utility>
 
 #include "Common/framework/bufpool.h"
+#include "tests/support/alloccount.h"
 
 namespace {
 
@@ -34,11 +36,17 @@ void ClosePool(const benchmark::State& state) {
 
 void PoolAllocFree(benchmark::State& state) {
     OpenPool(state);
+    long before = 0;
+    bool first = true;
     for (auto _ : state) {
+        if (std::exchange(first, false)) {
+            before = AllocationsSoFar();  // the pool is open now, whichever thread opened it
+        }
         BufT* pBuf = BufPoolBufAlloc(&gPool);
         pBuf->ptr[0] = 1;
         BufPoolBufFree(&gPool, pBuf);
     }
+    state.counters["allocs"] = static_cast<double>(AllocationsSoFar() - before);
     ClosePool(state);
 }
 
