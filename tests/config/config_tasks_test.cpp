@@ -135,31 +135,6 @@ TEST_F(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
     });
 }
 
-TEST_F(ConfigTasks, ADeferredCallbackFindsTheItemOfADeletedVariable) {
-    ModuleTask listener("list");
-    listener.Run([] { ConfigAddCallback("v", 3, Look, nullptr); });
-    std::atomic<bool> busy{false};
-    std::atomic<bool> go{false};
-    listener.Post([&] {
-        busy = true;
-        Eventually([&] { return go.load(); });
-    });
-    ASSERT_TRUE(Eventually([&] { return busy.load(); }));
-    ConfigWriteInt32("v", 3, 1);                        // queued with a short item,
-    ConfigWrite("v", 3, std::string(50, 'x').c_str());  // then with the long one that replaced it
-    ConfigDelete("v", 3);
-    ConfigDelete("unrelated", 0);
-    EXPECT_EQ(gSeen, 0);
-    go = true;
-    EXPECT_TRUE(Eventually([] { return gSeen == 2; }));
-    listener.Run([] {});
-    // The records go with the next that is let go.
-    const int before = numMods;
-    ConfigWriteCacheOnly("w", 0, "1");
-    ConfigDelete("w", 0);
-    EXPECT_EQ(numMods, before - 2);
-}
-
 TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
     const auto entry = [](UInt32, UInt32, UInt32, UInt32) {
         const auto wait = [](ModT*, UInt32, void*, void*) {
