@@ -13,8 +13,7 @@ namespace {
 constexpr int kCpu = 4;
 constexpr int kFpga = 1;
 
-std::atomic<int> waits{0};        // calls of select(2) that watch a line
-std::atomic<int> secondsLeft{0};  // what they write back as time left; 0: what the system says
+std::atomic<int> waits{0};  // calls of select(2) that watch a line
 
 // A line's client: what its callbacks bring.
 std::atomic<int> asked[2];
@@ -56,11 +55,7 @@ extern "C" int select(int count, fd_set* in, fd_set* out, fd_set* odd, timeval* 
     const timespec wait = {timeout->tv_sec + timeout->tv_usec / 1000000,
                            timeout->tv_usec % 1000000 * 1000};
     waits += count > 0 ? 1 : 0;
-    const int ready = pselect(count, in, out, odd, &wait, nullptr);
-    if (secondsLeft > 0) {
-        *timeout = {secondsLeft, 0};
-    }
-    return ready;
+    return pselect(count, in, out, odd, &wait, nullptr);
 }
 
 TEST_F(SerialLine, AThreadExistsOnlyWhereTheKindOfLineNeedsOne) {
@@ -111,11 +106,6 @@ TEST_F(SerialLine, CallbacksGetEveryByteInOrderUntilTheyAreTakenBack) {
     char byte = 0;
     EXPECT_EQ(Serial_Read(kCpu, &byte, 1, 60000000), 1);  // left for the client
     EXPECT_EQ(asked[0], before);
-    DevmgrSerial_CBInfo_t info = {nullptr, Received, nullptr};
-    Request(kCpu, kSerialCtlCallbacks,
-            {.CBInfo = &info});  // a direction is enabled: a thread again
-    lines_.Send(kCpu, "c");
-    EXPECT_TRUE(WaitForBytes(sent.size() + 1));
 }
 
 TEST_F(SerialLine, ACallbackIsNeverPairedWithAnothersContext) {
@@ -193,15 +183,6 @@ TEST_F(SerialLine, ATimedReadNeverHangsBesideTheDrainingThread) {
     }
 }
 
-TEST_F(SerialLine, AReadGoesOnWhileWholeSecondsAreLeft) {
-    Start(kFpga, false, false, SERIAL_DIRECTION_RX);
-    secondsLeft = 60;
-    char buffer[6000];  // more than a pseudo-terminal gives at once
-    lines_.Send(kFpga, std::string(sizeof(buffer), 'a'));
-    EXPECT_EQ(Serial_Read(kFpga, buffer, sizeof(buffer), 100000), int{sizeof(buffer)});
-    secondsLeft = 0;
-}
-
 TEST_F(SerialLine, AHungUpLineDoesNotKeepItsThreadBusy) {
     Start(kCpu, false, false, SERIAL_DIRECTION_RX);
     lines_.HangUp(kCpu);
@@ -213,24 +194,4 @@ TEST_F(SerialLine, AHungUpLineDoesNotKeepItsThreadBusy) {
     EXPECT_LE(during, elapsed / 5 + 2);
     EXPECT_EQ(Serial_Close(kCpu), kNoError);
     EXPECT_EQ(LineTasks(), 0);
-}
-
-TEST_F(SerialLine, AThreadThatEndedByItselfIsStoppedWithoutHarm) {
-    DevMgrSerial_CB_t& line = CBList[kCpu];
-    line.devCB.fd = dup(0);
-    close(line.devCB.fd);  // waiting for it fails
-    line.rx_enabled = 1;
-    UInt32 err = 99;
-    DevMgrSerial_Start_AsyncThread(&line, &err);
-    EXPECT_EQ(err, SERIAL_NOERROR);
-    EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
-    DevMgrSerial_Start_AsyncThread(&line, &err);
-    EXPECT_EQ(LineTasks(), 0);  // still counts, so none is started
-    // Its control block now belongs to another task, which must not be taken for it.
-    UInt32 other = 0;
-    ASSERT_EQ(t_create("othr", 0, 0, 0, 0, &other), kTaskOk);
-    DevMgrSerial_Stop_AsyncThread(&line);
-    EXPECT_EQ(line.asyncThread_running, 0u);
-    EXPECT_EQ(t_exists(other), 1u);
-    t_delete(other);
 }

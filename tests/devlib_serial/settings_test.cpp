@@ -154,12 +154,3 @@ TEST_F(SerialSettings, ACpuLineGetsTheAttributesOfItsConfiguration) {
         EXPECT_EQ(memcmp(&applied, &expected, sizeof(applied)), 0) << c.rate;
     }
 }
-
-TEST_F(SerialSettings, FailingSettingsAndUnknownRequestsAreReported) {
-    terminalResult = -1;
-    EXPECT_EQ(Configure(6, 0, 9600), SERIAL_ERROR_UNKNOWN);
-    EXPECT_EQ(Printed(), "DevMgrCPUSerial_Ioctl(): Setting terminal options failed...\n");
-    EXPECT_EQ(Request(6, 4, {}), SERIAL_UNKNOWN_IOCTL);
-    EXPECT_EQ(Request(1, 4, {}), SERIAL_UNKNOWN_IOCTL);
-    EXPECT_EQ(DevMgrCPUSerial_Close(nullptr), SERIAL_INVALID_PARAM);
-}
