@@ -93,10 +93,6 @@ class Session {
 
     void Signal(int number) const { kill(pid_, number); }
     bool Type(char key) const { return write(outputFd_, &key, 1) == 1; }
-    void Resize(unsigned short columns) const {
-        const winsize size = {24, columns, 0, 0};
-        ioctl(outputFd_, TIOCSWINSZ, &size);
-    }
     // Standard output's reader, or the whole terminal, goes away.
     void CloseOutput() {
         close(outputFd_);
