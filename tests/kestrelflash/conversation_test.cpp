@@ -8,7 +8,7 @@
 // expectation.
 //
 //   # comment
-//   $ program arguments...          or: $ function argument
+//   $ program arguments...          or: $ function
 //   % name SIZE FIRST               an image: SIZE bytes, the first one FIRST (hexadecimal)
 //   % name text TEXT                a file with that text
 //   % name folder                   a folder in a file's place
@@ -17,7 +17,6 @@
 //   @ write 1 in 0: FF 44 -> 1      ... or one only
 //   @ write 1 in 0: frame 48 block 5 with 512 -> 3       a long frame, decoded
 //   @ read 1 for 2 in 50000: 00 06  what came; nothing is a time-out
-//   @ read 1 for 2 in 50000: 00 06 and the image is lost     its descriptor, that is
 //   @ pause 500000
 //   @ result 0
 #include <gtest/gtest.h>
@@ -40,7 +39,6 @@
 #include "Common/OS/logmsg.h"
 #include "devlib/devmgr_serial/devmgr_serial.h"
 #include "devlib/kestrelflash/kestrelflash.h"
-#include "devlib/kestrelflash/linksend.h"
 #include "devlib/kestrelflash/microupdate.h"
 #include "devlib/kestrelflash/overlookupdate.h"
 #include "devlib/kestrelflash/progress.h"
@@ -74,15 +72,6 @@ std::string Answer(const char* format, ValuesT... values) {
     }
     printf("%s%s\n", event, answer.c_str());
     return answer;
-}
-
-void LoseImage() {
-    for (FILE* image : {gMicroUpdateInfo.micro_file, gOverlookUpdateInfo.overlook_cam_file,
-                        gOverlookUpdateInfo.overlook_sys_file}) {
-        if (image != nullptr) {
-            close(fileno(image));
-        }
-    }
 }
 
 // Long frames are decoded, everything else is told byte by byte.
@@ -128,23 +117,8 @@ void MakeFile(const std::string& line) {
 }
 
 int Run(std::vector<std::string> words) {
-    const int value = words.size() > 1 ? atoi(words[1].c_str()) : 0;
-    if (words[0] == "KestrelSerialProgOverlook") {
-        return KestrelSerialProgOverlook(static_cast<CONTROLLER_FLASH_TYPE>(value));
-    }
     if (words[0] == "KestrelSerialProgMicro") {
         return KestrelSerialProgMicro(CONTROLLER_FLASH_TYPE_KESTRELMICRO);
-    }
-    if (words[0] == "sendOverlookFlashDataBlock") {
-        const unsigned char block[] = {0, 0, 1};
-        return sendOverlookFlashDataBlock(block, 3, static_cast<CONTROLLER_FLASH_TYPE>(value));
-    }
-    if (words[0] == "GetOverlookCameraImageBlockNumber") {
-        int blocks[2] = {7, 7};
-        const int rc = GetOverlookCameraImageBlockNumber(static_cast<CameraFirmwareTypeT>(value),
-                                                         &blocks[0], &blocks[1]);
-        printf("@ blocks %d %d\n", blocks[0], blocks[1]);
-        return rc;
     }
     std::vector<char*> argv(words.size() + 1);
     std::transform(words.begin(), words.end(), argv.begin(),
@@ -295,9 +269,6 @@ int Serial_Read(int port, char* buf, int size, int usecs) {
     std::string word;
     while (answer >> word && word.size() == 2 && count < size) {
         buf[count++] = static_cast<char>(std::stoi(word, nullptr, 16));
-    }
-    if (word == "and") {
-        LoseImage();
     }
     return count;
 }

@@ -1,19 +1,14 @@
-// The updater's helpers: version text, the pause, and the arithmetic of progress.
+// The updater's helpers: version text and the arithmetic of progress.
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <signal.h>
-#include <sys/time.h>
 
 #include <string>
 
 #include "Common/OS/linux/board.h"
-#include "devlib/kestrelflash/delay.h"
 #include "devlib/kestrelflash/hextext.h"
 #include "devlib/kestrelflash/progress.h"
 #include "softupdate/progressctrl/progressctrl.h"
-#include "tests/support/eventually.h"
 
-// Pauses are real ones here.
 int BoardDelay(int usecs) {
     return usecs;
 }
@@ -32,22 +27,6 @@ TEST(HexText, DigitsAreLooseAndSixAtMost) {
     for (const auto& c : kCases) {
         EXPECT_EQ(c.value, axxtoi(c.text)) << c.text;
     }
-}
-
-TEST(Delay, PausesOfASecondAndMoreAreNotRefused) {
-    EXPECT_GE(MillisecondsOf([] { Delay(1200000); }), 1195);
-    Delay(0);
-    Delay(-1);
-}
-
-TEST(Delay, SignalStartsTheWholePauseAnew) {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
-    itimerval once = {};
-    once.it_value.tv_usec = 200000;
-    setitimer(ITIMER_REAL, &once, nullptr);
-    EXPECT_GE(MillisecondsOf([] { Delay(400000); }), 595);
 }
 
 TEST(Progress, ArithmeticTruncatesAndWraps) {
