@@ -4,13 +4,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "tests/support/eventually.h"
@@ -51,11 +47,6 @@ class Running {
     int Open(int port) const {
         return open((folder_ + "/dev/" + NodeName(port)).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     }
-    std::string Log() const {
-        std::ostringstream text;
-        text << std::ifstream(folder_ + "/log").rdbuf();
-        return text.str();
-    }
     const std::string& folder() const { return folder_; }
     void Destroy() { simulator_.reset(); }
 
@@ -90,22 +81,6 @@ std::string Hear(int fd, size_t count, int wait_ms = 20000) {
 
 const char kVersionRequest[] = "FF 44 00 04 01 FE01 FE01 FE01";
 const char kVersionReply[] = "ff14000d106b65737472656c73696d";
-
-TEST(Simulator, AHostThatLeavesTakesItsUnreadAnswersWithIt) {
-    for (const char* fault : {"duplicate times=1", "late ms=100 times=1"}) {
-        Running running({}, {fault});
-        int fd = running.Open(1);
-        Say(fd, kVersionRequest);
-        Hear(fd, 1, 50);  // the first answer has been sent, or is still to come
-        close(fd);
-        EXPECT_TRUE(Eventually([&] { return running.Log().find("closed") != std::string::npos; }));
-        fd = running.Open(1);
-        Say(fd, kVersionRequest);
-        EXPECT_EQ(Hear(fd, 15), kVersionReply) << fault;
-        EXPECT_EQ(Hear(fd, 1, 150), "") << fault;
-        close(fd);
-    }
-}
 
 TEST(Simulator, ALineGoesAwayAtItsByteAndTheOtherStays) {
     Running running({}, {"close unit=micro at=12"});
@@ -150,21 +125,6 @@ TEST(Simulator, ALineIsBusyForTheTimeOfItsBytesEvenBehindAnEarlyAnswer) {
         EXPECT_GE(MonotonicNow() - start, it.least);
         close(fd);
     }
-}
-
-TEST(Simulator, RunsOverALineThatIsAlreadyThere) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    SimulatorOptions options;
-    options.attach[1] = "fd:" + std::to_string(pair[1]);
-    Running running(options);
-    Say(pair[0], kVersionRequest);
-    EXPECT_EQ(Hear(pair[0], 15), kVersionReply);
-    EXPECT_EQ(running.Open(1), -1) << "an attached line has no node";
-    close(pair[0]);
-    close(pair[1]);
-    running.Stop();
-    EXPECT_NE(running.Log().find("the attached line ended"), std::string::npos);
 }
 
 }  // namespace
