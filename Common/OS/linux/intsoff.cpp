@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/log.h"
 
 pthread_mutex_t intsoffmutex = PTHREAD_MUTEX_INITIALIZER;
@@ -22,7 +23,7 @@ unsigned Printable(pthread_t thread) {
 }  // namespace
 
 UInt32 interruptsOff() {
-    const int err = pthread_mutex_lock(&intsoffmutex);
+    const int err = LockShortHeld(&intsoffmutex);
     if (err != 0) {
         logerr("os", "interruptsOff mutex_lock error %d\n", err);
     }

@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "Common/OS/linux/blockpool.h"
 #include "Common/OS/linux/mutexguard.h"
@@ -14,7 +13,6 @@
 namespace {
 
 constexpr char kSignature[4] = {'S', 'E', 'M', 'A'};
-constexpr int kAttempts = 200;                 // about 2 us on a workstation, well under a wake-up
 constexpr long kWaitSlice = 50 * 1000 * 1000;  // ns; how late a waiting task sees its deletion
 
 BlockPoolT<SMCB> gPool;
@@ -54,18 +52,6 @@ int WaitFor(pthread_mutex_t* mutex) {
         }
         pthread_testcancel();
     }
-}
-
-// Most holders run on another processor and are done sooner than a wait would have begun, and a
-// lock with priority inheritance that is once waited for is handed on through the kernel from then
-// on. With one processor there is nothing to look for. The result is that of the last attempt.
-int LookAgain(pthread_mutex_t* mutex) {
-    static const bool others = sysconf(_SC_NPROCESSORS_ONLN) > 1;
-    int err = EBUSY;
-    for (int i = 0; others && err == EBUSY && i < kAttempts; i++) {
-        err = pthread_mutex_trylock(mutex);
-    }
-    return err;
 }
 
 }  // namespace
@@ -110,7 +96,7 @@ UInt32 sm_p(UInt32 smid, UInt32 opt, UInt32) {
         if ((opt & kSmNoWait) != 0) {
             return kSmTaken;
         }
-        err = LookAgain(&sm->mutex);
+        err = TryLockForAWhile(&sm->mutex);
     }
     if (err == EBUSY) {
         err = WaitFor(&sm->mutex);
