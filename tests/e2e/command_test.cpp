@@ -10,22 +10,15 @@ namespace e2e {
 namespace {
 
 TEST(CommandLine, OnlyWholeWordsAreTargetsAndAnythingThatBeginsWithQOnlyAsks) {
-    const struct {
-        Words arguments;
-        int status;
-        const char* story;
-    } lines[] = {{{}, 255, "usage"},
-                 {{"q", "micro2", "overlook "}, 255, "usage"},
-                 {{"-p", "all", "1"}, 255, "usage"},
-                 {{"rebootoverlook"}, 255, "usage"},
-                 {{"-p", "micro", "overlook", "all"}, 255, "usage"},
-                 {{"qwerty", "micro2", "micro"}, 1, "m.current required"},
-                 {{"micro", "q", "-p", "x"}, 1, "m.current required"}};
-    for (const auto& line : lines) {
-        Case it("arguments-" + std::to_string(&line - lines), {});
-        it.Run(line.arguments, line.status, line.story);
-        Play(it);
-    }
+    Case it("arguments", {});
+    it.Run({}, 255, "usage");
+    it.Run({"q", "micro2", "overlook "}, 255, "usage");
+    it.Run({"-p", "all", "1"}, 255, "usage");
+    it.Run({"rebootoverlook"}, 255, "usage");
+    it.Run({"-p", "micro", "overlook", "all"}, 255, "usage");
+    it.Run({"qwerty", "micro2", "micro"}, 1, "m.current required");
+    it.Run({"micro", "q", "-p", "x"}, 1, "m.current required");
+    Play(it);
 }
 
 TEST(CommandLine, AllUpdatesBothTargetsAndTheQueryAfterwardsFindsNothing) {
@@ -84,6 +77,17 @@ TEST(Ports, ANodeThatCannotBeOpenedIsGivenUpAfterTenTries) {
         it.Run({"micro"}, 255, node.story);
         Play(it);
     }
+}
+
+TEST(Ports, ALineThatWentAwayHasNoNodeAndLeavesTheOtherAlone) {
+    Case it("line-gone", {}, {"close unit=micro at=11"});
+    it.Run({"micro"}, 255,
+           "m.open m.request gone:1 no-delimiter disable-failed:1,1 closed:1 failed");
+    it.Run({"overlook", "q"}, 1, "c.current required");
+    it.inspect = [](const Place& place) {
+        EXPECT_FALSE(std::filesystem::is_symlink(place.dev + "/fpgaserial1"));
+    };
+    Play(it);
 }
 
 }  // namespace

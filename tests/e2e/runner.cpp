@@ -185,6 +185,7 @@ class Rig {
         }
         case_.inspect(place_);
         const int unit_status = unit_->End(SIGTERM);
+        Compare("nodes left behind", "0", std::to_string(fs::exists(place_.dev)));
         refused_ = unit_status != case_.unit_status;
         Compare("the unit's exit status", std::to_string(case_.unit_status),
                 std::to_string(unit_status));

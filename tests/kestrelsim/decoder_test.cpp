@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 
 #include "tools/kestrelsim/link_decoder.h"
 
@@ -76,25 +75,6 @@ TEST(LinkDecoder, JudgesEveryStreamTheSameHoweverItIsCut) {
         for (const size_t chunk : {1, 2, 3, 5, 64}) {
             EXPECT_EQ(Decode(it.wire, chunk, it.camera), it.outcome) << it.wire << " by " << chunk;
         }
-    }
-}
-
-TEST(LinkDecoder, FindsTheNextFrameAfterAnyGarbage) {
-    std::mt19937 random(1);
-    const Bytes good = FromHex("FF 44 00 04 01 FE01 FE01 FE01").value();
-    for (int round = 0; round < 500; round++) {
-        LinkDecoder decoder(false);
-        Bytes stream(1 + random() % 300);
-        std::generate(stream.begin(), stream.end(), [&] { return static_cast<uint8_t>(random()); });
-        stream[0] = 0x00;
-        stream.insert(stream.end(), good.begin(), good.end());
-        size_t seen = 0;
-        const std::vector<Decoded> decoded = decoder.Feed(stream);
-        for (const Decoded& it : decoded) {
-            seen += std::visit([](const auto& what) { return what.wire.size(); }, it);
-        }
-        EXPECT_EQ(Show({decoded.back()}), "frame 44 01") << ToHex(stream);
-        EXPECT_EQ(seen, stream.size()) << "every byte belongs to one outcome";
     }
 }
 

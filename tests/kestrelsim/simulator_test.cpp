@@ -1,4 +1,4 @@
-// The simulator as a whole, on its own pseudo-terminals and on an attached socket.
+// The pace of the simulator as a whole.
 #include "tools/kestrelsim/simulator.h"
 
 #include <fcntl.h>
@@ -9,21 +9,17 @@
 #include <filesystem>
 #include <thread>
 
-#include "tests/support/eventually.h"
-
 namespace kestrelsim {
 namespace {
 
-// A simulator in a thread of its own; ended and taken down by Stop.
+// A simulator in a thread of its own.
 class Running {
   public:
-    explicit Running(SimulatorOptions options, const std::vector<const char*>& texts = {}) {
+    Running(SimulatorOptions options, const char* fault) {
         folder_ = (std::filesystem::temp_directory_path() / "simtest.XXXXXX").string();
         EXPECT_NE(mkdtemp(folder_.data()), nullptr);
         options.folder = folder_ + "/dev";
-        for (const char* text : texts) {
-            faults_.Add(text);
-        }
+        faults_.Add(fault);
         StateOptions state;
         state.folder = folder_ + "/state";
         state_.emplace(state);
@@ -33,22 +29,15 @@ class Running {
         thread_ = std::thread([this] { simulator_->Run(stop_[0]); });
     }
     ~Running() {
-        Stop();
+        EXPECT_EQ(write(stop_[1], "x", 1), 1);
+        thread_.join();
+        close(stop_[0]);
+        close(stop_[1]);
         std::filesystem::remove_all(folder_);
-    }
-    void Stop() {
-        if (thread_.joinable()) {
-            EXPECT_EQ(write(stop_[1], "x", 1), 1);
-            thread_.join();
-            close(stop_[0]);
-            close(stop_[1]);
-        }
     }
     int Open(int port) const {
         return open((folder_ + "/dev/" + NodeName(port)).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     }
-    const std::string& folder() const { return folder_; }
-    void Destroy() { simulator_.reset(); }
 
   private:
     std::string folder_;
@@ -82,25 +71,6 @@ std::string Hear(int fd, size_t count, int wait_ms = 20000) {
 const char kVersionRequest[] = "FF 44 00 04 01 FE01 FE01 FE01";
 const char kVersionReply[] = "ff14000d106b65737472656c73696d";
 
-TEST(Simulator, ALineGoesAwayAtItsByteAndTheOtherStays) {
-    Running running({}, {"close unit=micro at=12"});
-    const int fd = running.Open(1);
-    Say(fd, kVersionRequest);
-    EXPECT_EQ(Hear(fd, 15), kVersionReply) << "one byte before the end";
-    EXPECT_EQ(write(fd, "\xFF", 1), 1);
-    EXPECT_EQ(Hear(fd, 1), "");
-    EXPECT_TRUE(Eventually([fd] { return write(fd, "x", 1) == -1; })) << "the line is not gone";
-    close(fd);
-    EXPECT_FALSE(std::filesystem::is_symlink(running.folder() + "/dev/fpgaserial1"));
-    const int other = running.Open(0);
-    Say(other, "820677");
-    EXPECT_EQ(Hear(other, 13), "a04f564c4b3230303031303030");
-    close(other);
-    running.Stop();
-    running.Destroy();
-    EXPECT_FALSE(std::filesystem::exists(running.folder() + "/dev")) << "nodes left behind";
-}
-
 TEST(Simulator, ALineIsBusyForTheTimeOfItsBytesEvenBehindAnEarlyAnswer) {
     constexpr Nanos kByte = 11 * kSecond / 1200;
     const struct {
@@ -116,7 +86,7 @@ TEST(Simulator, ALineIsBusyForTheTimeOfItsBytesEvenBehindAnEarlyAnswer) {
         SimulatorOptions options;
         options.baud = it.baud;
         options.patience_ms = it.patience_ms;
-        Running running(options, {it.fault});
+        Running running(options, it.fault);
         const int fd = running.Open(1);
         const Nanos start = MonotonicNow();
         Say(fd, kVersionRequest);

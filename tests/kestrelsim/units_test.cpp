@@ -34,10 +34,9 @@ std::string Replies(Unit* unit, const std::vector<Message>& messages) {
 }
 
 struct Units {
-    bool ack = true;
     std::string kept;
     CameraVersions versions{"1000", "2000"};
-    Verdict verdict = [this](const AnswerId&) { return ack; };
+    Verdict verdict = [](const AnswerId&) { return true; };
     ImageSink sink = [this](Image image, const Bytes& data) {
         kept += std::string(ImageText(image)) + " " + std::to_string(data.size()) + ";";
     };
@@ -45,29 +44,14 @@ struct Units {
     CameraUnit camera{&versions, verdict, sink};
 };
 
-TEST(MicroUnit, KeepsARefusedBlockForTheRetryThatCarriesNoData) {
-    Units units;
-    const Message retry = Frame(0x48, {});
-    EXPECT_EQ(Replies(&units.micro, {retry}), "out of order;") << "nothing to retry";
-    units.ack = false;
-    EXPECT_EQ(Replies(&units.micro, {Block(0x48, 0, 512), retry}), "480f;480f;");
-    units.ack = true;
-    EXPECT_EQ(Replies(&units.micro, {retry}), "4806;");
-    for (int block = 1; block < 12; block++) {
-        Replies(&units.micro, {Block(0x48, block, 512)});
-    }
-    EXPECT_EQ(units.kept, "microcontroller 6144;");
-    EXPECT_EQ(units.micro.version(), 7);
-    EXPECT_EQ(units.micro.OnLineClosed(), "") << "a complete transfer is not given up";
-}
-
 TEST(MicroUnit, RefusesBlocksOutOfOrderAndMessagesOfTheOtherLine) {
     Units units;
-    // Repeated, left out, behind the data's end, and a camera's.
-    EXPECT_EQ(Replies(&units.micro, {Block(0x48, 1, 512), Block(0x48, 0, 512), Block(0x48, 0, 512),
-                                     Block(0x48, 2, 512), Block(0x48, 1, 10), Block(0x48, 2, 1),
-                                     Block(0x88, 0, 1), Frame(0x44, {0})}),
-              "out of order;4806;out of order;out of order;4806;out of order;wrong line;;");
+    // A retry of nothing, repeated, left out, behind the data's end, and a camera's.
+    EXPECT_EQ(
+        Replies(&units.micro, {Frame(0x48, {}), Block(0x48, 1, 512), Block(0x48, 0, 512),
+                               Block(0x48, 0, 512), Block(0x48, 2, 512), Block(0x48, 1, 10),
+                               Block(0x48, 2, 1), Block(0x88, 0, 1), Frame(0x44, {0})}),
+        "out of order;out of order;4806;out of order;out of order;4806;out of order;wrong line;;");
     EXPECT_EQ(units.micro.OnLineClosed(), "microcontroller image: 2 of 12 blocks");
     EXPECT_EQ(Replies(&units.micro, {Block(0x48, 0, 512)}), "4806;") << "the next run's";
 }
