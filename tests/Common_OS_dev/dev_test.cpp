@@ -2,7 +2,6 @@
 // queues, and the task that serves queued reads.
 #include "Common/OS/dev.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

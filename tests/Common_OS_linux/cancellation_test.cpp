@@ -60,7 +60,7 @@ void (*const kActions[])(UInt32) = {
     }};
 
 // Each life works through the actions, beginning with its own, until it is deleted.
-void Victim(UInt32 own, UInt32, UInt32, UInt32) {
+void Victim(UInt32 own) {
     for (UInt32 i = own;; i++) {
         kActions[i % std::size(kActions)](own * 7 + i);
         pthread_testcancel();
@@ -85,9 +85,8 @@ TEST(Cancellation, TenThousandTasksDeletedAtRandomPointsLeaveEveryServiceWorking
     for (int round = 0; round < 1250; round++) {
         UInt32 ids[8];
         for (UInt32& id : ids) {
-            ASSERT_EQ(t_create("vict", random(3), 0, 0, 0, &id), kTaskOk);
-            UInt32 args[4] = {random(100000), 0, 0, 0};
-            ASSERT_EQ(t_start(id, 0, Victim, args), kTaskOk);
+            id = Spawn(
+                "vict", [own = random(100000)] { Victim(own); }, random(3));
         }
         for (const UInt32 id : ids) {
             udelay(random(400));

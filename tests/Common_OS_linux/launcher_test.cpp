@@ -2,6 +2,7 @@
 // pipe has a fixed path, so its test gives way where one exists already.
 #include "Common/OS/linux/launcher.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

@@ -1,4 +1,6 @@
 // The log under load: many tasks behind a slow writer, tasks deleted inside log calls.
+#include <fcntl.h>
+
 #include "Common/OS/linux/os_init.h"
 #include "tests/Common_OS_log/logfixture.h"
 

@@ -24,12 +24,10 @@ class LogFixtureT : public testing::Test {
     // What was printed since the last call, with the queue drained.
     std::string Printed() {
         syslogDrainQueue();
-        const std::string text = out_.Text();
-        return text.substr(std::exchange(seen_, text.size()));
+        return out_.Fresh();
     }
 
     StdoutFile out_;
-    size_t seen_ = 0;
 };
 
 // A printed line of `length` characters that tells its number and length.

@@ -136,7 +136,7 @@ TEST_F(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
 }
 
 TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
-    const auto entry = [](UInt32, UInt32, UInt32, UInt32) {
+    const UInt32 tid = Spawn("writ", [] {
         const auto wait = [](ModT*, UInt32, void*, void*) {
             gSeen++;
             UInt32 captured;
@@ -144,10 +144,7 @@ TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
         };
         ConfigAddImmediateCallback("v", 0, wait, nullptr);
         ConfigWrite("v", 0, "1");
-    };
-    UInt32 tid;
-    t_create("writ", 0, 0, 0, 0, &tid);
-    t_start(tid, 0, entry, nullptr);
+    });
     ASSERT_TRUE(Eventually([] { return gSeen == 1; }));
     ConfigDelete("v", 0);
     const int before = numMods;

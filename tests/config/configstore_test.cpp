@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
@@ -50,11 +51,16 @@ struct NobodyT {
     ~NobodyT() { EXPECT_EQ(seteuid(getuid()), 0); }
 };
 
-// Runs `work` in a process of its own; the store's task does not run there.
-pid_t Start(void (*work)()) {
+// Writes the values in turn, so many times each, in a process of its own; the store's task does not
+// run there.
+pid_t StartWriter(const std::set<std::string>& values, int times) {
     const pid_t pid = fork();
     if (pid == 0) {
-        work();
+        for (int i = 0; i < times; i++) {
+            for (const std::string& value : values) {
+                Write("v", value);
+            }
+        }
         _exit(0);
     }
     return pid;
@@ -228,13 +234,7 @@ TEST_F(ConfigStore, AKilledWriterLeavesTheOldValueOrTheNewOne) {
     std::mt19937 random(1);
     for (int round = 0; round < 300; round++) {
         Write("v", "b");
-        const pid_t writer = Start([] {
-            for (;;) {
-                Write("v", std::string(300, 'a'));
-                Write("v", "b");
-                Write("v", std::string(40, 'c'));
-            }
-        });
+        const pid_t writer = StartWriter(values, INT_MAX);
         usleep(static_cast<useconds_t>(random() % 3000));
         kill(writer, SIGKILL);
         Finish(writer);
@@ -245,16 +245,8 @@ TEST_F(ConfigStore, AKilledWriterLeavesTheOldValueOrTheNewOne) {
 
 TEST_F(ConfigStore, TwoProcessesLeaveOneWholeValue) {
     for (int round = 0; round < 300; round++) {
-        const pid_t first = Start([] {
-            for (int i = 0; i < 5; i++) {
-                Write("v", std::string(300, 'a'));
-            }
-        });
-        const pid_t second = Start([] {
-            for (int i = 0; i < 5; i++) {
-                Write("v", "b");
-            }
-        });
+        const pid_t first = StartWriter({std::string(300, 'a')}, 5);
+        const pid_t second = StartWriter({"b"}, 5);
         EXPECT_EQ(Finish(first) + Finish(second), 0);
         const std::string value = Read("v");
         ASSERT_TRUE(value == std::string(300, 'a') || value == "b") << value;

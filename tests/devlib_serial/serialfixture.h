@@ -55,14 +55,6 @@ class Serial : public testing::Test {
                (CBList[port].rx_enabled != 0 ? "rx" : "");
     }
 
-    // What was printed since the last call.
-    std::string Printed() {
-        const std::string fresh = out_.Text().substr(seen_);
-        seen_ += fresh.size();
-        return fresh;
-    }
-
     PtyLines lines_;
     StdoutFile out_;
-    size_t seen_ = 0;
 };

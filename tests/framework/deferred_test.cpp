@@ -40,15 +40,7 @@ void Fire(UInt32 task, int times) {
 
 // A task that never serves what is queued for it, until it is deleted.
 UInt32 DeafTask() {
-    const auto sleep = [](UInt32, UInt32, UInt32, UInt32) {
-        for (;;) {
-            tm_wkafter(100);
-        }
-    };
-    UInt32 id = 0;
-    t_create("deaf", 0, 0, 0, 0, &id);
-    EXPECT_EQ(t_start(id, 0, sleep, nullptr), kTaskOk);
-    return id;
+    return Spawn("deaf", [] { tm_wkafter(1000000); });
 }
 
 class Deferred : public TaskTest {

@@ -17,20 +17,15 @@ TEST(Ending, ATimerStartedByATasksLastCallsDoesNotOutliveTheTask) {
     ASSERT_EQ(TimerInit(
                   &keeps_the_timer_task, 10000, [](void*) {}, nullptr, 0),
               kNoError);
-    UInt32 task;
-    ASSERT_EQ(t_create("last", 0, 0, 0, 0, &task), kTaskOk);
-    t_start(
-        task, 0,
-        [](UInt32, UInt32, UInt32, UInt32) {
-            TimerInit(
-                &gTimer, 10000, [](void*) {}, nullptr, 1);
-            const auto queue_start = [](void*, void*) {
-                const auto start = [](void*, void*) { TimerStart(&gTimer); };
-                ModDeferFunctionCall(0, start, nullptr, nullptr, 0);
-            };
-            ModDeferFunctionCall(0, queue_start, nullptr, nullptr, 0);
-        },
-        nullptr);
+    const UInt32 task = Spawn("last", [] {
+        TimerInit(
+            &gTimer, 10000, [](void*) {}, nullptr, 1);
+        const auto queue_start = [](void*, void*) {
+            const auto start = [](void*, void*) { TimerStart(&gTimer); };
+            ModDeferFunctionCall(0, start, nullptr, nullptr, 0);
+        };
+        ModDeferFunctionCall(0, queue_start, nullptr, nullptr, 0);
+    });
     ASSERT_TRUE(Eventually([task] { return t_exists(task) == 0; }));
     EXPECT_EQ(TimerRunning(&gTimer), 0U);
     TimerExit(&gTimer);

@@ -22,6 +22,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/mod_internal.h"
 #include "tests/support/eventually.h"
+#include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
 
 using testing::ElementsAre;
@@ -94,11 +95,7 @@ inline void ExpectDeaths(const char* service, std::initializer_list<DeathT> case
 
 class ModuleTask {
   public:
-    explicit ModuleTask(const char* name) {
-        const auto loop = [](UInt32, UInt32, UInt32, UInt32) { ModTaskLoop(); };
-        t_create(name, 0, 0, 0, 0, &id_);
-        EXPECT_EQ(t_start(id_, 0, loop, nullptr), kTaskOk);
-    }
+    explicit ModuleTask(const char* name) : id_(Spawn(name, ModTaskLoop)) {}
     ~ModuleTask() { Delete(); }
 
     UInt32 Id() const { return id_; }
@@ -138,7 +135,7 @@ class ModuleTask {
     void Release() { blocked_ = false; }
 
   private:
-    UInt32 id_ = 0;
+    UInt32 id_;
     std::atomic<int> pending_{0};
     std::atomic<bool> blocked_{false};
 };

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <string>
-#include <vector>
 
 #include "devlib/kestrelflash/linkmsg.h"
 #include "devlib/kestrelflash/stuffing.h"

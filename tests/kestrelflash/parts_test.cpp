@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 
-#include <string>
-
 #include "Common/OS/linux/board.h"
 #include "devlib/kestrelflash/hextext.h"
 #include "devlib/kestrelflash/progress.h"

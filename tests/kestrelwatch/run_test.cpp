@@ -46,26 +46,6 @@ TEST(WatchRun, OutputPassesUntouchedAndProgressComesAsPlainLines) {
     EXPECT_EQ(folder.PrivateFolder(), "");
 }
 
-TEST(WatchRun, TheUpdatersEndDecidesTheStatus) {
-    const Folder folder;
-    const struct {
-        WordsT options;
-        const char* script;
-        int status;
-        const char* said;
-    } rows[] = {
-        {{"--strict"}, "pos 30; exit 255", 255, "position 30 of 0 to 100"},
-        {{}, "pos 40", 0, "end of the range was not reached (position 40 of 0 to 100"},
-        {{}, "pos 40; kill -9 $$; pos 41", 137, "signal 9 (Killed)"},
-    };
-    for (const auto& row : rows) {
-        Session session(kPipes, row.options, row.script);
-        EXPECT_EQ(session.End(), row.status) << row.said;
-        EXPECT_THAT(session.error, HasSubstr(row.said));
-    }
-    EXPECT_EQ(folder.PrivateFolder(), "");
-}
-
 TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
     const Folder folder;
     folder.Touch("file");
@@ -93,7 +73,7 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
     for (const auto& row : rows) {
         WordsT words = row.words;
         words.insert(words.begin(), KESTRELWATCH);
-        Session session(words);
+        Child session(kPipes, words);
         EXPECT_EQ(session.End(), row.status) << row.said;
         EXPECT_THAT(session.error, HasSubstr(row.said));
         EXPECT_EQ(std::count(session.error.begin(), session.error.end(), '\n'), 1);
@@ -176,10 +156,10 @@ TEST(WatchTerminal, KeysDoNotReachTheUpdaterAndTheBarLeavesLinesWhole) {
     const Folder folder;
     Session session(kTerminal, {}, "pos 42; await go; pos 50; await end; kilobytes 50; pos 100");
     EXPECT_TRUE(session.Sees("]  42 %"));
-    EXPECT_TRUE(session.Type('\003'));
+    EXPECT_TRUE(session.Type("\003"));
     EXPECT_TRUE(session.Sees("leave the unit dead"));
     EXPECT_TRUE(session.Sees(" s to interrupt"));
-    EXPECT_TRUE(session.Type('\032'));
+    EXPECT_TRUE(session.Type("\032"));
     EXPECT_TRUE(session.Sees("not suspended"));
     folder.Touch("go");
     EXPECT_TRUE(session.Sees("]  50 %"));

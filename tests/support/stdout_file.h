@@ -2,13 +2,13 @@
 // program, its log writer included, has printed so far.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "tests/support/eventually.h"
 
@@ -45,6 +45,12 @@ class StdoutFile {
         return text;
     }
 
+    // What was printed since the last call.
+    std::string Fresh() {
+        const std::string text = Text();
+        return text.substr(std::exchange(seen_, text.size()));
+    }
+
     bool Has(const std::string& part) const { return Text().find(part) != std::string::npos; }
 
     // Waits for output of another thread.
@@ -55,4 +61,5 @@ class StdoutFile {
   private:
     int file_;
     int saved_;
+    size_t seen_ = 0;
 };

@@ -111,14 +111,8 @@ TEST(BoardLines, DriverGetsOtherWords) {
     } rows[] = {
         {0, Cfg(0, 3, 0, 0), "fpgaserial0",
          "valid_mask=3 baudrate=115200 parity=2 stopbits=0 hwflowctrl=0 databits_size=0"},
-        {1, Cfg(5, 2, 1, 2), "fpgaserial1",
-         "valid_mask=3 baudrate=9600 parity=1 stopbits=0 hwflowctrl=0 databits_size=0"},
-        {2, Cfg(1, 0, 2, 2), "fpgaserial4",
-         "valid_mask=31 baudrate=57600 parity=0 stopbits=1 hwflowctrl=0 databits_size=0"},
         {3, Cfg(4, 2, 1, 0), "fpgaserial5",
          "valid_mask=31 baudrate=14400 parity=1 stopbits=0 hwflowctrl=0 databits_size=2"},
-        {5, Cfg(2, 3, 0, 1), "fpgaserial6",
-         "valid_mask=31 baudrate=38400 parity=2 stopbits=1 hwflowctrl=0 databits_size=3"},
     };
     const DriverProcess driver;
     TreeStub();
