@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "Common/framework/bufpool.h"
-#include "tests/support/alloccount.h"
+#include "bench/support/alloccount.h"
 
 namespace {
 

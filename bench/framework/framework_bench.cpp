@@ -21,7 +21,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/timer.h"
 #include "bench/framework/work.h"
-#include "tests/support/alloccount.h"
+#include "bench/support/alloccount.h"
 
 namespace {
 

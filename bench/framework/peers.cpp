@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "bench/framework/work.h"
-#include "tests/support/alloccount.h"
+#include "bench/support/alloccount.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include "Common/OS/logger.h"
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslogq.h"
-#include "tests/support/alloccount.h"
+#include "bench/support/alloccount.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Stands before the C library's allocator.
 #include <stddef.h>
 
-#include "tests/support/alloccount.h"
+#include "bench/support/alloccount.h"
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
