@@ -17,22 +17,28 @@ mkdir -p "$cache_dir"
 exec 9>"$cache_dir/kernel.lock"
 flock 9
 
+# Options that Kconfig silently dropped would be found out only by odd failures later.
+check_options() {
+    local lost
+    lost=$(grep -E '^CONFIG_[A-Z0-9_]+=' "$target_dir/kernel.fragment" | grep -vxFf "$work/.config")
+    [ -z "$lost" ] || { echo "options lost: $lost"; return 1; }
+}
+
+# The steps return their status by hand: errexit is off in them.
+build() {
+    local kernel_make=(make -C "$work" ARCH=powerpc "CROSS_COMPILE=$cross-")
+    tar -C "$work" --strip-components=1 -xf "$source_tar" &&
+        "${kernel_make[@]}" "KCONFIG_ALLCONFIG=$target_dir/kernel.fragment" allnoconfig &&
+        check_options && "${kernel_make[@]}" "-j$(nproc)" vmlinux && "$cross-strip" "$work/vmlinux"
+}
+
 if [ ! -r "$kernel_dir/vmlinux" ]; then
+    rm -rf "$cache_dir"/kernel-build.??????
     work=$(mktemp -d "$cache_dir/kernel-build.XXXXXX")
     trap 'rm -rf "$work"' EXIT
     log="$cache_dir/kernel-build.log"
     echo "target: building the kernel (log: $log)" >&2
-    {
-        tar -C "$work" --strip-components=1 -xf "$source_tar"
-        # Options that Kconfig silently dropped would be found out only by odd failures later.
-        kernel_make=(make -C "$work" ARCH=powerpc "CROSS_COMPILE=$cross-")
-        "${kernel_make[@]}" "KCONFIG_ALLCONFIG=$target_dir/kernel.fragment" allnoconfig
-        grep -E '^CONFIG_[A-Z0-9_]+=' "$target_dir/kernel.fragment" | while read -r option; do
-            grep -qxF "$option" "$work/.config" || { echo "option lost: $option"; exit 1; }
-        done
-        "${kernel_make[@]}" "-j$(nproc)" vmlinux
-        "$cross-strip" "$work/vmlinux"
-    } >"$log" 2>&1 9>&- || { tail -20 "$log" >&2; die "the kernel did not build"; }
+    build >"$log" 2>&1 9>&- || { tail -20 "$log" >&2; die "the kernel did not build"; }
     mkdir -p "$kernel_dir"
     cp "$work/.config" "$kernel_dir/config"
     cp "$work/vmlinux" "$kernel_dir/vmlinux.new"
