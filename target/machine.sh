@@ -1,6 +1,7 @@
 # The emulated machine (sourced, never run): 32-bit big-endian PowerPC with a real kernel.
 #
-#   machine_run NAME INITRD JOB SECONDS      runs the job file; the log is $machine_dir/NAME.log
+#   machine_run NAME INITRD JOB SECONDS      runs the job file, in a subshell of its own; the log is
+#                                            $machine_dir/NAME.log
 #   machine_shell INITRD                     an interactive shell on the terminal
 #
 # PCI devices at fixed places, so that the guest's programs find them:
@@ -20,14 +21,18 @@ machine_run() {
     local name=$1 initrd=$2 job=$3 seconds=$4
     local log="$machine_dir/$name.log" out="$machine_dir/$name.out"
     machine_prepare "$name" "$initrd" "$job"
-    local status=0 player=""
+    local status=0 player="" emulator
+    # When this is told to end, so is all that it and its caller's subshell have started.
+    trap 'kill $(jobs -p) 2>/dev/null; exit 1' TERM
     if [ -n "$machine_player" ]; then
         "$machine_player" "$machine_dir/$name.clock" "$machine_dir/$name.clock.log" \
             "$machine_clock_percent" &
         player=$!
     fi
     timeout --foreground "$seconds" "${machine_command[@]}" -append "$machine_append quiet" \
-        -nographic -serial stdio </dev/null >"$log.raw" 2>"$log.err" || status=$?
+        -nographic -serial stdio </dev/null >"$log.raw" 2>"$log.err" &
+    emulator=$!
+    wait $emulator || status=$?
     [ -z "$player" ] || kill "$player"
     tr -d '\r' <"$log.raw" >"$log"
     rm -f "$log.raw"

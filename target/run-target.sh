@@ -93,10 +93,12 @@ count_machine() { # LANE NAME...
     shift
     for name in "$@"; do
         sed -n '/^FAIL /p; /^  | /p; /^SKIP /p' "$machine_dir/$name.log"
-        line=$(grep '^machine: ' "$machine_dir/$name.log" | tail -1)
-        read -r _ a _ b _ c _ <<<"$line"
-        p=$((p + a)) f=$((f + b)) s=$((s + c))
+        line=$(grep -a '^machine: ' "$machine_dir/$name.log" | tail -1)
+        [[ $line =~ ^machine:\ ([0-9]+)\ passed,\ ([0-9]+)\ failed,\ ([0-9]+)\ skipped$ ]] ||
+            { echo "$name: no counts in \"$line\""; return 1; }
+        p=$((p + BASH_REMATCH[1])) f=$((f + BASH_REMATCH[2])) s=$((s + BASH_REMATCH[3]))
     done
+    [ $((p + f + s)) -gt 0 ] || { echo "$lane: no test ran"; return 1; }
     count "$lane" $p $f $s
 }
 
@@ -142,7 +144,7 @@ full_lane() {
         wait "$shard" || status=1
     done
     [ $status -eq 0 ] || return 1
-    count_machine "full lane" "${names[@]}"
+    count_machine "full lane" "${names[@]}" || return 1
     receive e2e "${names[@]}"
 }
 
@@ -222,6 +224,7 @@ native_case() { # NAME
 native_cases() {
     local name again=()
     local -A pids
+    : >"$run_dir/native-failed"
     rm -rf "$traces/native" && mkdir -p "$traces/native"/{board,e2e} || return 1
     for name in $(sh "$target_dir/board/cases.sh" list); do
         native_case "$name" &
@@ -233,13 +236,16 @@ native_cases() {
     for name in "${again[@]}"; do
         echo "native case $name failed and runs once more:"
         cat "$run_dir/native-$name.log"
-        native_case "$name" || echo "native case $name failed again"
+        native_case "$name" ||
+            echo "native case $name failed again" | tee -a "$run_dir/native-failed"
     done
 }
 
 native_e2e() {
-    E2E_RECORD_DIR="$traces/native/e2e" ctest --preset host -L e2e >"$run_dir/native-e2e.log" ||
+    E2E_RECORD_DIR="$traces/native/e2e" ctest --preset host -L e2e >"$run_dir/native-e2e.log" || {
         tail -40 "$run_dir/native-e2e.log"
+        echo "native end-to-end suite" >>"$run_dir/native-failed"
+    }
 }
 
 # The native end-to-end runs keep the machines company: both wait most of the time.
@@ -256,7 +262,8 @@ board_lane() {
     wait $clock || status=1
     wait $native || status=1
     [ $status -eq 0 ] || return 1
-    count_machine "board lane" board clock
+    count_machine "board lane" board clock || return 1
+    count "native runs of the same cases" 0 "$(wc -l <"$run_dir/native-failed")" 0
     check_clock_writes
     receive board board
 }
@@ -289,7 +296,16 @@ prepare_machine() {
         busybox=$("$target_dir/build-busybox.sh")
 }
 
+# Two runs in one folder would write over each other; what an ended run started ends with it.
+hold_folder() {
+    exec 8>"$run_dir/lock"
+    flock -n 8 || die "another run works in this folder"
+    trap 'kill $(jobs -p) 2>/dev/null || true' EXIT
+    trap 'exit 130' INT TERM HUP
+}
+
 main() {
+    hold_folder
     stage "packages" need_packages "${target_packages[@]}"
     stage "line editing of the shell (cached)" line_editing
     stage "build for the board's processor, host board" configure_and_build target
