@@ -12,6 +12,8 @@ size=$(wc -c <"$work/stripped")
 memory=$(cat "$traces/memory_kb")
 first=$(cat "$traces/first_byte_us")
 libraries=$("$cross-readelf" -d "$updater" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | paste -sd' ')
+others=$(tr ' ' '\n' <<<"$libraries" | grep -vxE 'libc\.so\.6|libm\.so\.6|libpthread\.so\.0|ld\.so\.1' || true)
+[ -z "$others" ] || die "the updater needs more than the C library: $others"
 row() { # WHAT FIGURE UNIT GOAL
     local met="met"
     [ -z "$4" ] || awk -v a="$2" -v b="$4" 'BEGIN { exit !(a < b) }' || met="NOT met"

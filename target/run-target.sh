@@ -63,7 +63,7 @@ fast_lane() {
 pack_initrd() {
     local programs data
     mapfile -t programs < <(find "$root_dir/build/target/tests" -maxdepth 1 -type f -executable)
-    mapfile -t data < <(find "$root_dir/tests" -type f \
+    mapfile -t data < <(find "$root_dir/tests" "$root_dir/examples" -type f \
         ! -name '*.cpp' ! -name '*.h' ! -name CMakeLists.txt)
     sh "$target_dir/board/makeimages.sh" "$run_dir/images" &&
         "$target_dir/mkinitrd.sh" "$initrd" "$harbor_bin/machine-init" "$busybox" \
