@@ -18,8 +18,11 @@ export SOURCE_DATE_EPOCH
 
 build_package() {
     local stage_dir="$package_dir/kestrelflash"
-    cmake --preset target-harbor >/dev/null
-    cmake --build --preset target-harbor --target kestrelflash >/dev/null
+    mkdir -p "$package_dir"
+    # From the start: flags that the toolchain file once gave would stay in the folder.
+    cmake --fresh --preset target-harbor >"$package_dir/build.log" 2>&1 &&
+        cmake --build --preset target-harbor --target kestrelflash >>"$package_dir/build.log" 2>&1 ||
+        { tail -40 "$package_dir/build.log"; die "the updater did not build"; }
     rm -rf "$stage_dir" && mkdir -p "$stage_dir"
     "$cross-strip" -o "$stage_dir/kestrelflash" build/target-harbor/bin/kestrelflash
     cp target/package/update.sh "$stage_dir/"
@@ -33,15 +36,14 @@ build_package() {
 
 # In a copy at a path of another length, without the compiler cache.
 compare_with_copy() {
-    local copy
     copy=$(mktemp -d)
-    trap 'rm -rf "$copy"' RETURN
+    trap 'rm -rf "$copy"' EXIT
     mkdir -p "$copy/another/place/for/the/same/sources"
     git ls-files -z --cached --others --exclude-standard |
         while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
         tar --null -T - -cf - | tar -C "$copy/another/place/for/the/same/sources" -xf -
     (cd "$copy/another/place/for/the/same/sources" &&
-        CCACHE_DISABLE=1 target/package.sh --no-check >/dev/null)
+        CCACHE_DISABLE=1 target/package.sh --no-check >/dev/null) || die "the copy did not build"
     cmp "$tarball" "$copy/another/place/for/the/same/sources/build/package/kestrelflash.tar.gz"
 }
 
