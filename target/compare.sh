@@ -10,6 +10,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 wire() { # EVENTS: one line for each serial line and direction
+    local all read
+    all=$(grep -c '"bytes":"[0-9a-f]' "$1" || true)
+    read=$(grep -c '"port":[0-9]*,"dir":"[a-z]*","bytes":"[0-9a-f]' "$1" || true)
+    [ "$all" -eq "$read" ] || { echo "unread bytes in $1: $read of $all" >&2; exit 1; }
     sed -n 's/.*"port":\([0-9]*\),"dir":"\([a-z]*\)","bytes":"\([0-9a-f]*\)".*/\1 \2 \3/p' "$1" |
         awk '{ bytes[$1 " " $2] = bytes[$1 " " $2] $3 }
              END { for (line in bytes) print "port " line " " bytes[line] }' | LC_ALL=C sort
@@ -29,13 +33,18 @@ mapfile -t names < <(find "$native" "$target" -name '*.console' -printf '%f\n' |
 [ ${#names[@]} -gt 0 ] || { echo "no case in $native" >&2; exit 1; }
 for name in "${names[@]}"; do
     verdict=""
+    for side in "$native" "$target"; do
+        [ -e "$side/$name.status" ] || [ -e "$side/$name.wire" ] || verdict+=" end-not-recorded"
+    done
     for kind in console status wire; do
         [ ! -e "$native/$name.$kind" ] && [ ! -e "$target/$name.$kind" ] ||
             cmp -s "$native/$name.$kind" "$target/$name.$kind" || verdict+=" $kind"
     done
     if [ -e "$native/$name.events" ] || [ -e "$target/$name.events" ]; then
-        wire "$native/$name.events" >"$work/native" 2>/dev/null || true
-        wire "$target/$name.events" >"$work/target" 2>/dev/null || true
+        [ -e "$native/$name.events" ] && [ -e "$target/$name.events" ] || verdict+=" wire-not-recorded"
+        touch "$native/$name.events" "$target/$name.events"
+        wire "$native/$name.events" >"$work/native"
+        wire "$target/$name.events" >"$work/target"
         cmp -s "$work/native" "$work/target" || verdict+=" wire"
     fi
     if [ -z "$verdict" ]; then
