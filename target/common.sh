@@ -59,8 +59,16 @@ print_stage_times() {
 fetch_source() {
     local keyring=/usr/share/keyrings/debian-archive-keyring.gpg signed=""
     [ ! -r "$keyring" ] || signed="[signed-by=$keyring]"
-    mkdir -p "$1/lists/partial"
-    apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+    mkdir -p "$1/lists/partial" "$1/system/partial"
+    local known=(-o "Dir::State::lists=$1/system" -o APT::Sandbox::User=root
+        -o "Dir::Cache::srcpkgcache=" -o "Dir::Cache::pkgcache=")
+    # A machine made small has no package lists.
+    if [ -n "$(apt-get indextargets 'Created-By: Packages')" ]; then
+        known=()
+    else
+        apt-get "${known[@]}" update
+    fi
+    apt-get "${known[@]}" indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' \
         'Created-By: Packages' |
         awk -v signed="$signed" '$1 == "Debian" && $4 == "main" {
             print "deb-src", signed, $2, $3, $4 }' | sort -u >"$1/sources.list"
