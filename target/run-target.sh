@@ -167,7 +167,7 @@ run_board_machine() {
     {
         board_environment
         echo "suite $root_dir/build/target/tests/machine_test"
-        echo "suite $harbor_bin/board_test BoardLines.*"
+        echo "suite $harbor_bin/board_test -BoardClock.*"
         for name in $(sh "$target_dir/board/cases.sh" list); do
             echo "run Updater.$name 120 sh /board/cases.sh $name"
         done

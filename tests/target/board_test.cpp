@@ -19,6 +19,7 @@
 #include "Common/framework/mod.h"
 #include "Common/framework/timer.h"
 #include "devlib/devmgr_serial/devmgr_serial.h"
+#include "devlib/kestrelflash/delay.h"
 #include "devlib/serialapi/serialapi.h"
 #include "tests/support/eventually.h"
 #include "tests/support/serial_config.h"
@@ -100,6 +101,12 @@ TEST(BoardClock, FrameworkTimerRunsByAnotherClock) {
     EXPECT_GE(RealTimeMilliSeconds() - start, 1990u);
     EXPECT_LT(real, 1900);
     EXPECT_EQ(TimerExit(&timer), kNoError);
+}
+
+TEST(BoardTime, PausesAreCutShortOrTheCycleCounterStandsStill) {
+    const UInt32 before = CYCLES();
+    EXPECT_GE(MillisecondsOf([] { Delay(300000); }), 300);
+    EXPECT_NE(CYCLES(), before);
 }
 
 TEST(BoardLines, DriverGetsOtherWords) {
