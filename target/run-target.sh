@@ -216,7 +216,7 @@ check_clock_writes() {
 native_case() { # NAME
     OUT="$traces/native/board" IMAGES="$run_dir/images" UPDATER="$native_bin/kestrelflash" \
         LAUNCHER="$target_dir/package/update.sh" SIMULATOR="$native_bin/kestrelsim" \
-        sh "$target_dir/board/cases.sh" "$1" >"$run_dir/native-$1.log" 2>&1
+        sh "$target_dir/board/cases.sh" "$1" >"$run_dir/native-$1.log" 2>&1 8>&-
 }
 
 # The board's cases natively, on pseudo-terminals, all at once, for they are pauses mostly. The link

@@ -128,11 +128,19 @@ check_results() {
     esac
 }
 
+# The reader's cat waits for one more writer, who comes and goes here.
+clean_up() {
+    for child in $children; do kill "$child" 2>/dev/null; done
+    [ ! -p "$work/images/progress" ] || exec 3<>"$work/images/progress"
+    rm -rf "$work"
+    exec 3>&-
+}
+
 run_case() {
     work=$(mktemp -d) || exit 1
     unit=""
     children=""
-    trap 'for child in $children; do kill "$child" 2>/dev/null; done; rm -rf "$work"' EXIT
+    trap clean_up EXIT
     mkdir -p "$work/dev" "$work/state" "$OUT"
     cp -r "$IMAGES" "$work/images"
     rm -f "$OUT/$name".*

@@ -39,7 +39,10 @@ reader=$!
 status=$?
 kill $reader 2>/dev/null
 wait $reader 2>/dev/null
+# The reader's cat waits for one more writer, who comes and goes here.
+exec 3<>"$pipe"
 rm -rf "$(dirname "$pipe")"
+exec 3>&-
 if [ $status -ne 0 ]; then
     echo "the update failed; see $folder/update.log"
     exit 1
