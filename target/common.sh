@@ -3,7 +3,10 @@
 
 target_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root_dir=$(dirname "$target_dir")
-cache_dir="${XDG_CACHE_HOME:-$HOME/.cache}/harbor-target"
+case "${XDG_CACHE_HOME:-}" in  # anything but an absolute path is to be ignored
+    /*) cache_dir="$XDG_CACHE_HOME/harbor-target" ;;
+    *) cache_dir="${HOME:?is not set, nor XDG_CACHE_HOME to an absolute path}/.cache/harbor-target" ;;
+esac
 cross=powerpc-linux-gnu
 sysroot=/usr/$cross
 

@@ -36,3 +36,6 @@ row() { # WHAT FIGURE UNIT GOAL
     echo "Libraries that it asks for: $libraries (all of the C library)."
 } >"$document"
 cat "$document"
+if grep -q 'NOT met' "$document"; then
+    die "a goal is not met"
+fi

@@ -225,6 +225,7 @@ AT(ModDeferredFuncT, taskID, 8);
 AT(ModDeferredFuncT, pFunc, 12);
 AT(ModDeferredFuncT, userDefined, 16);
 AT(ModDeferredFuncT, time, 20);
+AT(ModDeferredFuncT, args, 24);
 
 AT(ModDeferredCallbackT, list, 0);
 AT(ModDeferredCallbackT, callback, 8);
@@ -251,9 +252,19 @@ AT(CmdEntryT, flags, 24);
 AT(CmdEntryT, taskID, 28);
 SIZE(CmdEntryT, 32);
 
+// Texts of 512 characters travel with their end, 513 bytes, and three to fill.
 AT(CmdArgT, cmdString, 0);
+AT(CmdArgT, argc, 516);
+AT(CmdArgT, argv, 520);
+AT(CmdArgT, pNotifyFunc, 840);
+AT(CmdArgT, userDefined, 844);
+AT(CmdArgT, flags, 848);
 
 AT(NotifyArgT, notifyString, 0);
+AT(NotifyArgT, pNotifyFunc, 516);
+AT(NotifyArgT, userDefined, 520);
+AT(NotifyArgT, err, 524);
+SIZE(NotifyArgT, 528);
 
 AT(RemMsgT, mod, 0);
 AT(RemMsgT, SendCmd, 204);

@@ -131,8 +131,8 @@ typedef struct ModDeferredFuncS {
     DeferredFuncPtrT pFunc;
     void* userDefined;
     UInt32 time;                                 // milliseconds at queueing
-    DeferredStageT stage;                        // private
     alignas(8) unsigned char args[kModMaxArgs];  // a copy of the caller's
+    DeferredStageT stage;                        // private
     UInt32 serial;                               // private: which use of the block this is
     UInt32 incarnation;                          // private: which use of the task's id
 } ModDeferredFuncT;
