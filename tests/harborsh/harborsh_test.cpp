@@ -34,7 +34,7 @@ bool Has(const std::string& text, const std::string& part) {
 class Session : public Child {
   public:
     Session()
-        : Child(UserT::kTerminal, {"/usr/bin/env", "TERM=dumb", "INPUTRC=/dev/null", HARBORSH}) {
+        : Child(UserT::kTerminal, {"/bin/sh", "-c", "TERM=dumb INPUTRC=/dev/null exec " HARBORSH}) {
         Expect("harborsh> ");
     }
 
@@ -99,7 +99,7 @@ TEST(Harborsh, LinesFromAPipeRunWithoutAPromptAndBadOnesAreRefusedOneByOne) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(RunShell("-e", "notify a\n\nnotify b\n").text,
               "harborsh> notify a\nNOTIFY: a\nharborsh> \nharborsh> notify b\nNOTIFY: b\n");
-    const ResultT file = RunShell("/dev/stdin", "notify from a file\nnosuch\n");
+    const ResultT file = RunShell("/proc/self/fd/0", "notify from a file\nnosuch\n");
     EXPECT_EQ(file.text, "NOTIFY: from a file\nERROR, item not found\n");
     EXPECT_EQ(file.status, -kItemNotFound);
 }

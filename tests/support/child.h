@@ -95,11 +95,19 @@ class Child {
         return at != std::string::npos;
     }
 
-    static bool Append(const pollfd& end, std::string* to) {
+    // An output that has ended is closed; the other may still say something.
+    static void Take(const pollfd& end, int* fd, std::string* to) {
+        if (end.revents == 0) {
+            return;
+        }
         char bytes[65536];
-        const ssize_t count = end.revents != 0 ? read(end.fd, bytes, sizeof(bytes)) : 0;
-        to->append(bytes, count > 0 ? static_cast<size_t>(count) : 0);
-        return count > 0;
+        const ssize_t count = read(*fd, bytes, sizeof(bytes));
+        if (count > 0) {
+            to->append(bytes, static_cast<size_t>(count));
+        } else {
+            close(*fd);
+            *fd = -1;
+        }
     }
 
     bool ReadMore() {
@@ -107,8 +115,9 @@ class Child {
         if ((outputFd_ < 0 && errorFd_ < 0) || poll(ends, 2, 60000) <= 0) {
             return false;
         }
-        const bool more = Append(ends[0], &output);
-        return Append(ends[1], &error) || more;
+        Take(ends[0], &outputFd_, &output);
+        Take(ends[1], &errorFd_, &error);
+        return true;
     }
 
     pid_t pid_ = -1;
