@@ -69,8 +69,8 @@ TEST(BoardClock, DoesNotReadTheBlocksCounter) {
         usleep(1000000);
         counted = RealTimeMilliSeconds() - start;
     });
-    EXPECT_GT(counted, real * kPlayersSpeed * 0.9);
-    EXPECT_LT(counted, real * kPlayersSpeed * 1.1);
+    EXPECT_GT(counted, real * kPlayersSpeed * 0.75);  // a loaded machine reads them apart
+    EXPECT_LT(counted, real * kPlayersSpeed * 1.5);
     EXPECT_EQ(GetTickCountLinux() / 100, RealTime());
 }
 
@@ -98,8 +98,9 @@ TEST(BoardClock, FrameworkTimerRunsByAnotherClock) {
         });
     });
     ASSERT_TRUE(fired);
-    EXPECT_GE(RealTimeMilliSeconds() - start, 1990u);
-    EXPECT_LT(real, 1900);
+    const UInt32 counted = RealTimeMilliSeconds() - start;
+    EXPECT_GE(counted, 1990u);
+    EXPECT_LT(real, counted / kPlayersSpeed * 1.5);
     EXPECT_EQ(TimerExit(&timer), kNoError);
 }
 
