@@ -221,10 +221,9 @@ native_case() { # NAME
         sh "$target_dir/board/cases.sh" "$1" >"$run_dir/native-$1.log" 2>&1 8>&-
 }
 
-# The board's cases natively, on pseudo-terminals, all at once, for they are pauses mostly. The link
-# gives an answer 50 ms, which another load of this machine can use up: what failed runs once more.
+# The board's cases natively, on pseudo-terminals, all at once, for they are pauses mostly.
 native_cases() {
-    local name again=()
+    local name
     local -A pids
     : >"$run_dir/native-failed"
     rm -rf "$traces/native" && mkdir -p "$traces/native"/{board,e2e} || return 1
@@ -233,13 +232,10 @@ native_cases() {
         pids[$name]=$!
     done
     for name in "${!pids[@]}"; do
-        wait "${pids[$name]}" || again+=("$name")
-    done
-    for name in "${again[@]}"; do
-        echo "native case $name failed and runs once more:"
-        cat "$run_dir/native-$name.log"
-        native_case "$name" ||
-            echo "native case $name failed again" | tee -a "$run_dir/native-failed"
+        wait "${pids[$name]}" || {
+            cat "$run_dir/native-$name.log"
+            echo "native case $name" >>"$run_dir/native-failed"
+        }
     done
 }
 
@@ -268,7 +264,8 @@ board_lane() {
     [ ! -s "$run_dir/native-failed" ] ||
         count "native runs of the same cases" 0 "$(wc -l <"$run_dir/native-failed")" 0
     check_clock_writes
-    receive board board
+    receive board board || return 1
+    find "$traces" -name '*.again' -exec cat {} +
 }
 
 # What native runs and those in the machine printed and sent, compared.
