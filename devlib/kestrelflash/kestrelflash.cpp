@@ -1,12 +1,14 @@
 // The updater's command line and the order of its work.
 #include "devlib/kestrelflash/kestrelflash.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/logmsg.h"
@@ -43,6 +45,17 @@ const struct {
     {&gbDoOverlook, kOverlookCameraImageName, &progressCtrlT::nCamFileSize},
     {&gbDoOverlook, kOverlookSystemImageName, &progressCtrlT::nSysFileSize},
 };
+
+// A serial line opened in place of a closed standard output would get every console line.
+void FillStandardDescriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
 
 void PrintCommand(int argc, char** argv) {
     puts("Command entered:");
@@ -153,6 +166,7 @@ void print_usage() {
 }
 
 int KestrelFlashMain(int argc, char** argv) {
+    FillStandardDescriptors();
     // A launcher reads the output through a pipe, and a crash must not keep lines back.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     // A launcher or a console that goes away must not end an update half-way.

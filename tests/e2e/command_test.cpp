@@ -43,6 +43,14 @@ TEST(CommandLine, AFailingMicrocontrollerLeavesTheCameraAlone) {
                {{"all-fails", "silent unit=micro", "m.unheard failed"}});
 }
 
+TEST(CommandLine, ConsoleLinesNeverReachALineWhereThereIsNoConsole) {
+    Case it("no-console", {});
+    it.closed_output = true;
+    it.Keep({"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"});
+    it.Run({"all"}, 0, "m.update c.update done");
+    Play(it);
+}
+
 // Each way in which a node cannot be opened looks the same. Those for permission and for a busy
 // node hold for the superuser as well: a read-only kernel file, and a program that is running.
 TEST(Ports, ANodeThatCannotBeOpenedIsGivenUpAfterTenTries) {

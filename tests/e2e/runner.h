@@ -53,8 +53,9 @@ struct Case {
     std::function<void(const Place&)> inspect = [](const Place&) {};
     // Console lines in which this expression is found are left out of the comparison.
     std::string unsteady;
-    int delay_percent = 5;  // of the designed pauses
-    bool own_nodes = true;  // false: the updater looks for the board's own nodes
+    int delay_percent = 5;       // of the designed pauses
+    bool closed_output = false;  // the updater starts without standard output and error
+    bool own_nodes = true;       // false: the updater looks for the board's own nodes
     // Console bytes after which the updater is ended by SIGTERM; the wire is then not compared.
     size_t stop_after = 0;
 };

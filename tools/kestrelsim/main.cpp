@@ -1,5 +1,6 @@
 // kestrelsim, a simulated unit: the microcontroller on serial port 1 and the camera on port 0, on
 // pseudo-terminals that any program can open in place of the board's serial lines.
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/prctl.h>
@@ -116,6 +117,17 @@ Faults ReadFaults(const Options& options) {
     return faults;
 }
 
+// The log or a line opened in place of a closed standard output would get what is printed.
+void FillStandardDescriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 // A descriptor that becomes readable when the user wants the simulator to end.
 int StopSignals() {
     sigset_t signals;
@@ -128,6 +140,7 @@ int StopSignals() {
 }
 
 int Run(Options* options) {
+    FillStandardDescriptors();
     ReadAttachments(options);
     Faults faults = ReadFaults(*options);
     const int stop_fd = StopSignals();
