@@ -147,6 +147,10 @@ void RunDeleteCallback() {
 // The end of every task, run by its own thread when nothing of it is left but this.
 void EndOfTask(void* arg) {
     TCB* tcb = static_cast<TCB*>(arg);
+    int old;
+    // A thread that ended by returning could still be cancelled in here, and would leave the rest,
+    // which a deleter waits for, undone.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
     gSelf = tcb;
     RunDeleteCallback();
     sm_release_all();
