@@ -317,7 +317,10 @@ void DeleteOther(TCB* tcb, UInt32 use) {
 TCB* t_self() {
     if (gSelf == nullptr) {
         MutexGuardT guard(&tcblistmutex);
-        gSelf = static_cast<TCB*>(SearchTree(gTCBTree, static_cast<TreeKeyT>(pthread_self())));
+        auto* tcb = static_cast<TCB*>(SearchTree(gTCBTree, static_cast<TreeKeyT>(pthread_self())));
+        // A deleted task's thread may be gone, and its handle this thread's, before the deleter
+        // takes the block out of the tree.
+        gSelf = tcb != nullptr && Life(tcb) != kTaskGone ? tcb : nullptr;
     }
     return gSelf;
 }
