@@ -3,25 +3,9 @@
 // user function. Any thread may use them.
 #pragma once
 
-#include <pthread.h>
-
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/semaphores.h"
 #include "Common/OS/types.h"
-
-// Holds off the calling thread's cancellation for a scope.
-class NoCancelT {
-  public:
-    NoCancelT() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~NoCancelT() {
-        int ignored;
-        pthread_setcancelstate(before_, &ignored);
-    }
-    NoCancelT(const NoCancelT&) = delete;
-    NoCancelT& operator=(const NoCancelT&) = delete;
-
-  private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 // Holds a semaphore for a scope, waiting for it at the start (with kSmNoWait: only if it is free).
 class SemGuardT {

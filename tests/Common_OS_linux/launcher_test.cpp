@@ -10,7 +10,9 @@
 #include <thread>
 
 #include "Common/OS/linux/procinfo.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/syslogq.h"
+#include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
 
 TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
@@ -53,6 +55,23 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     stop = true;
     fickle.join();
     unlink(kPipe);
+}
+
+TEST(ProcInfo, ATaskDeletedInACommandLeavesItsPipeOpen) {
+    std::atomic<bool> asked{false};
+    const int before = dup(1);
+    close(before);
+    const UInt32 id = Spawn("asks", [&] {
+        char line[8];
+        asked = true;
+        read_command("sleep 1; echo x", line, sizeof(line));
+    });
+    ASSERT_TRUE(Eventually([&] { return asked.load(); }));
+    tm_wkafter(20);
+    t_delete(id);
+    const int after = dup(1);
+    close(after);
+    EXPECT_EQ(after, before);
 }
 
 TEST(ProcInfo, CommandsGiveTheirFirstLineTrimmedAndCut) {

@@ -139,6 +139,21 @@ TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskHoweverItDies) {
     }
 }
 
+TEST(Tasks, AnAttachedThreadDeletedInItsDeleteCallbackStillGoes) {
+    static std::atomic<UInt32> ending;
+    ending = 0;
+    t_set_delete_callback([] {
+        ending = Self();
+        tm_wkafter(10);
+    });
+    std::thread attached(t_attach, "attd", 3, nullptr);
+    ASSERT_TRUE(Eventually([] { return ending != 0; }));
+    std::thread([] { t_delete(ending); }).detach();
+    attached.join();
+    EXPECT_TRUE(Ended(ending));
+    t_set_delete_callback(nullptr);
+}
+
 TEST(Tasks, TwoTasksThatDeleteEachOtherBothGo) {
     for (int round = 0; round < 200; round++) {
         std::atomic<UInt32> ids[2] = {};

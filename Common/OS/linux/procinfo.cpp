@@ -9,6 +9,7 @@
 
 #include <atomic>
 
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/osstring.h"
 
 namespace {
@@ -51,6 +52,7 @@ int read_env(const char* variable, char* buff, int max) {
 
 int read_command(const char* command, char* buff, int max) {
     buff[0] = '\0';
+    const NoCancelT no_cancel;  // the pipe is closed, and the shell waited for, in any case
     FILE* pipe = popen(command, "r");
     if (pipe == nullptr) {
         return -1;
@@ -77,6 +79,7 @@ int is_NFS() {
 }
 
 int find_pid(const char* process_name) {
+    const NoCancelT no_cancel;
     DIR* proc = opendir("/proc");
     if (proc == nullptr) {
         puts("could not open /proc");

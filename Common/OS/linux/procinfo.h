@@ -1,5 +1,6 @@
 // Questions to the environment, to shell commands and to the process file system. Any thread may
-// call; read_command and is_NFS block for as long as the command runs.
+// call; read_command and is_NFS block for as long as the command runs, and a task deleted meanwhile
+// goes when it has ended.
 #pragma once
 
 #include "Common/OS/types.h"

@@ -10,6 +10,7 @@
 
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 
 namespace {
@@ -62,6 +63,7 @@ void StoreTimes(UInt32 id, int usrtime, int systime) {
 
 // Reads name, user and system time (clock ticks) from a "stat" file; false when it is gone.
 bool ReadStat(const char* path, char (&name)[32], long* usrtime, long* systime) {
+    const NoCancelT no_cancel;
     FILE* file = fopen(path, "r");
     if (file == nullptr) {
         return false;
@@ -83,6 +85,7 @@ bool ReadStat(const char* path, char (&name)[32], long* usrtime, long* systime) 
 
 // Fills `processes` with every process but this one; returns how many.
 int ReadProcesses(ProcessT (&processes)[kMaxProcesses]) {
+    const NoCancelT no_cancel;
     DIR* proc = opendir("/proc");
     if (proc == nullptr) {
         return 0;

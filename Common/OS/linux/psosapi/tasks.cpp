@@ -147,6 +147,10 @@ void RunDeleteCallback() {
 // The end of every task, run by its own thread when nothing of it is left but this.
 void EndOfTask(void* arg) {
     TCB* tcb = static_cast<TCB*>(arg);
+    int old;
+    // A thread that ended by returning could still be cancelled in here, and would leave the rest,
+    // which a deleter waits for, undone.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
     gSelf = tcb;
     RunDeleteCallback();
     sm_release_all();
@@ -313,7 +317,10 @@ void DeleteOther(TCB* tcb, UInt32 use) {
 TCB* t_self() {
     if (gSelf == nullptr) {
         MutexGuardT guard(&tcblistmutex);
-        gSelf = static_cast<TCB*>(SearchTree(gTCBTree, static_cast<TreeKeyT>(pthread_self())));
+        auto* tcb = static_cast<TCB*>(SearchTree(gTCBTree, static_cast<TreeKeyT>(pthread_self())));
+        // A deleted task's thread may be gone, and its handle this thread's, before the deleter
+        // takes the block out of the tree.
+        gSelf = tcb != nullptr && Life(tcb) != kTaskGone ? tcb : nullptr;
     }
     return gSelf;
 }
