@@ -125,6 +125,7 @@ typedef enum : UInt32 {
     kDeferredRunning = 3
 } DeferredStageT;
 
+// The fields' order is fixed. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 typedef struct ModDeferredFuncS {
     ListT list;
     UInt32 taskID;  // the task that runs it
