@@ -1,16 +1,15 @@
 // The updater's command line and the order of its work.
 #include "devlib/kestrelflash/kestrelflash.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "Common/OS/linux/psosapi/tasks.h"
+#include "Common/OS/linux/standardfds.h"
 #include "Common/OS/logmsg.h"
 #include "devlib/devmgr_serial/devmgr_serial.h"
 #include "devlib/kestrelflash/microupdate.h"
@@ -45,17 +44,6 @@ const struct {
     {&gbDoOverlook, kOverlookCameraImageName, &progressCtrlT::nCamFileSize},
     {&gbDoOverlook, kOverlookSystemImageName, &progressCtrlT::nSysFileSize},
 };
-
-// A serial line opened in place of a closed standard output would get every console line.
-void FillStandardDescriptors() {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        close(fd);
-    }
-}
 
 void PrintCommand(int argc, char** argv) {
     puts("Command entered:");

@@ -1,6 +1,5 @@
 // kestrelsim, a simulated unit: the microcontroller on serial port 1 and the camera on port 0, on
 // pseudo-terminals that any program can open in place of the board's serial lines.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/prctl.h>
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "Common/OS/linux/standardfds.h"
 #include "tools/kestrelsim/event_log.h"
 #include "tools/kestrelsim/faults.h"
 #include "tools/kestrelsim/simulator.h"
@@ -115,17 +115,6 @@ Faults ReadFaults(const Options& options) {
         faults.Seed(*options.seed);
     }
     return faults;
-}
-
-// The log or a line opened in place of a closed standard output would get what is printed.
-void FillStandardDescriptors() {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        close(fd);
-    }
 }
 
 // A descriptor that becomes readable when the user wants the simulator to end.

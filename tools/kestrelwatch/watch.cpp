@@ -2,7 +2,6 @@
 // the user's side is written to by threads of their own (see outlet.h).
 #include "tools/kestrelwatch/watch.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -12,6 +11,7 @@
 
 #include <algorithm>
 
+#include "Common/OS/linux/standardfds.h"
 #include "tools/kestrelwatch/guard.h"
 #include "tools/kestrelwatch/lines.h"
 #include "tools/kestrelwatch/model.h"
@@ -31,15 +31,6 @@ std::int64_t NowMs() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// A descriptor that was closed at the start would be given to a pipe, and our lines would go there.
-void FillStandardFds() {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            [[maybe_unused]] const int filled = open("/dev/null", O_RDWR);
-        }
-    }
 }
 
 // One output of the updater on its way to ours.
@@ -220,7 +211,7 @@ void Watcher::PassRest(StreamT* stream) {
 }  // namespace
 
 int Run(const OptionsT& options) {
-    FillStandardFds();
+    FillStandardDescriptors();
     const std::string program = FindUpdater(options.command.at(0));
     Signals signals;
     ProgressPipe pipe(options.pipe);
