@@ -85,6 +85,16 @@ AT(DEVCB, fd, 100);
 AT(DEVCB, transferMode, 104);
 SIZE(DEVCB, 108);
 
+AT(DevmgrSerial_CBdata_t, buff, 0);
+AT(DevmgrSerial_CBdata_t, size, 4);
+AT(DevmgrSerial_CBdata_t, NumBytes, 4);
+SIZE(DevmgrSerial_CBdata_t, 8);
+
+AT(DevmgrSerial_CBInfo_t, txCBFunc, 0);
+AT(DevmgrSerial_CBInfo_t, rxCBFunc, 4);
+AT(DevmgrSerial_CBInfo_t, Context_Data, 8);
+SIZE(DevmgrSerial_CBInfo_t, 12);
+
 AT(DevMgrSerial_CB_t, devCB, 0);
 AT(DevMgrSerial_CB_t, portType, 108);
 AT(DevMgrSerial_CB_t, cbInfo, 112);

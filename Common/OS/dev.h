@@ -10,7 +10,6 @@
 #include <poll.h>
 
 #include <atomic>
-#include <cstddef>
 
 #include "Common/OS/types.h"
 
@@ -52,8 +51,6 @@ typedef struct DeviceIORequestBlock {
     UInt32 signature;  // the characters "IORB" in memory order, written by iorb_init
     UInt32 flags;
 } IORB;
-static_assert(sizeof(void*) != 4 || (offsetof(IORB, reqLen) == 16 && offsetof(IORB, pDev) == 44 &&
-                                     offsetof(IORB, signature) == 56 && sizeof(IORB) == 64));
 
 // A queue of requests, linked through the requests themselves.
 typedef struct IORequestBlockList {
@@ -92,8 +89,6 @@ typedef struct DeviceControlBlock {
     std::atomic<int> fd;  // descriptor that the device manager opened, 0 until then
     int transferMode;
 } DEVCB;
-static_assert(sizeof(void*) != 4 || (offsetof(DEVCB, open) == 16 && offsetof(DEVCB, state) == 40 &&
-                                     offsetof(DEVCB, fd) == 100 && sizeof(DEVCB) == 108));
 
 // Fills a control block: closed, counters, links and descriptor 0. Of `name` seven characters are
 // kept. Entry points may be null, but an open device must have `ioctl` to receive control requests.

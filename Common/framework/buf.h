@@ -39,7 +39,6 @@ typedef struct BufS {
     unsigned int timeSent;  // ms clock when last taken from its pool
     void* pBufPool;         // the pool, null for none
 } BufT;
-static_assert(sizeof(void*) != 4 || sizeof(BufT) == 64, "the descriptor's size on the board");
 
 // Allocates a buffer of its own for `bufLen` bytes, or a descriptor without data when that is 0:
 // one block, aligned to 128 and zeroed, initialised, a ring of one. `bufDescLen` is at least

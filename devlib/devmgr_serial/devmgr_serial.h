@@ -38,10 +38,6 @@ typedef struct {
     UInt32 portnum;
 } DevMgrSerial_CB_t;
 static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
-static_assert(sizeof(void*) != 4 ||
-              (offsetof(DevMgrSerial_CB_t, cbInfo) == 112 &&
-               offsetof(DevMgrSerial_CB_t, asyncThread_running) == 124 &&
-               offsetof(DevMgrSerial_CB_t, threadID) == 132 && sizeof(DevMgrSerial_CB_t) == 140));
 
 extern DevMgrSerial_CB_t CBList[kSerialLines];  // index = port number
 extern const SInt8* const SerialPort_DevNames[kSerialLines];

@@ -2,8 +2,6 @@
 // data, result codes and callbacks. The control data travels as the buffer of an ioctl request.
 #pragma once
 
-#include <cstddef>
-
 #include "Common/OS/types.h"
 
 // Result of a serial request, in the request's err.
@@ -78,5 +76,3 @@ typedef union {
     DevmgrSerial_Status_t PortStatus;
 } DevmgrSerial_IoctlData_t;
 static_assert(sizeof(DevmgrSerial_IoctlData_t) == 8);
-static_assert(sizeof(void*) != 4 ||
-              (sizeof(DevmgrSerial_CBdata_t) == 8 && sizeof(DevmgrSerial_CBInfo_t) == 12));

@@ -19,7 +19,6 @@ typedef struct {
     SInt32 totalBlock;
     SInt32 BlockRetries;  // attempts left; 3 means a fresh block, to be read from the file
 } KestrelMicroUpdateInfoT;
-static_assert(sizeof(void*) != 4 || sizeof(KestrelMicroUpdateInfoT) == 16);
 
 extern KestrelMicroUpdateInfoT gMicroUpdateInfo;
 

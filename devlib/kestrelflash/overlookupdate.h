@@ -34,7 +34,6 @@ typedef struct {
     SInt32 totalSysBlock;
     SInt32 sysBlockRetries;
 } OverlookUpdateInfoT;
-static_assert(sizeof(void*) != 4 || sizeof(OverlookUpdateInfoT) == 32);
 
 extern OverlookUpdateInfoT gOverlookUpdateInfo;
 

@@ -15,7 +15,6 @@ typedef struct {
     SInt32 nCamFileSize;
     const SInt8* pszCommPipe;  // the pipe's path, owned by the argument vector
 } progressCtrlT;
-static_assert(sizeof(void*) != 4 || sizeof(progressCtrlT) == 40);
 
 extern progressCtrlT gProgressCtrl;
 
