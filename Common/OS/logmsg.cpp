@@ -262,7 +262,7 @@ int RepeatLine(char* out, int held_back) {
 // completes a line which is to be printed, moves it into `text` and returns its length; else 0.
 int AssembleLine(char* text, size_t header) {
     const bool ends = strchr(text, '\n') != nullptr;
-    MutexGuardT guard(&logmsgmutex);
+    CancellableMutexGuardT guard(&logmsgmutex);
     size_t used = strlen(gCurLine);
     used = Append(gCurLine, used, kLogLineSize, used == 0 ? text : text + header);
     if (!ends) {

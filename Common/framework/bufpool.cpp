@@ -39,7 +39,7 @@ class RegionT {
     RegionT() : guard_(freeListRegion.load(std::memory_order_relaxed)) {}
 
   private:
-    SemaphoreGuardT guard_;
+    CancellableSemGuardT guard_;
 };
 
 std::atomic_ref<unsigned int> Counter(unsigned int& field) {

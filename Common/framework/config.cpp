@@ -222,7 +222,7 @@ class ChangeGuardT {
     ChangeGuardT& operator=(const ChangeGuardT&) = delete;
 
   private:
-    MutexGuardT guard_;
+    CancellableMutexGuardT guard_;
     std::atomic<bool>* held_;
 };
 

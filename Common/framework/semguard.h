@@ -1,6 +1,5 @@
-// Scopes that the framework's own locks are held for. Cancellation is held off meanwhile, so that a
-// task that is deleted leaves no list or pool half changed; what is guarded is short and calls no
-// user function. Any thread may use them.
+// Holds a semaphore for a scope in which the task's deletion is held off; when to use it stands in
+// mutexguard.h. Any thread may use it.
 #pragma once
 
 #include "Common/OS/linux/nocancel.h"

@@ -203,7 +203,7 @@ void SerialLineSetTransmitter(DevMgrSerial_CB_t* serialCB, UInt32 status) {
 }
 
 int SerialLineReadNow(DevMgrSerial_CB_t* serialCB, SInt8* buffer, UInt32 size) {
-    const MutexGuardT held(&readLocks[serialCB->portnum].mutex);
+    const CancellableMutexGuardT held(&readLocks[serialCB->portnum].mutex);
     pollfd ready = {DescriptorOf(serialCB), POLLIN, 0};
     const int count = poll(&ready, 1, 0);
     if (count == 0) {

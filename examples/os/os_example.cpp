@@ -23,7 +23,7 @@ void Sensor(UInt32 main_task, UInt32 samples, UInt32, UInt32) {
     for (UInt32 i = 1; i <= samples; i++) {
         ev_receive(kBeat, kEvAny, 0, &events);
         {
-            const SemaphoreGuardT guard(gLock);
+            const CancellableSemGuardT guard(gLock);
             gTotal += static_cast<int>(i);
             printf("sensor: sample %u\n", i);
         }
@@ -50,7 +50,7 @@ int main() {
     while (ev_receive(kSample, kEvAny, 200, &events) == kTaskOk) {
     }
     puts("main: no more samples");
-    const SemaphoreGuardT guard(gLock);
+    const CancellableSemGuardT guard(gLock);
     printf("main: total %d\n", gTotal);
     return 0;
 }

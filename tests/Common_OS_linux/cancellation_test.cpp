@@ -25,7 +25,7 @@ void (*const kActions[])(UInt32) = {
     [](UInt32 n) { logwarn("test", "line %u of a task that will be deleted\n", n); },
     [](UInt32) { logwarn("test", "an unfinished line"); },
     [](UInt32 n) {
-        const SemaphoreGuardT guard(gSemaphore);
+        const CancellableSemGuardT guard(gSemaphore);
         udelay(n % 300);
     },
     [](UInt32 n) {

@@ -137,7 +137,7 @@ void Victim(UInt32 seed, UInt32, UInt32, UInt32) {
                 ev_receive(0x1, 0, 1 + seed % 3, &events);
                 break;
             case 1: {
-                const SemaphoreGuardT guard(gSemaphore);
+                const CancellableSemGuardT guard(gSemaphore);
                 gGuarded++;
                 gGuardedEntries++;
                 udelay(50);

@@ -104,7 +104,7 @@ bool ReadAnswer(char (&line)[kLineSize]) {
 
 int system_pthread(const char* command) {
     pthread_once(&gOnce, MakeSemaphore);
-    const SemaphoreGuardT guard(sysCallSema);
+    const CancellableSemGuardT guard(sysCallSema);
     int result = -1;
     char line[kLineSize] = "";
     if (SendCommand(command) && ReadAnswer(line)) {

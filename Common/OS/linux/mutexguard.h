@@ -1,26 +1,41 @@
 // Takes a POSIX mutex, and holds it for a scope.
+//
+// Which guard to use, for mutexes and semaphores alike, depends on what happens when the task is
+// deleted inside the scope:
+//   MutexGuardT, SemGuardT: the deletion is held off until the scope ends, so nothing that is
+//     guarded is left half changed. This is the rule. The scope waits for nothing but short-held
+//     locks and calls no user function, or the deleter would wait as long.
+//   CancellableMutexGuardT, CancellableSemGuardT: the task goes where it waits, and the lock is
+//     released on its way. Only for scopes that wait or call user functions, and only where what is
+//     guarded is whole at each of those places.
+//   InterruptsOffT: for sections without any place at which a task can be deleted; it costs least.
 #pragma once
 
 #include <pthread.h>
 
-// Takes a mutex that others hold for short times, whatever its kind. Most holders run on another
-// processor and are done sooner than a wait would have begun, and a lock with priority inheritance
-// that is once waited for is handed on through the kernel from then on; so this looks a few times
-// (about 2 us on a workstation) before it waits. With one processor there is nothing to look for.
-// Results: pthread_mutex_lock's.
+#include "Common/OS/linux/nocancel.h"
+
+// Takes a mutex that others hold for short times, whatever its kind. On a machine with several
+// processors most holders run on another one and are done sooner than a wait would have begun, and
+// a lock with priority inheritance that is once waited for is handed on through the kernel from
+// then on; so there this looks a few times (about 2 us on a workstation) before it waits. Results:
+// pthread_mutex_lock's.
 int LockShortHeld(pthread_mutex_t* mutex);
 
-// The looking alone: takes the mutex, or gives up. Results: pthread_mutex_trylock's.
+// The looking alone: takes the mutex, or gives up, at once where looking again does not pay.
+// Results: pthread_mutex_trylock's.
 int TryLockForAWhile(pthread_mutex_t* mutex);
 
 // Releases also when a cancelled thread unwinds through the scope. Unlocking is no cancellation
 // point, so an ordinary destructor serves.
-class MutexGuardT {
+class CancellableMutexGuardT {
   public:
-    explicit MutexGuardT(pthread_mutex_t* mutex) : mutex_(mutex) { LockShortHeld(mutex_); }
-    ~MutexGuardT() { Unlock(); }
-    MutexGuardT(const MutexGuardT&) = delete;
-    MutexGuardT& operator=(const MutexGuardT&) = delete;
+    explicit CancellableMutexGuardT(pthread_mutex_t* mutex) : mutex_(mutex) {
+        LockShortHeld(mutex_);
+    }
+    ~CancellableMutexGuardT() { Unlock(); }
+    CancellableMutexGuardT(const CancellableMutexGuardT&) = delete;
+    CancellableMutexGuardT& operator=(const CancellableMutexGuardT&) = delete;
 
     // Releases before the scope ends; later calls do nothing.
     void Unlock() {
@@ -32,4 +47,16 @@ class MutexGuardT {
 
   private:
     pthread_mutex_t* mutex_;
+};
+
+class MutexGuardT {
+  public:
+    explicit MutexGuardT(pthread_mutex_t* mutex) : guard_(mutex) {}
+
+    // Releases before the scope ends; the deletion stays held off until then.
+    void Unlock() { guard_.Unlock(); }
+
+  private:
+    NoCancelT no_cancel_;
+    CancellableMutexGuardT guard_;
 };

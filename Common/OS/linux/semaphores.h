@@ -51,13 +51,14 @@ UInt32 sm_delete(UInt32 smid);
 // Gives back every semaphore that the calling thread holds. Called as a task ends.
 void sm_release_all();
 
-// Holds a semaphore for a scope. A wait that is cancelled leaves it free.
-class SemaphoreGuardT {
+// Holds a semaphore for a scope in which the task may be deleted, see mutexguard.h. A wait that is
+// cancelled leaves it free.
+class CancellableSemGuardT {
   public:
-    explicit SemaphoreGuardT(UInt32 smid) : smid_(smid) { sm_p(smid_, 0, 0); }
-    ~SemaphoreGuardT() noexcept(false) { Release(); }
-    SemaphoreGuardT(const SemaphoreGuardT&) = delete;
-    SemaphoreGuardT& operator=(const SemaphoreGuardT&) = delete;
+    explicit CancellableSemGuardT(UInt32 smid) : smid_(smid) { sm_p(smid_, 0, 0); }
+    ~CancellableSemGuardT() noexcept(false) { Release(); }
+    CancellableSemGuardT(const CancellableSemGuardT&) = delete;
+    CancellableSemGuardT& operator=(const CancellableSemGuardT&) = delete;
 
     // Gives it back before the scope ends; later calls do nothing.
     void Release() {

@@ -288,7 +288,7 @@ UInt32 tm_callback_after(UInt32 ticks, UInt32* tmid, tm_callback_ptr cbhandler, 
 
 UInt32 tm_cancel(UInt32 tmid) {
     TMCB* timer = from_id<TMCB>(tmid);
-    MutexGuardT guard(&tmcblistmutex);
+    CancellableMutexGuardT guard(&tmcblistmutex);
     const bool armed = IsArmed(timer);
     if (armed) {
         Disarm(timer);
@@ -306,7 +306,7 @@ UInt32 tm_cancel(UInt32 tmid) {
 
 void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler) {
     TMCB* timer = from_id<TMCB>(tmid);
-    MutexGuardT guard(&tmcblistmutex);
+    CancellableMutexGuardT guard(&tmcblistmutex);
     if (IsArmed(timer) && timer->taskID == taskID && timer->cbptr == cbhandler) {
         Disarm(timer);
     }
@@ -316,7 +316,7 @@ void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler) {
 }
 
 void tm_cancel_all_of(UInt32 taskID, tm_callback_ptr quick) {
-    MutexGuardT guard(&tmcblistmutex);
+    CancellableMutexGuardT guard(&tmcblistmutex);
     for (TMCB* timer = timerList; timer != nullptr;) {
         TMCB* next = timer->next;
         if (timer->taskID == taskID) {

@@ -167,7 +167,7 @@ void osTaskUsage() {
 }
 
 void cpu_usage_other() {
-    MutexGuardT guard(&gReportMutex);
+    CancellableMutexGuardT guard(&gReportMutex);
     static ProcessT now[kMaxProcesses];
     static ProcessT delta[kMaxProcesses];
     const int count = ReadProcesses(now);

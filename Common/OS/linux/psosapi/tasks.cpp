@@ -263,7 +263,7 @@ class GoneWaitT {
     GoneWaitT& operator=(const GoneWaitT&) = delete;
 
     void Wait() {
-        MutexGuardT guard(&tcblistmutex);
+        CancellableMutexGuardT guard(&tcblistmutex);
         while (Life(tcb_) != kTaskGone) {
             pthread_cond_wait(&gGone, &tcblistmutex);
         }

@@ -1,20 +1,12 @@
-// How a mutex is taken that is held for short times.
-#include "Common/OS/linux/mutexguard.h"
-
+// How a mutex is taken that is held for short times, where there may be several processors.
 #include <errno.h>
 #include <unistd.h>
+
+#include "Common/OS/linux/mutexguard.h"
 
 namespace {
 
 constexpr int kAttempts = 200;  // well under the time of a wake-up
-
-// ThreadSanitizer learns the order of locks from waits only: an attempt that may fail deadlocks
-// with nothing, so it would find no wrong order any more.
-#ifdef __SANITIZE_THREAD__
-constexpr bool kLookFirst = false;
-#else
-constexpr bool kLookFirst = true;
-#endif
 
 }  // namespace
 
@@ -30,6 +22,6 @@ int TryLockForAWhile(pthread_mutex_t* mutex) {
 }
 
 int LockShortHeld(pthread_mutex_t* mutex) {
-    const int err = kLookFirst ? TryLockForAWhile(mutex) : EBUSY;
+    const int err = TryLockForAWhile(mutex);
     return err == EBUSY ? pthread_mutex_lock(mutex) : err;
 }
