@@ -119,7 +119,7 @@ TEST(Tasks, AttachedThreadsAreTasksUntilTheyEndOrAreDeletedAndTheirMakerJoinsThe
     }
 }
 
-TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskHoweverItDies) {
+TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskWhenItsStackHasUnwound) {
     static std::vector<UInt32> runs;
     t_set_delete_callback([] {
         runs.push_back(Self());
@@ -128,14 +128,20 @@ TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskHoweverItDies) {
     });
     const std::function<void()> ways[] = {[] {}, [] { t_delete(0); }, [] { pthread_exit(nullptr); },
                                           [] { tm_wkafter(100000); }};
+    struct OnStackT {
+        ~OnStackT() { runs.push_back(0); }
+    };
     for (const auto& way : ways) {
         runs.clear();
-        const UInt32 id = Spawn("dies", way);
+        const UInt32 id = Spawn("dies", [&way] {
+            const OnStackT held;
+            way();
+        });
         if (&way == &ways[3]) {
             t_delete(id);
         }
         ASSERT_TRUE(Ended(id));
-        EXPECT_THAT(runs, testing::ElementsAre(id, id));
+        EXPECT_THAT(runs, testing::ElementsAre(0, id, id));
     }
 }
 

@@ -34,7 +34,7 @@ std::atomic<void (*)()> gDeleteCallback{nullptr};
 pthread_once_t gKeyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t gKey;         // its value is the thread's TCB, its destructor ends the task
 thread_local TCB* gSelf;    // what gTCBTree says of this thread
-thread_local bool gEnding;  // the delete callback has been run or is running
+thread_local bool gEnding;  // the task has begun to end
 pthread_cond_t gGone = PTHREAD_COND_INITIALIZER;  // a claimed task became kTaskGone
 
 TaskLifeT Life(const TCB* tcb) {
@@ -135,15 +135,6 @@ void t_free_tcb(TCB* tcb) {
     gPool.Give(tcb);
 }
 
-void RunDeleteCallback() {
-    if (!gEnding) {
-        gEnding = true;
-        if (void (*callback)() = gDeleteCallback.load(std::memory_order_acquire)) {
-            callback();
-        }
-    }
-}
-
 // The end of every task, run by its own thread when nothing of it is left but this.
 void EndOfTask(void* arg) {
     TCB* tcb = static_cast<TCB*>(arg);
@@ -152,7 +143,10 @@ void EndOfTask(void* arg) {
     // which a deleter waits for, undone.
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
     gSelf = tcb;
-    RunDeleteCallback();
+    gEnding = true;
+    if (void (*callback)() = gDeleteCallback.load(std::memory_order_acquire)) {
+        callback();
+    }
     sm_release_all();
     interrupts_release_all();
     tm_cancel_all_of(id_of(tcb), ev_receive_timeout);
@@ -225,19 +219,14 @@ UInt32 CheckedPriority(UInt32 priority, const char* caller) {
     return 0;
 }
 
-// Ends the calling thread's task; does not return unless the task is ending already.
-void DeleteSelf(TCB* tcb) {
-    if (gEnding) {
-        return;
-    }
+// Ends the calling thread's task. The rest is EndOfTask's, when the stack has unwound.
+[[noreturn]] void DeleteSelf(TCB* tcb) {
+    gEnding = true;
     {
         MutexGuardT guard(&tcblistmutex);
         if (tcb != nullptr && Life(tcb) == kTaskRunning) {
             SetLife(tcb, kTaskEnding);
         }
-    }
-    if (tcb != nullptr) {
-        RunDeleteCallback();
     }
     pthread_exit(nullptr);
 }

@@ -132,8 +132,8 @@ int get_sched_policy();
 void set_sched_policy(int policy);
 
 // Registers the function that a dying task runs, in its own thread, before its control block goes
-// (null: none). The module framework uses it to finish the task's pending work. A task that is
-// cancelled runs it while it unwinds.
+// (null: none). The module framework uses it to finish the task's pending work. However the task
+// ends, its stack has unwound before, and it can be cancelled no more.
 void t_set_delete_callback(void (*callback)());
 
 // Maps a kernel thread id back to its task. t_name_from_pid returns the name, "????" if no task
