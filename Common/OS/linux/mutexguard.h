@@ -22,8 +22,8 @@
 // pthread_mutex_lock's.
 int LockShortHeld(pthread_mutex_t* mutex);
 
-// The looking alone: takes the mutex, or gives up, at once where looking again does not pay.
-// Results: pthread_mutex_trylock's.
+// The looking alone, as often as it pays: takes the mutex, or returns EBUSY and the caller waits.
+// Other results: pthread_mutex_lock's.
 int TryLockForAWhile(pthread_mutex_t* mutex);
 
 // Releases also when a cancelled thread unwinds through the scope. Unlocking is no cancellation

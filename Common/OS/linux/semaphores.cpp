@@ -38,16 +38,19 @@ void InitMutex(pthread_mutex_t* mutex) {
 }
 
 int WaitFor(pthread_mutex_t* mutex) {
+    clockid_t clock = CLOCK_MONOTONIC;
     for (;;) {
         timespec end;
-        clock_gettime(CLOCK_REALTIME, &end);
+        clock_gettime(clock, &end);
         end.tv_nsec += kWaitSlice;
         if (end.tv_nsec >= 1000000000) {
             end.tv_nsec -= 1000000000;
             end.tv_sec++;
         }
-        const int err = pthread_mutex_timedlock(mutex, &end);
-        if (err != ETIMEDOUT) {
+        const int err = pthread_mutex_clocklock(mutex, clock, &end);
+        if ((err == EINVAL || err == ENOSYS) && clock == CLOCK_MONOTONIC) {
+            clock = CLOCK_REALTIME;  // kernels before 5.14 know no other for these mutexes
+        } else if (err != ETIMEDOUT) {
             return err;
         }
         pthread_testcancel();
@@ -91,14 +94,12 @@ UInt32 sm_p(UInt32 smid, UInt32 opt, UInt32) {
     if (sm == nullptr) {
         return kSmBadId;
     }
-    int err = pthread_mutex_trylock(&sm->mutex);
+    const bool waits = (opt & kSmNoWait) == 0;
+    int err = waits ? TryLockForAWhile(&sm->mutex) : pthread_mutex_trylock(&sm->mutex);
     if (err == EBUSY) {
-        if ((opt & kSmNoWait) != 0) {
+        if (!waits) {
             return kSmTaken;
         }
-        err = TryLockForAWhile(&sm->mutex);
-    }
-    if (err == EBUSY) {
         err = WaitFor(&sm->mutex);
     }
     if (err != 0) {

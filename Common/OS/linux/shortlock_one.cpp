@@ -1,6 +1,5 @@
 // How a mutex is taken that is held for short times, where there is one processor: a holder that
-// is not running cannot be done before the caller waits. Also for ThreadSanitizer, which learns the
-// order of locks from waits only.
+// does not run is not done any sooner for being looked at again.
 #include "Common/OS/linux/mutexguard.h"
 
 int TryLockForAWhile(pthread_mutex_t* mutex) {
