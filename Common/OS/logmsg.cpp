@@ -29,7 +29,6 @@ int gSpewCount;                // lines held back since the last one let through
 std::atomic<int> gSpewFilter{0};
 std::atomic<int> gLogFormat{kLogFormatProc};
 std::atomic<int> gEchoToSyslog{0};
-std::atomic<int> gLastLineWasFiltered{0};
 std::atomic<const LogConfigT*> gConfig{nullptr};
 
 typedef char FilterSlotsT[kLogFilterCount][kLogFilterSize];
@@ -38,6 +37,9 @@ FilterSlotsT gShowFilters;                                 // an empty slot is a
 FilterSlotsT gCullFilters;
 std::atomic<int> gNumShowFilters{0};  // written under gFilterMutex
 std::atomic<int> gNumCullFilters{0};
+
+// Only written: for whoever looks at the process with a debugger.
+std::atomic<int> gLastLineWasFiltered{0};
 std::atomic<int> gShowFiltersLoaded{0};  // 1 once read from the configuration
 std::atomic<int> gCullFiltersLoaded{0};
 
@@ -66,7 +68,7 @@ constexpr KeywordT kFormatKeywords[] = {{kLogFormatDate, "date"},
 
 // The registered configuration; null also on processors that keep no settings.
 const LogConfigT* Config() {
-    return GetProcessorNum() == 0 ? gConfig.load(std::memory_order_acquire) : nullptr;
+    return GetProcessorNum() == 0 ? gConfig.load() : nullptr;
 }
 
 bool ReadConfig(const LogConfigT* config, const char* name, int instance, char* value) {
@@ -94,7 +96,7 @@ int AddFilter(const FilterTableT& table, const char* filter) {
                 const size_t length = strnlen(filter, kLogFilterSize - 1);
                 memcpy(slot, filter, length);
                 slot[length] = '\0';
-                table.count.fetch_add(1, std::memory_order_relaxed);
+                table.count++;
                 return 0;
             }
         }
@@ -113,7 +115,7 @@ int DeleteFilter(const FilterTableT& table, const char* filter) {
                 continue;
             }
             slot[0] = '\0';
-            table.count.fetch_sub(1, std::memory_order_relaxed);
+            table.count--;
             if (!all) {
                 return 0;
             }
@@ -148,7 +150,7 @@ int LoadFilters(const FilterTableT& table) {
     if (config == nullptr) {
         return 0;
     }
-    table.loaded.store(1, std::memory_order_relaxed);
+    table.loaded = 1;
     int added = 0;
     for (int i = 0; i < kLogFilterCount; i++) {
         char value[kLogConfigValueSize];
@@ -172,21 +174,29 @@ int SaveFilters(const FilterTableT& table) {
     return result;
 }
 
-// Whether the line contains one of the filters; `if_empty` when there is none.
-bool Matches(const FilterTableT& table, const char* line, bool if_empty) {
-    if (table.count.load(std::memory_order_relaxed) == 0) {
+// Whether the first `length` characters contain one of the filters; `if_empty` when there is none.
+bool Matches(const FilterTableT& table, const char* line, size_t length, bool if_empty) {
+    if (table.count == 0) {
         return if_empty;
     }
     MutexGuardT guard(&gFilterMutex);
-    if (table.count.load(std::memory_order_relaxed) == 0) {
+    if (table.count == 0) {
         return if_empty;
     }
     for (const auto& slot : table.slots) {
-        if (slot[0] != '\0' && strstr(line, slot) != nullptr) {
+        if (slot[0] != '\0' && memmem(line, length, slot, strlen(slot)) != nullptr) {
             return true;
         }
     }
     return false;
+}
+
+// Whether the filters let a line of at most `len` characters through.
+bool Passes(const char* line, int len) {
+    const size_t length = strnlen(line, static_cast<size_t>(len));
+    const bool passes = Matches(kShow, line, length, true) && !Matches(kCull, line, length, false);
+    gLastLineWasFiltered = passes ? 0 : 1;
+    return passes;
 }
 
 void LoadSettings() {
@@ -197,17 +207,6 @@ void LoadSettings() {
         logmsg_cullfilter_dump();
     }
     logmsg_format_load();
-}
-
-// Filters a line and queues it.
-int PrintLine(const char* line, int len) {
-    const bool dropped = !Matches(kShow, line, true) || Matches(kCull, line, false);
-    gLastLineWasFiltered.store(dropped ? 1 : 0, std::memory_order_relaxed);
-    if (dropped) {
-        return 0;
-    }
-    syslogAdd(line, len);
-    return len;
 }
 
 // ---- assembling lines ----
@@ -260,7 +259,8 @@ int RepeatLine(char* out, int held_back) {
 
 // Adds a call's text, of which `header` characters are the header, to the current line. When that
 // completes a line which is to be printed, moves it into `text` and returns its length; else 0.
-int AssembleLine(char* text, size_t header) {
+// What became of the repeat filter's report is left in *repeat, for syslogFinish.
+int AssembleLine(char* text, size_t header, LogPutT* repeat) {
     const bool ends = strchr(text, '\n') != nullptr;
     CancellableMutexGuardT guard(&logmsgmutex);
     size_t used = strlen(gCurLine);
@@ -271,7 +271,7 @@ int AssembleLine(char* text, size_t header) {
     memcpy(text, gCurLine, used + 1);
     gCurLine[0] = '\0';
     int held_back = 0;
-    if (gSpewFilter.load(std::memory_order_relaxed) != 0) {
+    if (gSpewFilter != 0) {
         if (strcmp(gLastLine, text) == 0) {
             gSpewCount++;
             return 0;
@@ -284,8 +284,11 @@ int AssembleLine(char* text, size_t header) {
         // With the lock held, so that no other task's line comes between. The state is complete
         // before: the task may be deleted in here. The configuration is left alone in here, it may
         // be held by a task that waits for this lock.
-        char repeat[kLogLineSize];
-        PrintLine(repeat, RepeatLine(repeat, held_back));
+        char line[kLogLineSize];
+        const int length = RepeatLine(line, held_back);
+        if (Passes(line, length)) {
+            *repeat = syslogPut(line, length);
+        }
     }
     return static_cast<int>(used);
 }
@@ -307,9 +310,12 @@ int va_logmsg(std::va_list ap, int level, const char* component, const char* fmt
         if (write(STDERR_FILENO, text, strlen(text)) < 0) {
             formatted = 0;
         }
-    } else if (const int length = AssembleLine(text, header)) {
-        logmsg_print(text, length);
+        return static_cast<int>(header) + formatted;
     }
+    LogPutT repeat = {};
+    const int length = AssembleLine(text, header, &repeat);
+    syslogFinish(repeat);
+    logmsg_print(text, length);
     return static_cast<int>(header) + formatted;
 }
 
@@ -317,11 +323,14 @@ int logmsg_print(const char* msg, int len) {
     if (msg == nullptr || msg[0] == '\0' || len <= 0) {
         return 0;
     }
-    if (gConfigLoaded.load(std::memory_order_relaxed) == 0 && Config() != nullptr &&
-        gConfigLoaded.exchange(1, std::memory_order_relaxed) == 0) {
+    if (gConfigLoaded == 0 && Config() != nullptr && gConfigLoaded.exchange(1) == 0) {
         LoadSettings();
     }
-    return PrintLine(msg, len);
+    if (!Passes(msg, len)) {
+        return 0;
+    }
+    syslogAdd(msg, len);
+    return len;
 }
 
 #define LOG_FORWARD(level, component)                            \
@@ -362,35 +371,35 @@ int cm_syslog(int pri, const char* fmt, ...) {
 #undef LOG_FORWARD
 
 void logmsg_set_config(const LogConfigT* config) {
-    gConfig.store(config, std::memory_order_release);
+    gConfig = config;
 }
 
 int logmsg_set_syslog_echo(int on) {
-    gEchoToSyslog.store(on != 0 ? 1 : 0, std::memory_order_relaxed);
+    gEchoToSyslog = on != 0 ? 1 : 0;
     return 0;
 }
 
 int logmsg_get_syslog_echo() {
-    return gEchoToSyslog.load(std::memory_order_relaxed);
+    return gEchoToSyslog;
 }
 
 int logmsg_set_format(int format) {
-    gLogFormat.store(format, std::memory_order_relaxed);
+    gLogFormat = format;
     return 0;
 }
 
 int logmsg_get_format() {
-    return gLogFormat.load(std::memory_order_relaxed);
+    return gLogFormat;
 }
 
 int logmsg_set_spewfilter(int on) {
-    gSpewFilter.store(on != 0 ? 1 : 0, std::memory_order_relaxed);
+    gSpewFilter = on != 0 ? 1 : 0;
     WriteConfig("spewfilter", 0, on != 0 ? "True" : "False");
     return 0;
 }
 
 int logmsg_get_spewfilter() {
-    return gSpewFilter.load(std::memory_order_relaxed);
+    return gSpewFilter;
 }
 
 int logmsg_showfilter_add(const char* filter) {
@@ -482,7 +491,7 @@ int logmsg_spewfilter_load() {
     const LogConfigT* config = Config();
     char value[kLogConfigValueSize];
     if (config != nullptr && ReadConfig(config, "spewfilter", 0, value)) {
-        gSpewFilter.store(strcasecmp(value, "True") == 0 ? 1 : 0, std::memory_order_relaxed);
+        gSpewFilter = strcasecmp(value, "True") == 0 ? 1 : 0;
     }
     return 0;
 }

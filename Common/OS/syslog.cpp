@@ -1,7 +1,7 @@
-// One queue, many producers in turn, one reader. The indexes publish what lies between them: the
-// reader looks only at lines that the write index has passed, a producer writes only where the read
-// index has passed. The one exception is a wrap that drops unread lines; it first takes the read
-// side away from the reader, and gives way where the reader has it. Neither side waits for it.
+// One queue, many producers in turn, one drainer at a time. logqueuemutex guards the indexes and
+// what lies between them, and is held for the length of a copy only; the drain's turn is held while
+// lines are taken out and printed, so that they come out in the order of the queue. Neither is held
+// while the other is waited for, except that the holder of the turn takes logqueuemutex.
 #define SYSLOG_NAMES  // the platform's header then defines prioritynames and facilitynames
 #include <limits.h>
 #include <stdio.h>
@@ -11,7 +11,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/os_init.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/linux/semaphores.h"
@@ -39,13 +43,19 @@ constexpr UInt32 kWriterEvents = 0xFFFF;
 constexpr UInt32 kWriterStack = 2048;  // bytes
 constexpr int kLevelWidth = 6;         // columns of the level field, first in a line
 constexpr int kEchoFacility = 64;
-constexpr useconds_t kDrainPoll = 1000;
 
-std::atomic<bool> gReadSideTaken{false};
-std::atomic<int> gDraining{0};           // threads that take or print a line
-std::atomic<bool> gWriterCalled{false};  // an event is on its way for what is in the queue
+// Under logqueuemutex.
+bool gWriterCalled;     // the writer has an event for what is in the queue, or somebody drains it
+bool gPrintingInPlace;  // the line at the read index is being printed: the index stays
+
+pthread_mutex_t gTurnMutex = PTHREAD_MUTEX_INITIALIZER;  // guards gDraining alone
+pthread_cond_t gTurnOver = PTHREAD_COND_INITIALIZER;
+bool gDraining;
+
 thread_local bool tInOwnCalls;
 
+// What the controls keep. Nothing but their getters reads it, and LogFile, connected, LogStat and
+// LogTag have none: no connection is ever open.
 std::atomic<int> LogFile{-1};
 std::atomic<int> connected{0};
 std::atomic<int> LogStat{0};
@@ -84,24 +94,24 @@ class QueueHoldT {
     bool held_;
 };
 
-// The right to look at unread lines and to move the read index. Never waited for.
-class ReadSideT {
+// The right to drain. A wait for it, which may last as long as another's output hangs, ends when
+// the waiting task is deleted.
+class DrainTurnT {
   public:
-    ReadSideT() : held_(!gReadSideTaken.exchange(true, std::memory_order_acquire)) {}
-    ~ReadSideT() { Release(); }
-    ReadSideT(const ReadSideT&) = delete;
-    ReadSideT& operator=(const ReadSideT&) = delete;
-    bool held() const { return held_; }
-
-    void Release() {
-        if (held_) {
-            held_ = false;
-            gReadSideTaken.store(false, std::memory_order_release);
+    DrainTurnT() {
+        MutexGuardT guard(&gTurnMutex);
+        while (gDraining) {
+            pthread_cond_wait(&gTurnOver, &gTurnMutex);
         }
+        gDraining = true;
     }
-
-  private:
-    bool held_;
+    ~DrainTurnT() {
+        MutexGuardT guard(&gTurnMutex);
+        gDraining = false;
+        pthread_cond_signal(&gTurnOver);
+    }
+    DrainTurnT(const DrainTurnT&) = delete;
+    DrainTurnT& operator=(const DrainTurnT&) = delete;
 };
 
 int LevelOf(char first) {
@@ -119,22 +129,20 @@ int LevelOf(char first) {
     }
 }
 
-// ---- producers; the semaphore is held ----
+// ---- producers; the semaphore and logqueuemutex are held ----
 
-enum class PutT { kQueued, kQueuedOverUnread, kLost };
-
-// Writes a line of `size` bytes, NUL included, at `at`.
+// Writes a line of `size` bytes, NUL included, at `at`, and ends the queue behind it.
 void Store(int at, const char* line, int size) {
     memcpy(buf + at, line, static_cast<size_t>(size) - 1);
     buf[at + size - 1] = '\0';
+    log_buffer_tail = at + size;
 }
 
-PutT Lose(int head, int tail) {
+LogPutT Lose(int head, int tail) {
     if (tail + kOverflowSize < head) {
         Store(tail, OVERFLOW_MSG, kOverflowSize);
-        log_buffer_tail.store(tail + kOverflowSize, std::memory_order_release);
     }
-    return PutT::kLost;
+    return {.queued = false, .lost = true};
 }
 
 // Where the first unread line starts that a line of `size` bytes at the start leaves whole, or 0
@@ -150,53 +158,33 @@ int FirstUnreadBehind(int size, int tail) {
     return next < tail ? next : 0;
 }
 
-void StoreAtStart(int tail, const char* line, int size) {
-    memset(buf + tail, 0, static_cast<size_t>(kUsedSize - tail));
-    Store(0, line, size);
-    log_buffer_tail.store(size, std::memory_order_release);
-}
-
 // Puts a line at the start of the queue, at the cost of unread lines where it must.
-PutT PutAtStart(int head, int tail, const char* line, int size) {
-    if (size < head && head <= tail) {
-        StoreAtStart(tail, line, size);
-        return PutT::kQueued;
-    }
-    ReadSideT side;
-    head = log_buffer_head.load(std::memory_order_acquire);
-    if (!side.held()) {
+LogPutT PutAtStart(int head, int tail, const char* line, int size) {
+    const bool lost = head != tail && (head <= size || head > tail);
+    if (lost && gPrintingInPlace) {
         return Lose(head, tail);
     }
-    if (size < head && head <= tail) {  // the reader moved on meanwhile
-        StoreAtStart(tail, line, size);
-        return PutT::kQueued;
+    if (lost) {
+        log_buffer_head = FirstUnreadBehind(size, tail);
+    } else if (head == tail) {
+        log_buffer_head = 0;
     }
-    log_buffer_head.store(head == tail ? 0 : FirstUnreadBehind(size, tail),
-                          std::memory_order_relaxed);
-    StoreAtStart(tail, line, size);
-    return head == tail ? PutT::kQueued : PutT::kQueuedOverUnread;
+    memset(buf + tail, 0, static_cast<size_t>(kUsedSize - tail));
+    Store(0, line, size);
+    return {.queued = true, .lost = lost};
 }
 
-PutT Put(const char* line, int size) {
-    const int head = log_buffer_head.load(std::memory_order_acquire);
-    const int tail = log_buffer_tail.load(std::memory_order_relaxed);
-    if (size > kWrapLimit) {
+LogPutT Put(const char* line, int size) {
+    const int head = log_buffer_head;
+    const int tail = log_buffer_tail;
+    if (size > kWrapLimit || (size <= kWrapLimit - tail && head > tail && head <= tail + size)) {
         return Lose(head, tail);
     }
     if (size > kWrapLimit - tail) {
         return PutAtStart(head, tail, line, size);
     }
-    if (head > tail && head <= tail + size) {
-        return Lose(head, tail);
-    }
     Store(tail, line, size);
-    log_buffer_tail.store(tail + size, std::memory_order_release);
-    return PutT::kQueued;
-}
-
-void ReportLoss() {
-    const ssize_t written = write(STDERR_FILENO, OVERFLOW_MSG, kOverflowSize - 1);
-    (void)written;  // there is nobody left to tell
+    return {.queued = true, .lost = false};
 }
 
 // ---- the writer ----
@@ -213,70 +201,66 @@ void WriteLine(const char* line, int length) {
     }
 }
 
-// The start of the line after `next`, which another line follows.
-int FollowWrap(int next, int tail) {
-    if (buf[next] != '\0') {
-        return next;
-    }
-    if (tail > next) {
-        printf("syslog: empty string @ 0x%x\n", id_of(buf + next));
-        return next;
-    }
-    return 0;
-}
-
-// Counts the calling thread among those that drain, for a scope.
-class DrainingT {
+// Leaves the line that is printed where it stands, when that is done or given up.
+class InPlaceT {
   public:
-    DrainingT() { gDraining.fetch_add(1, std::memory_order_acq_rel); }
-    ~DrainingT() { gDraining.fetch_sub(1, std::memory_order_acq_rel); }
-    DrainingT(const DrainingT&) = delete;
-    DrainingT& operator=(const DrainingT&) = delete;
+    explicit InPlaceT(int next) : next_(next) {}
+    ~InPlaceT() {
+        MutexGuardT guard(&logqueuemutex);
+        gPrintingInPlace = false;
+        log_buffer_head = next_;
+    }
+    InPlaceT(const InPlaceT&) = delete;
+    InPlaceT& operator=(const InPlaceT&) = delete;
+
+  private:
+    int next_;
 };
 
-// Prints one line. False after the last one, or when there is none.
-bool DrainOne() {
-    const DrainingT draining;
-    ReadSideT side;
-    const int tail = log_buffer_tail.load(std::memory_order_acquire);
-    const int head = log_buffer_head.load(std::memory_order_relaxed);
-    if (!side.held() || head == tail) {
+// Prints the oldest line; the caller has the drain's turn. False when there is none.
+bool PrintOldest() {
+    char copy[2 * kLogLineSize];
+    MutexGuardT guard(&logqueuemutex);
+    const int head = log_buffer_head;
+    const int tail = log_buffer_tail;
+    if (head == tail) {
+        gWriterCalled = false;
         return false;
     }
-    const char* line = buf + head;
+    const char* const line = buf + head;
     const int length = static_cast<int>(strlen(line));
     int next = head + length + 1;
-    const bool last = next == tail;
-    if (!last) {
-        next = FollowWrap(next, tail);
+    const bool empty_follows = next < tail && buf[next] == '\0';
+    if (next > tail && buf[next] == '\0') {
+        next = 0;  // the rest of the storage is padding
     }
     // Taken out before it is printed, so that slow output keeps no room from producers. Only a line
     // that did not come through the assembly can be too long for that.
-    char copy[2 * kLogLineSize];
     const bool fits = length < static_cast<int>(sizeof(copy));
     if (fits) {
         memcpy(copy, line, static_cast<size_t>(length) + 1);
-        line = copy;
-        log_buffer_head.store(next, std::memory_order_release);
-        side.Release();
+        log_buffer_head = next;
     }
-    if (length > 0) {  // nothing stands where producers wrapped with everything read
-        WriteLine(line, length);
+    gPrintingInPlace = !fits;
+    guard.Unlock();
+    if (empty_follows) {
+        printf("syslog: empty string @ 0x%x\n", id_of(buf + next));
     }
     if (!fits) {
-        log_buffer_head.store(next, std::memory_order_release);
+        const InPlaceT in_place(next);
+        WriteLine(line, length);
+    } else if (length > 0) {  // an empty one has been told of
+        WriteLine(copy, length);
     }
-    return !last;
+    return true;
 }
 
 void LogWriter(UInt32, UInt32, UInt32, UInt32) {
     for (;;) {
-        {
-            OwnCallsT own;
-            UInt32 captured = 0;
-            ev_receive(kWriterEvents, kEvAny, 0, &captured);
-        }
         syslogDrainQueue();
+        OwnCallsT own;
+        UInt32 captured = 0;
+        ev_receive(kWriterEvents, kEvAny, 0, &captured);
     }
 }
 
@@ -288,24 +272,28 @@ int ExchangeMask(std::atomic<int>* mask, int pmask) {
 }  // namespace
 
 int InitSyslogInterface() {
-    if (log_Semaphore.load(std::memory_order_acquire) != 0) {
+    if (log_Semaphore == 0) {
+        buf[0] = '\0';
+        log_buffer_head = 0;
+        log_buffer_tail = 0;
+        UInt32 semaphore = 0;
+        if (sm_create("logw", 1, 0, &semaphore) != kSmOk) {
+            return -1;
+        }
+        log_Semaphore = semaphore;
+    }
+    if (logTaskID != 0) {
         return 0;
     }
-    buf[0] = '\0';
-    log_buffer_head.store(0, std::memory_order_relaxed);
-    log_buffer_tail.store(0, std::memory_order_relaxed);
-    UInt32 semaphore = 0;
-    if (sm_create("logw", 1, 0, &semaphore) != kSmOk) {
-        return -1;
-    }
-    log_Semaphore.store(semaphore, std::memory_order_release);
     UInt32 task = 0;
     if (t_create("logw", 0, kWriterStack, 0, 0, &task) != kTaskOk) {
         logerr("log", "can't create log writer task\n");
         return -1;
     }
-    logTaskID.store(task, std::memory_order_release);
+    logTaskID = task;
     if (t_start(task, 0, LogWriter, nullptr) != kTaskOk) {
+        logTaskID = 0;
+        t_delete(task);
         logerr("log", "can't start log writer task\n");
         return -1;
     }
@@ -316,50 +304,49 @@ bool syslogInOwnCalls() {
     return tInOwnCalls;
 }
 
-int syslogAdd(const char* msg, int msglen) {
+LogPutT syslogPut(const char* msg, int msglen) {
     const size_t length =
         msg != nullptr && msglen > 0 ? strnlen(msg, static_cast<size_t>(msglen)) : 0;
-    if (length == 0 || LevelOf(msg[0]) > syslogLevel.load(std::memory_order_relaxed)) {
-        return -1;
+    if (length == 0 || LevelOf(msg[0]) > syslogLevel) {
+        return {};
     }
-    PutT put;
-    {
+    OwnCallsT own;
+    const QueueHoldT hold(log_Semaphore);
+    if (!hold.held()) {
+        return {};
+    }
+    MutexGuardT guard(&logqueuemutex);
+    LogPutT put = Put(msg, length < INT_MAX ? static_cast<int>(length) + 1 : INT_MAX);
+    put.call_writer = !std::exchange(gWriterCalled, true);
+    return put;
+}
+
+int syslogFinish(const LogPutT& put) {
+    if (put.call_writer && logTaskID != 0) {
         OwnCallsT own;
-        {
-            QueueHoldT hold(log_Semaphore.load(std::memory_order_acquire));
-            if (!hold.held()) {
-                return -1;
-            }
-            put = Put(msg, length < INT_MAX ? static_cast<int>(length) + 1 : INT_MAX);
-        }
-        const UInt32 task = logTaskID.load(std::memory_order_acquire);
-        // One event serves all lines queued before the writer looks: it takes the mark down first.
-        if (task != 0 && !gWriterCalled.exchange(true, std::memory_order_acq_rel)) {
-            ev_send(task, kWriterEvent);
-        }
+        ev_send(logTaskID, kWriterEvent);
     }
-    if (put != PutT::kQueued) {
-        ReportLoss();
+    if (put.lost) {
+        const ssize_t written = write(STDERR_FILENO, OVERFLOW_MSG, kOverflowSize - 1);
+        (void)written;  // there is nobody left to tell
     }
-    return put != PutT::kLost ? 0 : -1;
+    return put.queued ? 0 : -1;
+}
+
+int syslogAdd(const char* msg, int msglen) {
+    return syslogFinish(syslogPut(msg, msglen));
 }
 
 int syslogDrainQueue() {
-    gWriterCalled.exchange(false, std::memory_order_acq_rel);
-    while (DrainOne()) {
-    }
-    // What another thread has taken out is not printed yet, and it may leave lines behind.
-    while (gDraining.load(std::memory_order_acquire) != 0) {
-        usleep(kDrainPoll);
-        while (DrainOne()) {
-        }
+    const DrainTurnT turn;
+    while (PrintOldest()) {
     }
     fflush(stdout);
     return 0;
 }
 
 int syslogSetLogLevel(int level) {
-    syslogLevel.store(level, std::memory_order_relaxed);
+    syslogLevel = level;
     return 0;
 }
 
@@ -388,17 +375,17 @@ int genTimestamp(char* str) {
 
 void openlog(const char* ident, int logstat, int logfac) {
     if (ident != nullptr) {
-        LogTag.store(ident);
+        LogTag = ident;
     }
-    LogStat.store(logstat);
+    LogStat = logstat;
     if (logfac != 0 && (logfac & ~LOG_FACMASK) == 0) {
-        LogFacility.store(logfac);
+        LogFacility = logfac;
     }
 }
 
 void closelog() {
     if (connected.exchange(0) != 0) {
-        LogFile.store(-1);
+        LogFile = -1;
     }
 }
 
@@ -411,20 +398,20 @@ int setloglocalmask(int pmask) {
 }
 
 int getlogmask() {
-    return LogMask.load();
+    return LogMask;
 }
 
 int getloglocalmask() {
-    return LogLocalMask.load();
+    return LogLocalMask;
 }
 
 int setlogfacility(int facility) {
-    LogFacility.store(facility);
+    LogFacility = facility;
     return 0;
 }
 
 int getlogfacility() {
-    return LogFacility.load();
+    return LogFacility;
 }
 
 int setlogaddr(const char*) {

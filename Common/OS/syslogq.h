@@ -1,10 +1,10 @@
 // The queue side of the log: finished lines go into one static queue, from which the writer task
 // "logw" prints them on standard output.
 //
-// Any task may add lines; producers take turns with a semaphore and never wait for the writer or
-// its output. One thread at a time takes lines out, normally the writer, without a lock; a program
-// that is about to end, or to print something itself, may drain too. What happens when lines come
-// faster than they can be printed is told at syslogAdd.
+// Any task may add lines; producers take turns with a semaphore and never wait for the output. One
+// thread at a time takes lines out and prints them, normally the writer; a program that is about to
+// end, or to print something itself, may drain too. What happens when lines come faster than they
+// can be printed is told at syslogAdd.
 //
 // The header's name keeps it apart from the platform's <syslog.h>.
 #pragma once
@@ -14,8 +14,9 @@
 #include "Common/OS/types.h"
 
 // Starts the log's output: empties the queue, makes the semaphore and the writer task "logw". Lines
-// logged before are dropped. Call once at start-up, before other tasks log; later calls do nothing.
-// Returns 0, or -1 when the semaphore or the task could not be made (logged where possible).
+// logged before are dropped. Call once at start-up, before other tasks log; once it has returned 0,
+// later calls do nothing. Returns -1 when the semaphore or the task could not be made; a missing
+// task is logged, and a later call makes it and prints what was queued meanwhile.
 int InitSyslogInterface();
 
 // Queues a finished line of at most `msglen` characters (its own NUL may end it earlier) and wakes
@@ -23,15 +24,28 @@ int InitSyslogInterface();
 // syslogSetLogLevel, the queue does not exist yet, or there was no room.
 //
 // A line that would overrun unread ones is lost. At the queue's end the next line goes to the start
-// all the same: there the oldest unread lines give way to it, whole lines only, unless the writer
-// is just taking one; then the new line is lost. Each loss is reported by OVERFLOW_MSG on standard
-// error and, for a line that was lost, in the queue too where that has room.
+// all the same: there the oldest unread lines give way to it, whole lines only. While a line too
+// long for the assembly is being printed, which happens where it stands, none gives way and the new
+// line is lost. Each loss is reported by OVERFLOW_MSG on standard error and, for a line that was
+// lost, in the queue too where that has room.
 //
-// Waits for other producers only. May be cancelled while it waits, with nothing left held.
+// Waits for other producers, and for standard error to take the report of a loss. May be cancelled
+// while it waits, with nothing left held.
 int syslogAdd(const char* msg, int msglen);
 
-// Prints the queued lines, the newest that it met included, and flushes standard output; also waits
-// for lines that another thread is just printing. Blocks for as long as the output does. Returns 0.
+// syslogAdd in two halves, for a caller that holds a lock: the first queues and writes to no file,
+// the second, without the lock, wakes the writer and reports losses. It returns syslogAdd's result.
+struct LogPutT {
+    bool queued = false;
+    bool lost = false;         // this line, or unread ones that gave way to it
+    bool call_writer = false;  // nobody has done so yet
+};
+LogPutT syslogPut(const char* msg, int msglen);
+int syslogFinish(const LogPutT& put);
+
+// Prints the queued lines until there are none, and flushes standard output: what was queued before
+// the call is out when it returns, whoever printed it. Lines come out in the order of the queue.
+// Blocks for as long as the output does and lines keep coming; may be cancelled. Returns 0.
 int syslogDrainQueue();
 
 // Drops from now on every line whose level, recognised from its first letter, is above `level`;
@@ -78,7 +92,8 @@ constexpr int kWrapLimit = 524286;  // no line ends beyond this offset
 constexpr int kOverflowSize = 37;   // OVERFLOW_MSG with its NUL
 
 // Lines back to back, each ended by a NUL. A NUL where the next line would start, with the write
-// index not beyond it, says that the next line is at the start.
+// index not beyond it, says that the next line is at the start. The indexes change under a lock of
+// the queue's own; a look at them from outside may be old when it is used.
 extern char buf[kStorageSize];
 extern std::atomic<int> log_buffer_head;  // read index: where the next line to print starts
 extern std::atomic<int> log_buffer_tail;  // write index: where the next line will go

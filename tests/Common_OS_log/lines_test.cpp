@@ -84,6 +84,9 @@ TEST_F(LogLines, AFilterDropsOrPassesTheWrongLine) {
     EXPECT_TRUE(!passes("foo") && passes("baz"));
     logmsg_showfilter_delete("*");
     EXPECT_TRUE(passes("foo") && !passes("bar"));
+    // Judged is what will be printed, not what stands behind it.
+    EXPECT_EQ(logmsg_print("INFO  ok, bar", 8), 8);
+    EXPECT_EQ(Printed(), "ok");
 }
 
 TEST_F(LogLines, BadFiltersBreakTheTable) {

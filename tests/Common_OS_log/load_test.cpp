@@ -101,6 +101,22 @@ TEST(LogLoad, DeletedTasksOrNewSettingsTearLinesOrKeepALock) {
                 testing::Each(testing::Ge(0)));
 }
 
+TEST(LogStart, AStartThatFailedIsTakenForOne) {
+    StdoutFile out;
+    pthread_attr_t attr;
+    pthread_getattr_default_np(&attr);
+    const auto start_with_stack = [&](size_t size) {
+        pthread_attr_setstacksize(&attr, size);
+        pthread_setattr_default_np(&attr);
+        return InitSyslogInterface();
+    };
+    EXPECT_EQ(start_with_stack(size_t{1} << 47), -1);  // more than there is
+    EXPECT_EQ(start_with_stack(size_t{1} << 20), 0);
+    loginfo("a", "up\n");
+    EXPECT_TRUE(out.WaitFor("up\n"));
+    EXPECT_TRUE(out.Has("pc[0]: log: can't start log writer task\n"));
+}
+
 TEST(LogCancel, ATaskDeletedInsideALogCallKeepsALock) {
     StdoutFile out;
     InitSyslogInterface();

@@ -1,4 +1,5 @@
 // The queue's rules: levels, wrap, overflow, what the writer prints, and the syslog-like controls.
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -135,20 +136,64 @@ TEST_F(LogQueue, AWrapTearsTheLineThatTheWriterIsAt) {
     EXPECT_THAT(NumbersIn(Printed()), ElementsAre(0, 1, 2));
 }
 
-TEST_F(LogQueue, ADrainReturnsBeforeTheLineThatAnotherThreadPrints) {
+TEST_F(LogQueue, TwoThreadsThatDrainMixLinesOrReturnBeforeTheyAreOut) {
     logmsg_set_syslog_echo(1);
     std::atomic<bool> printing{false};
-    std::atomic<bool> printed{false};
+    std::string seen;
     gOnEcho = [&] {
-        printing = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        printed = true;
+        seen += std::string("(") + gEcho[strlen(gEcho) - 2];
+        if (!printing.exchange(true)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        seen += ")";
     };
-    Add(1, 40);
+    loginfo("a", "1\n");
     std::jthread other(syslogDrainQueue);
     EXPECT_TRUE(Eventually([&] { return printing.load(); }));
+    loginfo("a", "2\n");
     syslogDrainQueue();
-    EXPECT_TRUE(printed);
+    EXPECT_EQ(seen, "(1)(2)");
+    other.join();
+    EXPECT_EQ(Printed(), "pc[0]: a: 1\npc[0]: a: 2\n");
+}
+
+TEST_F(LogQueue, ACallerWithoutALossWaitsForStandardError) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    while (write(ends[1], OVERFLOW_MSG, 1) == 1) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    const int saved = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    logmsg_set_spewfilter(1);
+    loginfo("a", "again\n");
+    loginfo("a", "again\n");
+    SetIndexes(1000, 999);
+    std::atomic<int> step{0};
+    std::jthread loser([&] {
+        step = 1;
+        loginfo("a", "another\n");  // tells of the repeat, which is lost
+        step = 2;
+    });
+    std::jthread caller([&] {
+        EXPECT_TRUE(Eventually([&] { return step.load() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        loginfo("b", "no end");
+        step = 3;
+    });
+    EXPECT_TRUE(Eventually([&] { return step.load() == 3; }));
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    char block[4096];
+    std::string errors;
+    EXPECT_TRUE(Eventually([&] {
+        const ssize_t got = read(ends[0], block, sizeof(block));
+        errors.append(block, got > 0 ? static_cast<size_t>(got) : 0);
+        return step.load() == 2 && got < 0;
+    }));
+    dup2(saved, STDERR_FILENO);
+    const size_t text = errors.find_first_not_of(OVERFLOW_MSG[0]) - 1;
+    EXPECT_EQ(errors.substr(text), std::string(OVERFLOW_MSG) + OVERFLOW_MSG);
 }
 
 TEST_F(LogQueue, TimestampsAreMalformedOrTheEchoGetsThem) {

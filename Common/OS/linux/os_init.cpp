@@ -6,6 +6,7 @@
 #include "Common/OS/linux/psosapi/tasks.h"
 
 pthread_mutex_t logmsgmutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t logqueuemutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -25,6 +26,7 @@ void InitAll() {
     InitMutex(&tmcblistmutex, PTHREAD_MUTEX_DEFAULT);
     InitMutex(&tcblistmutex, PTHREAD_MUTEX_DEFAULT);
     InitMutex(&logmsgmutex, PTHREAD_MUTEX_RECURSIVE);
+    InitMutex(&logqueuemutex, PTHREAD_MUTEX_DEFAULT);
 }
 
 }  // namespace

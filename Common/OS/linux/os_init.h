@@ -10,6 +10,7 @@
 // then do not nest.
 void os_init();
 
-// The lock of the log's line assembly. It stands here, beside the layer's other locks, because
-// os_init makes it; only the log takes it.
+// The locks of the log's line assembly and of its queue. They stand here, beside the layer's other
+// locks, because os_init makes them; only the log takes them.
 extern pthread_mutex_t logmsgmutex;
+extern pthread_mutex_t logqueuemutex;
