@@ -99,7 +99,7 @@ class QueueHoldT {
 class DrainTurnT {
   public:
     DrainTurnT() {
-        MutexGuardT guard(&gTurnMutex);
+        CancellableMutexGuardT guard(&gTurnMutex);
         while (gDraining) {
             pthread_cond_wait(&gTurnOver, &gTurnMutex);
         }
@@ -201,25 +201,18 @@ void WriteLine(const char* line, int length) {
     }
 }
 
-// Leaves the line that is printed where it stands, when that is done or given up.
-class InPlaceT {
-  public:
-    explicit InPlaceT(int next) : next_(next) {}
-    ~InPlaceT() {
-        MutexGuardT guard(&logqueuemutex);
-        gPrintingInPlace = false;
-        log_buffer_head = next_;
-    }
-    InPlaceT(const InPlaceT&) = delete;
-    InPlaceT& operator=(const InPlaceT&) = delete;
-
-  private:
-    int next_;
+// A line on its way out.
+struct OldestT {
+    char copy[2 * kLogLineSize];
+    const char* text;  // the copy, or the line in the queue where it is too long for that
+    int length;
+    int next;            // where the following line starts
+    bool empty_follows;  // which is none
 };
 
-// Prints the oldest line; the caller has the drain's turn. False when there is none.
-bool PrintOldest() {
-    char copy[2 * kLogLineSize];
+// Takes the oldest line out, so that slow output keeps no room from producers. Only a line that did
+// not come through the assembly can be too long for that. False when there is none.
+bool TakeOldest(OldestT* oldest) {
     MutexGuardT guard(&logqueuemutex);
     const int head = log_buffer_head;
     const int tail = log_buffer_tail;
@@ -227,30 +220,51 @@ bool PrintOldest() {
         gWriterCalled = false;
         return false;
     }
-    const char* const line = buf + head;
-    const int length = static_cast<int>(strlen(line));
-    int next = head + length + 1;
-    const bool empty_follows = next < tail && buf[next] == '\0';
-    if (next > tail && buf[next] == '\0') {
-        next = 0;  // the rest of the storage is padding
+    oldest->text = buf + head;
+    oldest->length = static_cast<int>(strlen(oldest->text));
+    oldest->next = head + oldest->length + 1;
+    oldest->empty_follows = oldest->next < tail && buf[oldest->next] == '\0';
+    if (oldest->next > tail && buf[oldest->next] == '\0') {
+        oldest->next = 0;  // the rest of the storage is padding
     }
-    // Taken out before it is printed, so that slow output keeps no room from producers. Only a line
-    // that did not come through the assembly can be too long for that.
-    const bool fits = length < static_cast<int>(sizeof(copy));
-    if (fits) {
-        memcpy(copy, line, static_cast<size_t>(length) + 1);
-        log_buffer_head = next;
+    gPrintingInPlace = oldest->length >= static_cast<int>(sizeof(oldest->copy));
+    if (!gPrintingInPlace) {
+        oldest->text = strcpy(oldest->copy, oldest->text);
+        log_buffer_head = oldest->next;
     }
-    gPrintingInPlace = !fits;
-    guard.Unlock();
-    if (empty_follows) {
-        printf("syslog: empty string @ 0x%x\n", id_of(buf + next));
+    return true;
+}
+
+// Moves on from a line that is printed where it stands, when that is done or given up.
+class MoveOnT {
+  public:
+    explicit MoveOnT(const OldestT& oldest) : oldest_(oldest) {}
+    ~MoveOnT() {
+        if (oldest_.text != oldest_.copy) {
+            MutexGuardT guard(&logqueuemutex);
+            gPrintingInPlace = false;
+            log_buffer_head = oldest_.next;
+        }
     }
-    if (!fits) {
-        const InPlaceT in_place(next);
-        WriteLine(line, length);
-    } else if (length > 0) {  // an empty one has been told of
-        WriteLine(copy, length);
+    MoveOnT(const MoveOnT&) = delete;
+    MoveOnT& operator=(const MoveOnT&) = delete;
+
+  private:
+    const OldestT& oldest_;
+};
+
+// Prints one line; the caller has the drain's turn. False when there is none.
+bool PrintOldest() {
+    OldestT oldest;
+    if (!TakeOldest(&oldest)) {
+        return false;
+    }
+    const MoveOnT move_on(oldest);
+    if (oldest.empty_follows) {
+        printf("syslog: empty string @ 0x%x\n", id_of(buf + oldest.next));
+    }
+    if (oldest.length > 0) {  // an empty one has been told of
+        WriteLine(oldest.text, oldest.length);
     }
     return true;
 }
