@@ -14,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/linux/system.h"
 #include "Common/framework/address.h"
@@ -24,6 +25,7 @@
 std::atomic<ModT*> gMods[kModMaxModules];
 std::atomic<int> numMods{0};
 UInt32 callbackSemaphore;
+pthread_mutex_t gModHeaderMutex = PTHREAD_MUTEX_INITIALIZER;
 
 const char* const ModExceptionString[1] = {"Mod Fatal Exception"};
 
@@ -263,22 +265,26 @@ UInt32 ModSelf() {
 eErrorT ModInit(ModT* pMod, const char* pName, int instance, void* pOwner) {
     ModAssert(pMod);
     ModAssert(pName);
-    pMod->instance = instance;
-    pMod->pOwner = static_cast<ModT*>(pOwner);
-    const size_t length = strnlen(pName, kModNameLen);
-    memmove(pMod->name, pName, length);
-    pMod->name[length] = '\0';
-    FormatName(pMod, pMod->fullname, sizeof(pMod->fullname));
-    pMod->initializedSig = kModSignature;
-    pMod->taskID = ModSelf();
-    if (pMod->processorNum == 0) {
-        pMod->processorNum = GetProcessorNum();
+    const UInt32 self = ModSelf();
+    {
+        const MutexGuardT lock(&gModHeaderMutex);
+        pMod->instance = instance;
+        pMod->pOwner = static_cast<ModT*>(pOwner);
+        const size_t length = strnlen(pName, kModNameLen);
+        memmove(pMod->name, pName, length);
+        pMod->name[length] = '\0';
+        FormatName(pMod, pMod->fullname, sizeof(pMod->fullname));
+        FieldWrite(pMod->initializedSig, kModSignature);
+        pMod->taskID = self;
+        if (pMod->processorNum == 0) {
+            pMod->processorNum = GetProcessorNum();
+        }
     }
     FieldWrite(pMod->numCallbacks, 0);
     FieldWrite(pMod->pCallbacks, nullptr);
     pMod->Exit = ModExit;
-    pMod->Dump = ModDump;
-    pMod->DumpHeading = ModDumpHeading;
+    FieldWrite(pMod->Dump, ModDump);
+    FieldWrite(pMod->DumpHeading, ModDumpHeading);
     SetDefault(&pMod->CallCallbacks, ModCallCallbacks);
     SetDefault(&pMod->ThrowException, ModThrowException);
     SetDefault(&pMod->SetOwner, ModSetOwner);
@@ -340,6 +346,7 @@ const char* ModName(ModT* pMod) {
 
 ModT* ModFindByName(const char* pName, int instance) {
     ModAssert(pName);
+    const MutexGuardT lock(&gModHeaderMutex);
     for (int i = 0; i < ModTableEnd(); i++) {
         ModT* pMod = gMods[i].load(std::memory_order_acquire);
         if (pMod != nullptr && (instance == kModAnyInstance || pMod->instance == instance) &&

@@ -1,11 +1,14 @@
 // What the source files of the module service share among themselves.
 #pragma once
 
+#include <pthread.h>
+
 #include <bit>
 
 #include "Common/OS/assertion.h"
 #include "Common/OS/types.h"
 #include "Common/framework/mod.h"
+#include "Common/framework/sharedfield.h"
 
 // Assertions of every file of the service name the service.
 #define ModAssert(condition) ModAssertText(condition, #condition)
@@ -21,13 +24,17 @@ constexpr UInt32 kModSignature = std::bit_cast<UInt32>(ModSignatureTextT{{'C', '
 [[noreturn]] void ModReportBad(const ModT* pMod);
 inline void ModCheck(const ModT* pMod) {
     ModAssert(pMod);
-    if (pMod->initializedSig != kModSignature) [[unlikely]] {
+    if (FieldRead(pMod->initializedSig) != kModSignature) [[unlikely]] {
         ModReportBad(pMod);
     }
 }
 
 // Makes the process-wide state, the first time.
 void ModSetUp();
+
+// Held while ModInit fills a header, and by who walks the module table while he looks at one: the
+// record of a variable serves another one after its end, and is seen as the one or the other.
+extern pthread_mutex_t gModHeaderMutex;
 
 // One past the highest slot of gMods that was ever used.
 int ModTableEnd();

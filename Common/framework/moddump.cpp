@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/procinfo.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/tasks.h"
@@ -33,10 +34,15 @@ void ForEachModule(int begin, int end, VisitT visit) {
     }
 }
 
+bool IsNamed(const ModT* pMod, const char* pName) {
+    const MutexGuardT lock(&gModHeaderMutex);
+    return strncasecmp(pMod->name, pName, kModNameLen) == 0;
+}
+
 void DumpCallbacks(ModT* pMod) {
     const SemGuardT lock(callbackSemaphore);
     bool any = false;
-    for (int i = 0; i < pMod->numCallbacks; i++) {
+    for (int i = 0; i < FieldRead(pMod->numCallbacks); i++) {
         const ModCallbackT& slot = pMod->pCallbacks[i];
         if (slot.pFunc != nullptr) {
             printf("%s%d:0x%x ", any ? "" : "  callbacks: ", static_cast<int>(slot.funcIndex),
@@ -96,10 +102,16 @@ void ModDumpHeading() {
 
 eErrorT ModDump(ModT* pMod, int) {
     ModCheck(pMod);
-    printf("%-20.20s %8x %4.4s %c%c   \n", ModName(pMod), shown_address(pMod),
-           TaskNameT(pMod->taskID).Text(),
+    char name[sizeof(pMod->fullname)];
+    UInt32 taskID;
+    {
+        const MutexGuardT lock(&gModHeaderMutex);
+        memcpy(name, ModName(pMod), sizeof(name));
+        taskID = pMod->taskID;
+    }
+    printf("%-20.20s %8x %4.4s %c%c   \n", name, shown_address(pMod), TaskNameT(taskID).Text(),
            (FieldRead(pMod->flags) & kModFlagAllocated) != 0 ? 'A' : ' ',
-           pMod->initializedSig == kModSignature ? 'I' : ' ');
+           FieldRead(pMod->initializedSig) == kModSignature ? 'I' : ' ');
     DumpCallbacks(pMod);
     return kNoError;
 }
@@ -107,7 +119,7 @@ eErrorT ModDump(ModT* pMod, int) {
 void ModDumpAll() {
     printf("%d modules\n", numMods.load(std::memory_order_relaxed));
     ModDumpHeading();
-    ForEachModule(0, kModMaxModules, [](ModT* pMod) { pMod->Dump(pMod, 0); });
+    ForEachModule(0, kModMaxModules, [](ModT* pMod) { FieldRead(pMod->Dump)(pMod, 0); });
 }
 
 eErrorT ModDumpByName(const char* pName, int instance) {
@@ -117,17 +129,17 @@ eErrorT ModDumpByName(const char* pName, int instance) {
         if (pMod == nullptr) {
             return kBadParameter;
         }
-        pMod->DumpHeading();
-        return pMod->Dump(pMod, 1);
+        FieldRead(pMod->DumpHeading)();
+        return FieldRead(pMod->Dump)(pMod, 1);
     }
     bool any = false;
     ForEachModule(0, kModMaxModules, [pName, &any](ModT* pMod) {
-        if (strncasecmp(pMod->name, pName, kModNameLen) == 0) {
+        if (IsNamed(pMod, pName)) {
             if (!any) {
-                pMod->DumpHeading();
+                FieldRead(pMod->DumpHeading)();
             }
             any = true;
-            pMod->Dump(pMod, 0);
+            FieldRead(pMod->Dump)(pMod, 0);
         }
     });
     return any ? kNoError : kBadParameter;
@@ -138,7 +150,8 @@ eErrorT ModDumpRange(int processor, int offset, int range) {
         return kBadParameter;
     }
     if (processor == static_cast<int>(GetProcessorNum())) {
-        ForEachModule(offset > 0 ? offset : 0, range, [](ModT* pMod) { pMod->Dump(pMod, 0); });
+        ForEachModule(offset > 0 ? offset : 0, range,
+                      [](ModT* pMod) { FieldRead(pMod->Dump)(pMod, 0); });
     }
     return kNoError;
 }
