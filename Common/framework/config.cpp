@@ -1,14 +1,21 @@
 // The cache, under the semaphore "cnfg", and what reads and writes do around it.
 //
-// Life of an item: the cache counts as one user of it, and so does every task that calls its
-// callbacks. What leaves the cache (a deleted variable, a short item replaced by a long one) is not
-// found any more, and goes when its last user lets go; when callbacks deferred with it are still on
-// their way it waits among the retired items until they have run. So callbacks need no lock and
-// never see an item that is gone.
+// Items hang on two kinds of lists, because each does what the other cannot: the 128 buckets by
+// first letter give the order of dumps, the chains by hash make a search independent of how names
+// are spread.
 //
-// Items hang on two kinds of lists: the 128 buckets by first letter, which give the order of dumps
-// and say which spellings of a name are found, and short chains by hash, which make searches
-// independent of how the names are spread.
+// Life of an item: the cache counts as one user of it, and so does every task that calls its
+// callbacks, which need no lock therefore and never see an item that is gone. A deleted variable's
+// item is not found any more; its last user ends it. Its memory then serves the next item, after
+// the callbacks deferred with it have run, and never goes back to the heap: what walks the module
+// table without a lock finds a module there, if not the one that it looked for.
+//
+// Why a read never caches an old value: only changes carry a value into a file, one at a time for
+// each variable, and each change is under way (gUnderWay) until its file is done, and counted
+// (gChanges) when the cache has it. A read that goes to the file caches what it found only if, when
+// it looked into the cache, no change of the variable was under way, and if the count is still the
+// same now. So no file was changed between the look and now but by a change whose value has yet
+// to reach the cache, where it will replace what the read puts there.
 #include "Common/framework/config.h"
 
 #include <pthread.h>
@@ -24,6 +31,7 @@
 #include "Common/OS/log.h"
 #include "Common/OS/logmsg.h"
 #include "Common/framework/configstore.h"
+#include "Common/framework/hash.h"
 #include "Common/framework/proxy.h"
 #include "Common/framework/semguard.h"
 
@@ -37,24 +45,17 @@ constexpr UInt32 kLockTime = 1000;
 constexpr int kStoreReadLen = 370;
 constexpr size_t kJoinedNameSize = 256;  // of names built from instances
 constexpr size_t kHashHeads = 2048;      // a power of two
-constexpr size_t kChangeMutexes = 16;
 
 pthread_mutex_t gInitMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 bool gInitRunning;                    // set by the first ConfigInit; under gInitMutex
 ConfigItemT* gHashHeads[kHashHeads];  // under configSemaphore
 UInt32 gChanges;                      // writes and deletes so far; under configSemaphore
 
-// Held by a write or delete from the change of the cache to that of the file, so that of several
-// tasks the last in the cache is the last in the file too. By hash of the variable; reads and
-// callbacks are done without, but keep no value that they find in the file meanwhile.
-struct ChangeMutexT {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    std::atomic<bool> held{false};
-};
-constinit ChangeMutexT gChangeMutexes[kChangeMutexes];
+pthread_mutex_t gChangeMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gChangeOver = PTHREAD_COND_INITIALIZER;
+ListT* gUnderWay;  // changes; under gChangeMutex
 
-pthread_mutex_t gRetiredMutex = PTHREAD_MUTEX_INITIALIZER;
-ListT* gRetired;  // under gRetiredMutex
+ListT* gSpareItems;  // ended; taken under configSemaphore
 
 // Variables whose values are never logged.
 constexpr const char* kSecrets[] = {"sw",
@@ -81,66 +82,35 @@ constexpr char kSecretPrefix[] = "globaldirectoryurlsp";
 
 // A variable as it is searched for.
 struct KeyT {
-    alignas(UInt64) char name[kConfigNameLen + sizeof(UInt64)];  // lower case, zeros behind
-    size_t length;
+    char name[kConfigNameLen + 1];  // in lower case
     int instance;
     UInt32 hash;
-    bool allowed;
     // Whether the name as given leads to the variable too: it is not longer than what counts, and
     // its first letter, which chooses the bucket, is in lower case.
     bool found_as_given;
+
+    bool operator==(const KeyT& other) const {
+        return hash == other.hash && instance == other.instance && strcmp(name, other.name) == 0;
+    }
 };
 
-constexpr UInt64 EachByte(unsigned char byte) {
-    return byte * 0x0101010101010101ULL;
-}
-
-// Eight characters with the letters A to Z in lower case.
-UInt64 LowerCase(UInt64 word) {
-    const UInt64 low = word & EachByte(0x7F);
-    const UInt64 from_a = low + EachByte(0x80 - 'A');
-    const UInt64 behind_z = low + EachByte(0x80 - 'Z' - 1);
-    return word | ((from_a ^ behind_z) & ~word & EachByte(0x80)) >> 2;
-}
-
-// Whether '.' or '/', which differ in the lowest bit, is among eight characters.
-bool HasDotOrSlash(UInt64 word) {
-    static_assert(('.' | 1) == '/');
-    const UInt64 zero_if = (word & EachByte(0xFE)) ^ EachByte('.');
-    return (~((zero_if & EachByte(0x7F)) + EachByte(0x7F)) & ~zero_if & EachByte(0x80)) != 0;
-}
-
-KeyT MakeKey(const char* pName, int instance) {
-    OsAssert(pName);
-    KeyT key;
-    memset(key.name, 0, sizeof(key.name));
-    key.length = strnlen(pName, kConfigNameLen);
-    memcpy(key.name, pName, key.length);
-    key.instance = instance;
-    bool refused = key.length == 0;
-    UInt64 hash = static_cast<UInt32>(instance) * 0x9E3779B97F4A7C15ULL;
-    for (size_t i = 0; i < key.length; i += sizeof(UInt64)) {
-        UInt64 word;
-        memcpy(&word, key.name + i, sizeof(word));
-        word = LowerCase(word);
-        memcpy(key.name + i, &word, sizeof(word));
-        refused = refused || HasDotOrSlash(word);
-        hash = (hash ^ word) * 0xD6E8FEB86659FD93ULL;
-        hash ^= hash >> 32;
-    }
-    key.hash = static_cast<UInt32>(hash);
-    const bool whole = pName[key.length] == '\0';
-    key.allowed = !refused && (whole || strpbrk(pName + key.length, "/.") == nullptr);
-    key.found_as_given = whole && key.name[0] == pName[0];
-    return key;
-}
-
 // What every operation begins with: the database exists, and the name may be used.
-bool Begin(const KeyT& key, const char* pName) {
-    if (gConfigInitialized.load(std::memory_order_acquire) == 0) {
-        ConfigInit();
+bool Begin(const char* pName, int instance, KeyT* key) {
+    OsAssert(pName);
+    ConfigInit();
+    if (ConfigStoreCheckName(pName) != kNoError) {
+        return false;
     }
-    return key.allowed || ConfigStoreCheckName(pName) == kNoError;
+    size_t length = 0;
+    for (; length < kConfigNameLen && pName[length] != '\0'; length++) {
+        const char c = pName[length];
+        key->name[length] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    key->name[length] = '\0';
+    key->instance = instance;
+    key->hash = HashAppend(HashText(key->name), static_cast<UInt32>(instance));
+    key->found_as_given = pName[length] == '\0' && pName[0] == key->name[0];
+    return true;
 }
 
 struct JoinedNameT {
@@ -163,22 +133,64 @@ JoinedNameT JoinName(const char* pName, int instance, int instance1, int instanc
 
 bool IsSecret(const char* name) {
     for (const char* secret : kSecrets) {
-        if (strcasecmp(name, secret) == 0) {
+        if (strcmp(name, secret) == 0) {
             return true;
         }
     }
-    return strncasecmp(name, kSecretPrefix, sizeof(kSecretPrefix) - 1) == 0;
+    return strncmp(name, kSecretPrefix, sizeof(kSecretPrefix) - 1) == 0;
 }
 
-// ---- items; all but disposal under configSemaphore ----
+// ---- changes ----
+
+// A write or delete of a variable, from the change of the cache to that of the file; waits while
+// another task has one of the same variable, so that the last in the cache is the last in the file
+// too. Writes that leave the file alone need none.
+class ChangeT {
+  public:
+    explicit ChangeT(const KeyT& key) : node_{{}, &key} {
+        const CancellableMutexGuardT guard(&gChangeMutex);
+        while (Find(key) != nullptr) {
+            pthread_cond_wait(&gChangeOver, &gChangeMutex);
+        }
+        ListEnqueueUnprot(&gUnderWay, &node_.list);
+    }
+    ~ChangeT() {
+        const MutexGuardT guard(&gChangeMutex);
+        ListExtractUnprot(&gUnderWay, &node_.list);
+        pthread_cond_broadcast(&gChangeOver);
+    }
+    ChangeT(const ChangeT&) = delete;
+    ChangeT& operator=(const ChangeT&) = delete;
+
+    static bool IsUnderWay(const KeyT& key) {
+        const MutexGuardT guard(&gChangeMutex);
+        return Find(key) != nullptr;
+    }
+
+  private:
+    struct NodeT {
+        ListT list;
+        const KeyT* key;
+    };
+
+    static ListT* Find(const KeyT& key) {
+        const auto same = [](ListT* at, void* wanted, void*) -> int {
+            return *reinterpret_cast<NodeT*>(at)->key == *static_cast<const KeyT*>(wanted);
+        };
+        return ListSearch(gUnderWay, same, const_cast<KeyT*>(&key), nullptr);
+    }
+
+    NodeT node_;
+};
+
+// ---- items; all but their end under configSemaphore ----
 
 // The cache for a scope; not held, with a line in the log, when it cannot be had. Nothing that is
 // done meanwhile is a cancellation point.
 class CacheGuardT {
   public:
     explicit CacheGuardT(const char* purpose)
-        : smid_(configSemaphore.load(std::memory_order_acquire)),
-          held_(sm_p(smid_, 0, kLockTime) == kSmOk) {
+        : smid_(configSemaphore), held_(sm_p(smid_, 0, kLockTime) == kSmOk) {
         if (!held_) [[unlikely]] {
             logerr("config", "can't acquire config database semaphore for %s, task=\"%s\"\n",
                    purpose, t_name(0));
@@ -199,124 +211,111 @@ class CacheGuardT {
     bool held_;
 };
 
-ListT** BucketOf(const KeyT& key) {
-    return &gConfig.pItems[key.name[0] & (kConfigBuckets - 1)];
+ListT** BucketOf(const char* name) {
+    return &gConfig.pItems[name[0] & (kConfigBuckets - 1)];
 }
 
 ConfigItemT** HashLink(UInt32 hash) {
     return &gHashHeads[hash & (kHashHeads - 1)];
 }
 
-ChangeMutexT* ChangeMutex(const KeyT& key) {
-    return &gChangeMutexes[key.hash % kChangeMutexes];
+ConfigItemT* ItemOf(ListT* node) {
+    return reinterpret_cast<ConfigItemT*>(node);
 }
-
-// Holds a change mutex for a scope.
-class ChangeGuardT {
-  public:
-    explicit ChangeGuardT(ChangeMutexT* change) : guard_(&change->mutex), held_(&change->held) {
-        held_->store(true, std::memory_order_relaxed);
-    }
-    ~ChangeGuardT() noexcept(false) { held_->store(false, std::memory_order_release); }
-    ChangeGuardT(const ChangeGuardT&) = delete;
-    ChangeGuardT& operator=(const ChangeGuardT&) = delete;
-
-  private:
-    CancellableMutexGuardT guard_;
-    std::atomic<bool>* held_;
-};
 
 ConfigItemT* Find(const KeyT& key) {
     for (ConfigItemT* item = *HashLink(key.hash); item != nullptr; item = item->pNextHash) {
         if (item->hash == key.hash && item->instance == key.instance &&
-            memcmp(item->mod.name, key.name, key.length + 1) == 0) {
+            strcmp(item->mod.name, key.name) == 0) {
             return item;
         }
     }
     return nullptr;
 }
 
-bool IsLongValue(const char* value) {
-    return strnlen(value, kConfigShortLen + 1) > kConfigShortLen;
+// Memory for an item: the oldest spare one that no deferred callback is on its way with, or new.
+ConfigItemT* TakeItem() {
+    for (int left = ListLen(&gSpareItems); left > 0; left--) {
+        ConfigItemT* item = ItemOf(ListDequeue(&gSpareItems));
+        if (ModCountDeferredCallbacks(&item->mod) == 0) {
+            return item;
+        }
+        ListEnqueue(&gSpareItems, &item->mod.list);
+    }
+    return static_cast<ConfigItemT*>(calloc(1, sizeof(ConfigItemT)));
 }
 
-// Copies as much of a value as its length's class of item keeps.
-void SetValue(ConfigItemT* item, const char* value) {
-    const size_t length =
-        strnlen(value, IsLongValue(value) ? size_t{kConfigValueLen} : size_t{kConfigShortLen});
-    memcpy(item->value, value, length);
-    item->value[length] = '\0';
-}
-
-// An item in the cache; null when memory is exhausted.
-ConfigItemT* AddItem(const KeyT& key, const char* value) {
-    const size_t size = (IsLongValue(value) ? kConfigValueLen : kConfigShortLen) + 1;
-    auto* item = static_cast<ConfigItemT*>(calloc(1, sizeof(ConfigItemT) + size));
+// An empty item in the cache; null when memory is exhausted.
+ConfigItemT* AddItem(const KeyT& key) {
+    ConfigItemT* item = TakeItem();
     if (item == nullptr) {
         return nullptr;
     }
-    ModInit(&item->mod, key.name, key.instance, &gConfig);
+    if (item->value != item->shortValue) {
+        free(item->value);
+    }
+    item->value = item->shortValue;
+    item->value[0] = '\0';
     item->instance = key.instance;
     item->hash = key.hash;
-    item->uses.store(1, std::memory_order_relaxed);
-    SetValue(item, value);
+    item->uses = 1;
+    item->known = false;
+    ModInit(&item->mod, key.name, key.instance, &gConfig);
     ConfigItemT** link = HashLink(key.hash);
     item->pNextHash = *link;
     *link = item;
-    ListEnqueueUnprot(BucketOf(key), &item->mod.list);
+    ListEnqueueUnprot(BucketOf(key.name), &item->mod.list);
     return item;
 }
 
 // Takes an item out of the cache, whose use of it stays with the caller.
-void RemoveItem(ListT** bucket, ConfigItemT* item) {
+void RemoveItem(ConfigItemT* item) {
     ConfigItemT** link = HashLink(item->hash);
     while (*link != item) {
         link = &(*link)->pNextHash;
     }
     *link = item->pNextHash;
-    ListExtractUnprot(bucket, &item->mod.list);
+    ListExtractUnprot(BucketOf(item->mod.name), &item->mod.list);
 }
 
-ConfigItemT* ItemOf(ListT* node) {
-    return reinterpret_cast<ConfigItemT*>(node);
-}
-
-void FreeItem(ConfigItemT* item) {
-    ModExit(&item->mod);
-    free(item);
-}
-
-// Frees the retired items whose last deferred callback has run.
-void FreeRetired() {
-    ListT* idle = nullptr;
-    {
-        const MutexGuardT guard(&gRetiredMutex);
-        int left = ListLenUnprot(&gRetired);
-        for (ListT* at = gRetired; left > 0; left--) {
-            ListT* next = at->next;
-            if (ModCountDeferredCallbacks(&ItemOf(at)->mod) == 0) {
-                ListExtractUnprot(&gRetired, at);
-                ListEnqueueUnprot(&idle, at);
+// Puts as much of a value as the cache keeps into an item; one that was short and becomes long goes
+// to its bucket's end. False when memory is exhausted.
+bool SetValue(ConfigItemT* item, const char* value) {
+    const size_t length = strnlen(value, kConfigValueLen);
+    if (length > kConfigShortLen && strlen(item->value) <= kConfigShortLen) {
+        if (item->value == item->shortValue) {
+            auto* room = static_cast<char*>(malloc(kConfigValueLen + 1));
+            if (room == nullptr) {
+                return false;
             }
-            at = next;
+            item->value = room;
         }
+        ListT** bucket = BucketOf(item->mod.name);
+        ListExtractUnprot(bucket, &item->mod.list);
+        ListEnqueueUnprot(bucket, &item->mod.list);
     }
-    while (ListT* node = ListDequeueUnprot(&idle)) {
-        FreeItem(ItemOf(node));
-    }
+    memcpy(item->value, value, length);
+    item->value[length] = '\0';
+    item->known = true;
+    return true;
 }
 
-// Lets an item go; null is ignored. No lock is held.
+// Puts a value into the cache. Null when memory is exhausted.
+ConfigItemT* PutItem(const KeyT& key, const char* value) {
+    ConfigItemT* item = Find(key);
+    if (item == nullptr) {
+        item = AddItem(key);
+    }
+    return item != nullptr && SetValue(item, value) ? item : nullptr;
+}
+
+// Ends a use of an item; null is ignored. configSemaphore need not be held.
 void LetGo(ConfigItemT* item) {
-    if (item == nullptr || item->uses.fetch_sub(1, std::memory_order_acq_rel) != 1) {
-        return;
-    }
     const NoCancelT no_cancel;
-    {
-        const MutexGuardT guard(&gRetiredMutex);
-        ListEnqueueUnprot(&gRetired, &item->mod.list);
+    if (item != nullptr && --item->uses == 0) {
+        ModExit(&item->mod);
+        ListEnqueue(&gSpareItems, &item->mod.list);
     }
-    FreeRetired();
 }
 
 // A use of an item for a scope.
@@ -331,7 +330,7 @@ class ItemUseT {
     void Own(ConfigItemT* item) { item_ = item; }
     // Begins a use; configSemaphore is held.
     void Use(ConfigItemT* item) {
-        item->uses.fetch_add(1, std::memory_order_relaxed);
+        item->uses++;
         item_ = item;
     }
     ConfigItemT* Get() const { return item_; }
@@ -340,53 +339,13 @@ class ItemUseT {
     ConfigItemT* item_ = nullptr;
 };
 
-// Registers an item's callbacks on the item that takes its place. They are copied, so that a call
-// of them that is under way reaches all.
-void CopyCallbacks(const ConfigItemT* from, ConfigItemT* to) {
-    for (int i = 0;; i++) {
-        ModCallbackT slot;
-        {
-            const SemGuardT lock(callbackSemaphore);
-            if (i >= from->mod.numCallbacks) {
-                return;
-            }
-            slot = from->mod.pCallbacks[i];
-        }
-        if (slot.pFunc != nullptr) {
-            ModAddCallbackToTask(&to->mod, slot.funcIndex, slot.pFunc, slot.userDefined,
-                                 slot.whenFlags, slot.destTaskID);
-        }
-    }
-}
-
-// Puts a value into the cache; the semaphore is held. `replaced` receives the use of an item that
-// had to go. Null when memory is exhausted.
-ConfigItemT* PutItem(const KeyT& key, const char* value, ItemUseT* replaced) {
-    ConfigItemT* item = Find(key);
-    if (item == nullptr) {
-        item = AddItem(key, value);
-    } else if (IsLongValue(value) && !IsLongValue(item->value)) {
-        ConfigItemT* old = item;
-        item = AddItem(key, value);
-        if (item != nullptr) {
-            RemoveItem(BucketOf(key), old);
-            replaced->Own(old);
-            CopyCallbacks(old, item);
-        }
-    } else {
-        SetValue(item, value);
-    }
-    if (item != nullptr) {
-        item->known = true;
-    }
-    return item;
-}
+// ---- reads and writes ----
 
 // Caches a value that is written; `use` receives a use of the item. False when the semaphore or
 // memory is not to be had.
-bool WriteItemToCache(const KeyT& key, const char* value, ItemUseT* use, ItemUseT* replaced) {
+bool WriteItemToCache(const KeyT& key, const char* value, ItemUseT* use) {
     const CacheGuardT cache("writing");
-    ConfigItemT* item = cache.Held() ? PutItem(key, value, replaced) : nullptr;
+    ConfigItemT* item = cache.Held() ? PutItem(key, value) : nullptr;
     if (item == nullptr) {
         return false;
     }
@@ -395,36 +354,43 @@ bool WriteItemToCache(const KeyT& key, const char* value, ItemUseT* use, ItemUse
     return true;
 }
 
-// What a read found when it asked the cache.
-struct AskedT {
-    UInt32 changes = 0;     // so far
-    bool changing = false;  // the cache may be ahead of the file
+// The same, and then the file; `length` characters of the value go there.
+bool WriteItemToStore(const KeyT& key, const char* value, size_t length, ItemUseT* use) {
+    const ChangeT change(key);
+    if (!WriteItemToCache(key, value, use)) {
+        return false;
+    }
+    ConfigStoreWriteText(key.name, key.instance, value, length);
+    return true;
+}
+
+// What a read saw when it looked into the cache.
+struct LookT {
+    UInt32 changes = 0;    // so far
+    bool underWay = true;  // a change of the variable
 };
 
-// Caches a value that was read from the store, unless anything was written or deleted since the
-// cache was asked, or was being so: then the value may be the one of before.
-void CacheRead(const KeyT& key, const char* value, const AskedT& asked) {
-    ItemUseT replaced;
+// Caches a value that was read from the store, unless it may be an old one: see above.
+void CacheRead(const KeyT& key, const char* value, const LookT& look) {
     const CacheGuardT cache("writing");
-    if (cache.Held() && !asked.changing && gChanges == asked.changes) {
-        PutItem(key, value, &replaced);
+    if (cache.Held() && !look.underWay && gChanges == look.changes) {
+        PutItem(key, value);
     }
 }
 
 // Copies a cached value; false when there is none or an empty one.
-bool ReadItemFromCache(const KeyT& key, char* value, AskedT* asked) {
+bool ReadItemFromCache(const KeyT& key, char* value, LookT* look) {
     const CacheGuardT cache("reading");
-    const ConfigItemT* item = nullptr;
-    if (cache.Held()) {
-        item = Find(key);
-        asked->changes = gChanges;
-        asked->changing = ChangeMutex(key)->held.load(std::memory_order_acquire);
-    }
-    if (item == nullptr || item->value[0] == '\0') {
+    if (!cache.Held()) {
         return false;
     }
-    memcpy(value, item->value, strlen(item->value) + 1);
-    return true;
+    const ConfigItemT* item = Find(key);
+    if (item != nullptr && item->value[0] != '\0') {
+        memcpy(value, item->value, strlen(item->value) + 1);
+        return true;
+    }
+    *look = {gChanges, ChangeT::IsUnderWay(key)};
+    return false;
 }
 
 // Whether the cache holds just this value under the name as given.
@@ -433,8 +399,6 @@ bool IsUnchanged(const KeyT& key, const char* value) {
     const ConfigItemT* item = cache.Held() && key.found_as_given ? Find(key) : nullptr;
     return item != nullptr && item->known && strcmp(item->value, value) == 0;
 }
-
-// ---- reads and writes ----
 
 // A name and value for a dump; false when the cache cannot be had or there is no such item.
 struct DumpLineT {
@@ -470,7 +434,7 @@ void CallCallbacks(ConfigItemT* item, const KeyT& key, const char* value, size_t
     args.instance = static_cast<UInt32>(key.instance);
     args.flags = flags;
     memcpy(args.permissions, perm, strnlen(perm, sizeof(args.permissions)));
-    memcpy(args.name, key.name, key.length);
+    memcpy(args.name, key.name, sizeof(key.name));
     memcpy(args.value, value, length < kConfigValueLen ? length : size_t{kConfigValueLen});
     ModCallCallbacks(&item->mod, 0, &args, sizeof(args));
     ModCallCallbacks(&gConfig.mod, 0, &args, sizeof(args));
@@ -497,7 +461,7 @@ constexpr LogConfigT kLogConfig = {ConfigRead, ConfigWrite};
 }  // namespace
 
 eErrorT ConfigInit() {
-    if (gConfigInitialized.load(std::memory_order_acquire) != 0) {
+    if (gConfigInitialized != 0) {
         return kNoError;
     }
     const NoCancelT no_cancel;
@@ -509,14 +473,14 @@ eErrorT ConfigInit() {
     gInitRunning = true;
     UInt32 smid = 0;
     sm_create("cnfg", 1, 2, &smid);
-    configSemaphore.store(smid);
+    configSemaphore = smid;
     ModInit(&gConfig.mod, "Config", 0, nullptr);
     memset(gConfig.pItems, 0, sizeof(gConfig.pItems));
     // Before the flush task starts: every task logs its start, and the first line of all loads the
     // log's settings.
     logmsg_set_config(&kLogConfig);
     ConfigStoreInit();
-    gConfigInitialized.store(1, std::memory_order_release);
+    gConfigInitialized = 1;
     return kNoError;
 }
 
@@ -546,7 +510,7 @@ eErrorT ConfigExit() {
         for (ListT*& bucket : gConfig.pItems) {
             while (bucket != nullptr) {
                 ConfigItemT* item = ItemOf(bucket);
-                RemoveItem(&bucket, item);
+                RemoveItem(item);
                 LetGo(item);
             }
         }
@@ -562,17 +526,17 @@ ModT* getConfigModule() {
 
 eErrorT ConfigRead(const char* pName, int instance, char* value) {
     OsAssert(value);
-    const KeyT key = MakeKey(pName, instance);
     value[0] = '\0';
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
-    AskedT asked;
-    if (!ReadItemFromCache(key, value, &asked)) {
+    LookT look;
+    if (!ReadItemFromCache(key, value, &look)) {
         if (ConfigStoreRead(key.name, instance, value, kStoreReadLen) != kNoError) {
             memcpy(value, kConfigNotSet, sizeof(kConfigNotSet));
         }
-        CacheRead(key, value, asked);
+        CacheRead(key, value, look);
     }
     if (value[0] == kConfigNotSet[0] && strcmp(value, kConfigNotSet) == 0) {
         value[0] = '\0';
@@ -606,25 +570,19 @@ eErrorT ConfigWriteEx(const char* pName, int instance, const char* value, const 
                       UInt32 flags) {
     OsAssert(value);
     OsAssert(perm);
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
     const bool store = (flags & kConfigCacheOnly) == 0;
     const size_t length = store ? strcspn(value, "\r\n") : strlen(value);
-    ItemUseT replaced;
-    ItemUseT use;
     if (IsUnchanged(key, value)) {
         return kNoError;
     }
-    {
-        const ChangeGuardT change(ChangeMutex(key));
-        if (!WriteItemToCache(key, value, &use, &replaced)) {
-            return kNoError;
-        }
-        if (store) {
-            ConfigStoreWriteText(key.name, instance, value, length);
-        }
+    ItemUseT use;
+    if (!(store ? WriteItemToStore(key, value, length, &use)
+                : WriteItemToCache(key, value, &use))) {
+        return kNoError;
     }
     if (ProxyProcessorNum() == 0 && !IsSecret(key.name)) {
         LogChange(key, value, length);
@@ -669,15 +627,15 @@ eErrorT ConfigWrite3(const char* pName, int instance, int instance1, int instanc
 }
 
 eErrorT ConfigDelete(const char* pName, int instance) {
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
     if (ProxyProcessorNum() == 0) {
         loginfo("config", "delete %s[%d]\n", key.name, instance);
     }
     ItemUseT removed;
-    const ChangeGuardT change(ChangeMutex(key));
+    const ChangeT change(key);
     ConfigStoreDelete(key.name, instance);
     const CacheGuardT cache("deleting");
     ConfigItemT* item = nullptr;
@@ -686,15 +644,15 @@ eErrorT ConfigDelete(const char* pName, int instance) {
         gChanges++;
     }
     if (item != nullptr) {
-        RemoveItem(BucketOf(key), item);
+        RemoveItem(item);
         removed.Own(item);
     }
     return kNoError;
 }
 
 eErrorT ConfigRestore(const char* pName, int instance) {
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
     char value[kConfigValueSize];
@@ -707,8 +665,8 @@ eErrorT ConfigRestore(const char* pName, int instance) {
 eErrorT ConfigAddCallbackEx(const char* pName, int instance, ConfigValueChangedCallbackT pFunc,
                             void* userDefined, UInt32 callBackType) {
     OsAssert(pFunc);
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
     const CacheGuardT cache("adding callback");
@@ -717,7 +675,7 @@ eErrorT ConfigAddCallbackEx(const char* pName, int instance, ConfigValueChangedC
     }
     ConfigItemT* item = Find(key);
     if (item == nullptr) {
-        item = AddItem(key, "");
+        item = AddItem(key);
     }
     if (item == nullptr) {
         return kOutOfMemory;
@@ -749,8 +707,8 @@ eErrorT ConfigAddCallback3(const char* pName, int instance, int instance1, int i
 eErrorT ConfigDeleteCallback(const char* pName, int instance, ConfigValueChangedCallbackT pFunc,
                              void* userDefined) {
     OsAssert(pFunc);
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return kBadParameter;
     }
     const CacheGuardT cache("deleting callback");
@@ -778,8 +736,8 @@ void ConfigDumpAll() {
 }
 
 void ConfigDumpByName(const char* pName, int instance) {
-    const KeyT key = MakeKey(pName, instance);
-    if (!Begin(key, pName)) {
+    KeyT key;
+    if (!Begin(pName, instance, &key)) {
         return;
     }
     DumpLineT line;

@@ -45,12 +45,13 @@ typedef struct ConfigS {
 typedef struct ConfigItemS {
     ModT mod;
     int instance;
+    char* value;  // shortValue, or kConfigValueLen + 1 bytes once it was longer
     // Private to the service:
     UInt32 hash;                    // of name and instance
     struct ConfigItemS* pNextHash;  // chain of items of like hash
     std::atomic<int> uses;          // the cache, and those who call its callbacks
     bool known;                     // the value was written, or read from the store
-    char value[];                   // kConfigShortLen + 1 or kConfigValueLen + 1 bytes
+    char shortValue[kConfigShortLen + 1];
 } ConfigItemT;
 
 // What change callbacks receive.

@@ -4,10 +4,11 @@
 //
 // A file is the value and one line feed; only the first line counts. It is rewritten in place,
 // without a temporary file: one call of the system puts value and line feed over the old line, then
-// what is left behind it is cut off. So a reader, or a start after this process was killed, finds
-// the old value or the new one, or an empty one where there was no file yet; after a power failure
-// also the beginning of one. The file system is flushed by the task "csyn", a few seconds after the
-// last write.
+// what is left behind it is cut off. A reader in the middle of that may find a mixture of the two
+// lines. A start after this process was killed finds the old value or the new one (one that is
+// longer than a page of memory perhaps half written over the old), or an empty one where there was
+// no file yet; after a power failure also the beginning of one. The file system is flushed by the
+// task "csyn", a few seconds after the last write.
 //
 // Any thread may call. The store holds no lock; calls block as long as the file system does. Names
 // are in lower case already. A name is refused, with a line in the log and kBadParameter, when it

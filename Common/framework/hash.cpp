@@ -7,18 +7,10 @@
 
 namespace {
 
-UInt32 HashOf(const char* pName) {
-    UInt32 hash = 2166136261U;
-    for (; *pName != '\0'; pName++) {
-        hash = (hash ^ static_cast<UInt8>(*pName)) * 16777619U;
-    }
-    return hash;
-}
-
 // The entry that holds a name, or the free one where it belongs; null when the table is full.
 HashTableEntryT* Probe(const HashTableT* pTable, const char* pName) {
     const auto size = static_cast<UInt32>(pTable->numEntries);
-    UInt32 at = HashOf(pName) % size;
+    UInt32 at = HashText(pName) % size;
     for (UInt32 i = 0; i < size; i++) {
         HashTableEntryT* entry = &pTable->pEntries[at];
         const char* name = FieldRead(entry->pName);

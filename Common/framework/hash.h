@@ -1,6 +1,6 @@
-// A small hash table from names to functions: the server functions of a module type. Its storage is
-// the caller's, an array of entries; nothing is allocated. Any thread may look up while another
-// adds; those who add to one table serialise among themselves.
+// A hash of texts, and a small table from names to functions: the server functions of a module
+// type. Its storage is the caller's, an array of entries; nothing is allocated. Any thread may look
+// up while another adds; those who add to one table serialise among themselves.
 #pragma once
 
 #include "Common/OS/errors.h"
@@ -22,6 +22,18 @@ typedef struct HashTableS {
     int numEntries;
     int numUsed;
 } HashTableT;
+
+// The FNV-1a hash of a text, and of what is appended to it, up to 32 bits at a time.
+constexpr UInt32 HashAppend(UInt32 hash, UInt32 value) {
+    return (hash ^ value) * 16777619U;
+}
+constexpr UInt32 HashText(const char* pText) {
+    UInt32 hash = 2166136261U;
+    for (; *pText != '\0'; pText++) {
+        hash = HashAppend(hash, static_cast<UInt8>(*pText));
+    }
+    return hash;
+}
 
 // Makes an empty table in `numEntries` entries at `pEntries`, which stay the caller's and live as
 // long as the table.

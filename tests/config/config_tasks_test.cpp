@@ -135,6 +135,20 @@ TEST_F(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
     });
 }
 
+TEST_F(ConfigTasks, TheModuleTableIsWalkedWhileVariablesComeAndGo) {
+    const StdoutFile out;
+    InEightTasks(1500, [](int t, int i) {
+        const std::string name = "v" + std::to_string(i % 3);
+        if (t < 5) {
+            ConfigWriteCacheOnly(name.c_str(), t, Number(i, i % 2 == 0).c_str());
+            ConfigDelete(name.c_str(), t);
+        } else if (ModT* found = ModFindByName(name.c_str(), kModAnyInstance); found != nullptr) {
+            EXPECT_EQ(ModGetOwner(found), getConfigModule());
+            t == 5 ? ModDumpAll() : (void)ModDumpByName(name.c_str(), i % 5 - 1);
+        }
+    });
+}
+
 TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
     const UInt32 tid = Spawn("writ", [] {
         const auto wait = [](ModT*, UInt32, void*, void*) {

@@ -357,6 +357,39 @@ TEST_F(ConfigStore, AReadMeanwhileDoesNotKeepTheOldValueForAnEmptyOne) {
     EXPECT_STREQ(gAnswer, "config v 0 ") << "the write was not sent";
 }
 
+TEST_F(ConfigStore, AWriteThatHangsHoldsUpWritesOfItsOwnFileOnly) {
+    Connect();
+    static std::binary_semaphore hangs{0};
+    static std::binary_semaphore ends{0};
+    static std::atomic<int> written{0};
+    gMeanwhile = [] {
+        gMeanwhile = nullptr;
+        hangs.release();
+        ends.acquire();
+    };
+    const std::jthread writer([] {
+        Attach();
+        ConfigWrite("v", 0, "1");
+    });
+    hangs.acquire();
+    const std::jthread others([] {
+        Attach();
+        ConfigWriteCacheOnly("v", 0, "2");
+        for (const char c : std::string("abcdefghijklmnopqrstuwxyz")) {
+            ConfigWrite(std::string(1, c).c_str(), 0, "1");
+            ConfigWriteCacheOnly("v", c, "1");
+            written++;
+        }
+        ConfigWrite("v", 0, "3");
+        written++;
+    });
+    EXPECT_TRUE(Eventually([] { return written >= 25; }));
+    EXPECT_NE(gSent, "config v 0 \"3\" rw file notify");
+    ends.release();
+    EXPECT_TRUE(Eventually([] { return written == 26; }));
+    EXPECT_EQ(gSent, "config v 0 \"3\" rw file notify");
+}
+
 TEST_F(ConfigStore, WhatWouldReachAnotherVariableOrValueIsNotSent) {
     Connect();
     for (const char* name : {"two words", "tab\t", "\"quoted", "line\n"}) {
