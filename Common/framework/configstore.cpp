@@ -199,8 +199,8 @@ void RemoveEmpty(int fd, const char* path) {
 }
 
 void NoteWrite() {
-    gstLastConfigWrite.store(time(nullptr), std::memory_order_relaxed);
-    gsConfigWriteOutstanding.store(1, std::memory_order_release);
+    gstLastConfigWrite = time(nullptr);
+    gsConfigWriteOutstanding = 1;
 }
 
 char* BuildFileName(const char* folder, const char* name, int instance, const char* extension,
@@ -224,12 +224,12 @@ void ChooseFolder(char* folder, const char* fallback) {
 
 // A clock that was set back counts as quiet: the flush must not wait for it to catch up.
 bool WrittenJustNow() {
-    const time_t age = time(nullptr) - gstLastConfigWrite.load(std::memory_order_relaxed);
+    const time_t age = time(nullptr) - gstLastConfigWrite;
     return age >= 0 && age < kQuietTime;
 }
 
 void Flush() {
-    gsConfigWriteOutstanding.store(0, std::memory_order_relaxed);
+    gsConfigWriteOutstanding = 0;
     loginfo("config", "synching filesystem\n");
     const UInt32 start = RealTimeMilliSeconds();
     sync();
@@ -239,7 +239,7 @@ void Flush() {
 void FlushTask(UInt32, UInt32, UInt32, UInt32) {
     for (;;) {
         tm_wkafter(kFlushPeriod);
-        while (gsConfigWriteOutstanding.load(std::memory_order_acquire) != 0 && !WrittenJustNow()) {
+        while (gsConfigWriteOutstanding != 0 && !WrittenJustNow()) {
             Flush();
             tm_wkafter(kFlushPeriod);
         }
@@ -253,7 +253,7 @@ void StartFlushTask() {
         logerr("config", "can't start the flush task\n");
         return;
     }
-    gsSyncTID.store(tid, std::memory_order_relaxed);
+    gsSyncTID = tid;
 }
 
 bool OnProcessor0() {
@@ -273,13 +273,12 @@ bool StoreStream(FileT* file, const char* mode, void** pCastF) {
 }  // namespace
 
 short ConfigStoreInit() {
-    if (gbFoldersEnabled == 0 || !OnProcessor0() ||
-        gbFolderDataInitialized.load(std::memory_order_acquire) != 0) {
-        return gbFolderDataInitialized.load(std::memory_order_relaxed);
+    if (gbFoldersEnabled == 0 || !OnProcessor0() || gbFolderDataInitialized != 0) {
+        return gbFolderDataInitialized;
     }
     {
         const MutexGuardT guard(&gFoldersMutex);
-        if (gbFolderDataInitialized.load(std::memory_order_relaxed) != 0) {
+        if (gbFolderDataInitialized != 0) {
             return 1;
         }
         ChooseFolder(CONFIG_DAT_FOLDER, NO_DAT_IN_OPT_DIR);
@@ -290,7 +289,7 @@ short ConfigStoreInit() {
         OsAssert(ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER));
         printf("Config Folder data initialized successfully(Choice dir: %s, Dat Dir: %s)\n",
                CONFIG_CHOICE_FOLDER, CONFIG_DAT_FOLDER);
-        gbFolderDataInitialized.store(1, std::memory_order_release);
+        gbFolderDataInitialized = 1;
     }
     // Without the lock: a task's start is logged, and the log's first line may ask for this start.
     StartFlushTask();
