@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Checks the model of the event wait, and that the checker finds each fault put in on purpose.
+# Checks the models, and that the checker finds each fault put in on purpose.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# verify NAME MODE DEFINES...: prints the number of errors that the checker found.
+# verify MODEL NAME MODE DEFINES...: prints the number of errors that the checker found.
 verify() {
-    local name=$1 mode=$2
-    shift 2
+    local model=$1.pml name=$1-$2 mode=$3
+    shift 3
     mkdir -p "$work/$name"
-    cp event_wait.pml "$work/$name"
+    cp "$model" "$work/$name"
     {
         cd "$work/$name"
-        spin "$@" -a event_wait.pml >/dev/null
+        spin "$@" -a "$model" >/dev/null
         case $mode in
             safety) gcc -O2 -DSAFETY -DNOCLAIM -o pan pan.c 2>/dev/null && ./pan -m100000 ;;
             liveness) gcc -O2 -o pan pan.c 2>/dev/null && ./pan -a -f -m100000 ;;
@@ -32,9 +32,13 @@ expect() {
     fi
 }
 
-expect "no deadlock, no use after free" none "$(verify good-safety safety)"
-expect "every wait ends" none "$(verify good-liveness liveness)"
-expect "no lost wake-up" none "$(verify good-forever safety -DFOREVER)"
-expect "locks in opposite orders" some "$(verify inverted safety -DINVERTED)"
-expect "signal before the record" some "$(verify signalfirst safety -DFOREVER -DSIGNALFIRST)"
-expect "cancel without waiting for the firing" some "$(verify nowait safety -DNOWAIT)"
+expect "no deadlock, no use after free" none "$(verify event_wait good-safety safety)"
+expect "every wait ends" none "$(verify event_wait good-liveness liveness)"
+expect "no lost wake-up" none "$(verify event_wait good-forever safety -DFOREVER)"
+expect "locks in opposite orders" some "$(verify event_wait inverted safety -DINVERTED)"
+expect "signal before the record" some "$(verify event_wait signalfirst safety -DFOREVER -DSIGNALFIRST)"
+expect "cancel without waiting for the firing" some "$(verify event_wait nowait safety -DNOWAIT)"
+expect "a cancel and its canceller's deletion" none "$(verify cancel good safety)"
+expect "the canceller looks once" some "$(verify cancel askonce safety -DASKONCE)"
+expect "the deleter does not wake it" some "$(verify cancel nowake safety -DNOWAKE)"
+expect "the deleter wakes it too early" some "$(verify cancel wakefirst safety -DWAKEFIRST)"

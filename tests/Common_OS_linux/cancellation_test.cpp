@@ -5,6 +5,7 @@
 #include <random>
 
 #include "Common/OS/linux/intsoff.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/semaphores.h"
@@ -43,7 +44,7 @@ void (*const kActions[])(UInt32) = {
         tm_evevery(1 + n % 2, 2, &id);
         udelay(n % 2000);
         tm_callback_after(
-            1, &id, [](void*) { return 1U; }, nullptr);
+            1, &id, [](void*) { return 0U; }, nullptr);
         tm_wkafter(1);
     },
     [](UInt32) { udelay(3000); },  // in select
@@ -101,8 +102,11 @@ TEST(Cancellation, TenThousandTasksDeletedAtRandomPointsLeaveEveryServiceWorking
     EXPECT_EQ(sm_p(gSemaphore, kSmNoWait, 0), kSmOk);
     EXPECT_EQ(interruptsOff(), 1U);
     interruptsRestore(1);
+    EXPECT_TRUE(Eventually([] {  // what the last ones left to be called once is called
+        const MutexGuardT guard(&tmcblistmutex);
+        return timerList == nullptr;
+    }));
     EXPECT_EQ(pthread_mutex_trylock(&tmcblistmutex), 0);
-    EXPECT_EQ(timerList, nullptr);
     int unused = 0;
     for (const TMCB* timer = freetimerList; timer != nullptr; timer = timer->next) {
         unused++;

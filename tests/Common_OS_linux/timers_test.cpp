@@ -2,12 +2,18 @@
 // lower bounds only.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <deque>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/log.h"
 #include "Common/OS/syslogq.h"
 #include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
@@ -52,72 +58,281 @@ TEST(Clock, SleepsEndEarlyBeyondASecondOrAClockDisagrees) {
     EXPECT_GE(later - start, 1049U);
     EXPECT_LE(GetTickCountLinux() - later / 10, 500U);
     EXPECT_GE(CYCLES() - cycles, 66666664U);
+    init_rtcp();
+    EXPECT_LT(RealTimeMilliSeconds(), later - start);  // restarted, unless a second went by
 }
 
-TEST(Timers, OneShotAndPeriodicTimersSendTheirEventsAndReturnToThePool) {
-    ASSERT_EQ(t_attach("main", 0, nullptr), kTaskOk);
-    UInt32 once;
-    UInt32 periodic;
-    UInt32 captured;
-    EXPECT_EQ(tm_evafter(3, 0x1, &once), 0U);
-    EXPECT_EQ(tm_evevery(2, 0x2, &periodic), 0U);
-    EXPECT_EQ(ev_receive(0x1, 0, 0, &captured), kTaskOk);
-    const double ms = MillisecondsOf([&] {
-        for (int i = 0; i < 10; i++) {
-            EXPECT_EQ(ev_receive(0x2, 0, 0, &captured), kTaskOk);
+namespace {
+
+// Operations on timers, done by the service and by a model of it. What happens is added to `trace`.
+class WorldT {
+  public:
+    enum KindT { kOnce, kEvery, kCall };
+    struct CallT {
+        WorldT* world;
+        UInt32 number;  // decides what the function does
+        UInt32 id = 0;
+        UInt32 calls = 0;
+    };
+    virtual ~WorldT() = default;
+    virtual void Tick() = 0;
+    virtual void Cancel(UInt32 id) = 0;
+
+    void Arm(UInt32 kind, UInt32 ticks, UInt32 number) {
+        calls_.push_back({this, number});
+        calls_.back().id = DoArm(kind, ticks, 1U << number % 8, &calls_.back());
+        recent_[number % 8] = calls_.back().id;
+        trace += " armed " + std::to_string(calls_.back().id);
+    }
+    void CancelRecent(UInt32 number) { Cancel(recent_[number % 8]); }
+
+    // A timer's function. It may cancel itself or others that are due, and arm timers.
+    static UInt32 Run(void* arg) {
+        CallT& call = *static_cast<CallT*>(arg);
+        WorldT& world = *call.world;
+        world.trace += " call " + std::to_string(call.number);
+        switch (call.number / 8 % 5) {
+            case 0:
+                world.Cancel(call.id);
+                break;
+            case 1:
+                world.CancelRecent(call.number / 40);
+                break;
+            case 2:
+                world.Arm(call.number % 2, 1 + call.number % 3, call.number / 40);
+                break;
+            default:
+                break;
         }
-    });
-    EXPECT_GE(ms, 150.0);  // ten periods of 20 ms, one or two of them pending at the start
-    EXPECT_EQ(tm_cancel(periodic), 0U);
-    EXPECT_TRUE(AllFree());
+        return ++call.calls <= call.number % 4 ? 1 + call.number : 0;
+    }
+
+    std::string trace;
+
+  protected:
+    virtual UInt32 DoArm(UInt32 kind, UInt32 ticks, UInt32 events, CallT* call) = 0;
+
+  private:
+    std::deque<CallT> calls_;
+    UInt32 recent_[8] = {};
+};
+
+class ServiceT : public WorldT {
+  public:
+    void Tick() override { tm_dispatch(); }
+    void Cancel(UInt32 id) override { EXPECT_EQ(tm_cancel(id), 0U); }
+    UInt32 DoArm(UInt32 kind, UInt32 ticks, UInt32 events, CallT* call) override {
+        UInt32 id = 99;
+        EXPECT_EQ(kind == kOnce    ? tm_evafter(ticks, events, &id)
+                  : kind == kEvery ? tm_evevery(ticks, events, &id)
+                                   : tm_callback_after(ticks, &id, Run, call),
+                  0U);
+        return id;
+    }
+    // Every timer in the order armed, and the events received.
+    void Look() {
+        for (const TMCB* timer = timerList; timer != nullptr; timer = timer->next) {
+            trace += " " + std::to_string(id_of(timer)) + ":" + std::to_string(timer->ticks);
+        }
+        UInt32 events = 0;
+        ev_receive(0xFF, kEvNoWait | kEvAny, 0, &events);
+        trace += " events " + std::to_string(events) + "\n";
+    }
+};
+
+class ModelT : public WorldT {
+  public:
+    ModelT() {
+        for (TMCB* timer = freetimerList; timer != nullptr; timer = timer->next) {
+            unused_.push_front(id_of(timer));
+        }
+    }
+    void Tick() override {
+        for (ArmedT& timer : armed_) {
+            timer.due = --timer.ticks == 0;
+        }
+        const auto is_due = [](const ArmedT& timer) { return timer.due; };
+        for (;;) {
+            auto due = std::find_if(armed_.begin(), armed_.end(), is_due);
+            if (due == armed_.end()) {
+                return;
+            }
+            due->due = false;
+            const ArmedT was = *due;
+            const bool again = was.kind == kCall ? Run(was.call) != 0 : was.kind == kEvery;
+            events_ |= was.kind == kCall ? 0 : was.events;
+            due = Find(was.call->id);
+            if (due == armed_.end() || due->call != was.call) {
+                continue;  // its function cancelled it
+            }
+            due->ticks = was.reload;
+            if (!again) {
+                unused_.push_back(due->id);
+                armed_.erase(due);
+            }
+        }
+    }
+    void Cancel(UInt32 id) override {
+        const auto timer = Find(id);
+        if (timer == armed_.end()) {
+            not_found++;
+            return;
+        }
+        unused_.push_back(id);
+        armed_.erase(timer);
+    }
+    UInt32 DoArm(UInt32 kind, UInt32 ticks, UInt32 events, CallT* call) override {
+        if (unused_.empty()) {
+            failed++;
+            return 0;
+        }
+        armed_.push_back({unused_.back(), kind, ticks, ticks, events, call});
+        unused_.pop_back();
+        return armed_.back().id;
+    }
+    void Look() {
+        for (const ArmedT& timer : armed_) {
+            trace += " " + std::to_string(timer.id) + ":" + std::to_string(timer.ticks);
+        }
+        trace += " events " + std::to_string(std::exchange(events_, 0)) + "\n";
+    }
+    int not_found = 0;
+    int failed = 0;
+
+  private:
+    struct ArmedT {
+        UInt32 id, kind, ticks, reload, events;
+        CallT* call;
+        bool due = false;
+    };
+    std::vector<ArmedT>::iterator Find(UInt32 id) {
+        return std::find_if(armed_.begin(), armed_.end(),
+                            [id](const ArmedT& timer) { return timer.id == id; });
+    }
+    std::vector<ArmedT> armed_;
+    std::deque<UInt32> unused_;  // the next one to be used last
+    UInt32 events_ = 0;
+};
+
+int Count(const std::string& text, const std::string& wanted) {
+    int count = 0;
+    for (size_t at = text.find(wanted); at != text.npos; at = text.find(wanted, at + 1)) {
+        count++;
+    }
+    return count;
 }
 
-TEST(Timers, TheFiftyFirstOrASecondCancelGoesUnreported) {
+}  // namespace
+
+// The clock is driven: this task says that it is the timer task, and dispatches.
+TEST(Timers, RandomArmingCancellingAndFunctionsThatDoBothDifferFromAModel) {
     const StdoutFile out;
     InitSyslogInterface();
-    UInt32 ids[kTimerPoolSize];
-    for (UInt32& id : ids) {
-        tm_evafter(100000, 1, &id);
-        ASSERT_NE(id, 0U);
+    syslogSetLogLevel(3);
+    StartSystemTimer();
+    t_delete(timerid);
+    ASSERT_EQ(t_attach("main", 0, nullptr), kTaskOk);
+    UInt32 self;
+    t_ident(nullptr, 0, &self);
+    timerid = self;
+    ServiceT service;
+    ModelT model;
+    std::mt19937 random(11);
+    const UInt32 start = gEpochMillisecs;
+    UInt32 ticks = 0;
+    for (int step = 0; step < 6000; step++) {
+        // In turns more is armed than expires, and the other way round.
+        const UInt32 what = static_cast<UInt32>(random() % (step % 400 < 200 ? 12 : 4));
+        const UInt32 number = static_cast<UInt32>(random() % 4000);
+        for (WorldT* world : {static_cast<WorldT*>(&service), static_cast<WorldT*>(&model)}) {
+            what == 0   ? world->CancelRecent(number)
+            : what <= 2 ? world->Tick()
+                        : world->Arm(number % 3, 1 + number / 3 % 9, number);
+        }
+        ticks += what == 1 || what == 2 ? 1 : 0;
+        service.Look();
+        model.Look();
+        ASSERT_EQ(service.trace, model.trace) << step;
+        service.trace.clear();
+        model.trace.clear();
     }
-    UInt32 extra = 99;
-    EXPECT_EQ(tm_evafter(1, 2, &extra), 0U);
-    EXPECT_EQ(extra, 0U);
-    EXPECT_TRUE(out.WaitFor("os: AllocTimer failed\n")) << out.Text();
-    for (const UInt32 id : ids) {
-        tm_cancel(id);
-    }
-    EXPECT_FALSE(out.Has("RemoveTimer"));
-    EXPECT_EQ(tm_cancel(extra) + tm_cancel(ids[7]), 0U);
-    EXPECT_TRUE(out.WaitFor("RemoveTimer: (nil) not found\nRemoveTimer: 0x"));
+    timerid = 0;
+    EXPECT_EQ(gEpochMillisecs - start, 10 * ticks);
+    EXPECT_GT(model.failed, 10);
+    EXPECT_GT(model.not_found, 10);
+    logerr("test", "end\n");
+    ASSERT_TRUE(out.WaitFor("test: end\n"));
+    EXPECT_EQ(Count(out.Text(), "os: AllocTimer failed\n"), model.failed);
+    EXPECT_EQ(Count(out.Text(), "RemoveTimer: "), model.not_found);
+}
+
+TEST(Timers, ABlockReturnedTwiceIsReportedAndInThePoolOnce) {
+    const StdoutFile out;
+    InitSyslogInterface();
+    StartSystemTimer();
+    FreeTimer(nullptr);
+    TMCB* block = freetimerList->next;
+    char lines[300];
+    snprintf(lines, sizeof(lines),
+             "pc[0]: os: FreeTimer called with NULL pTimer\n"
+             "pc[0]: os: FreeTimer pTimer is not consistent pTimer: %08x pTimer->next: %08x\n"
+             "pc[0]: os: FreeTimer pList is not consistent pList: %08x\n",
+             id_of(block), id_of(block->next), id_of(block));
+    FreeTimer(block);
+    EXPECT_TRUE(out.WaitFor(lines)) << out.Text();
+    EXPECT_EQ(freetimerList, block);
     EXPECT_TRUE(AllFree());
 }
 
-TEST(Timers, AFunctionMayCancelItselfAndOneThatIsDueArmOthersAndDeleteATask) {
-    const UInt32 task = Spawn("vict", [] {
-        UInt32 captured;
-        ev_receive(1, 0, 100000, &captured);
-    });
-    UInt32 ids[3];
+TEST(Timers, AFunctionGoesOnAndEventsStopWhenTheTaskThatArmedThemEnds) {
     std::atomic<int> calls{0};
-    std::atomic<bool> done{false};
-    std::function<UInt32()> other = [&] {
-        t_delete(task);
-        done = true;
-        return 0;
+    UInt32 ids[3];
+    const UInt32 task = Spawn("arms", [&] {
+        tm_evevery(1, 1, &ids[0]);
+        tm_callback_after(1, &ids[1], CountCalls, &calls);
+        tm_evafter(100000, 1, &ids[2]);
+    });
+    ASSERT_TRUE(Eventually([&] { return t_exists(task) == 0; }));
+    EXPECT_EQ(Length(&timerList), 1);
+    const int before = calls;
+    EXPECT_TRUE(Eventually([&] { return calls > before + 2; }));
+    tm_cancel(ids[1]);
+    EXPECT_TRUE(AllFree());
+}
+
+TEST(Timers, ACancelReturnsBeforeTheFunctionHasOrWaitsForOneThatDeletesTheCanceller) {
+    std::atomic<int> calls{0};
+    std::atomic<bool> ended{false};
+    std::atomic<UInt32> canceller{0};
+    UInt32 ids[2];
+    std::function<UInt32()> slow = [&] {
+        calls++;
+        udelay(50000);
+        ended = true;
+        return 1;
     };
-    std::function<UInt32()> function = [&] {
-        tm_cancel(ids[2]);
-        tm_cancel(ids[0]);              // itself: must not wait for itself
-        CallAfter(1, &ids[1], &other);  // in the same block
-        return 0;
+    CallAfter(1, &ids[0], &slow);
+    ASSERT_TRUE(Eventually([&] { return calls == 1; }));
+    tm_cancel(ids[0]);
+    EXPECT_TRUE(ended);
+    std::function<UInt32()> deletes = [&] {
+        calls++;
+        while (canceller == 0) {
+            udelay(1000);
+        }
+        udelay(50000);  // by now it waits
+        return t_delete(canceller);
     };
-    CallAfter(3, &ids[0], &function);
-    tm_callback_after(3, &ids[2], CountCalls, &calls);
-    ASSERT_TRUE(Eventually([&] { return done.load(); }));
-    EXPECT_EQ(t_exists(task), 0U);
+    CallAfter(1, &ids[1], &deletes);
+    ASSERT_TRUE(Eventually([&] { return calls == 2; }));
+    const UInt32 task = Spawn("canc", [&] {
+        const NoCancelT no_cancel;
+        t_ident(nullptr, 0, &ids[0]);
+        canceller = ids[0];
+        tm_cancel(ids[1]);
+    });
+    EXPECT_TRUE(Eventually([&] { return t_exists(task) == 0; }));
     EXPECT_TRUE(Eventually(AllFree));
-    EXPECT_EQ(calls, 0);
 }
 
 TEST(Timers, CancelsRacingExpiriesLoseABlockOrCostPeriodicTimersTheirPaceUnderLoad) {

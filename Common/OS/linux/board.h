@@ -39,11 +39,11 @@ int BoardFpgaSerialReceiver(int fd, int off);
 // failure.
 int BoardSetTerminal(int fd, const struct termios* attributes);
 
-// Starts the millisecond clock from 0 and returns the block whose `ctr` counts, or null when it
-// cannot be reached (which is logged). Called once, by the timer service.
+// Starts the millisecond clock from 0, again if it runs already, and returns the block whose `ctr`
+// counts, or null when it cannot be reached (which is logged).
 volatile rtclk8349* BoardStartClock();
 
-// Milliseconds since BoardStartClock, from the block that it returned. The host board has no
+// Milliseconds since the last BoardStartClock, from the block that it returned. The host board has no
 // counter of its own: it derives the count from the monotonic clock.
 UInt32 BoardClockMilliseconds(const volatile rtclk8349* clock);
 

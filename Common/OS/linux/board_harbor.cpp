@@ -6,6 +6,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "Common/OS/linux/board.h"
 #include "Common/OS/log.h"
 
@@ -16,6 +18,22 @@ constexpr size_t kClockOffset = 0x300;         // of the real-time-clock block i
 constexpr size_t kPageSize = 4096;
 constexpr UInt32 kPrescale = 266666;  // input clock cycles per millisecond, less one
 constexpr UInt32 kClockEnable = 0x80;
+
+volatile rtclk8349* MapClock() {
+    const int fd = open("/dev/mem", O_RDWR);
+    if (fd < 0) {
+        logcrit("os", "init_rtcp open /dev/mem failed\n");
+        return nullptr;
+    }
+    void* page = mmap64(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, kRegisterPage);
+    close(fd);
+    if (page == nullptr || page == MAP_FAILED) {
+        logcrit("os", "init_rtcp mmap failed\n");
+        return nullptr;
+    }
+    void* block = static_cast<UInt8*>(page) + kClockOffset;
+    return static_cast<volatile rtclk8349*>(block);
+}
 
 }  // namespace
 
@@ -36,19 +54,14 @@ int BoardSetTerminal(int fd, const struct termios* attributes) {
 }
 
 volatile rtclk8349* BoardStartClock() {
-    const int fd = open("/dev/mem", O_RDWR);
-    if (fd < 0) {
-        logcrit("os", "init_rtcp open /dev/mem failed\n");
+    static std::atomic<volatile rtclk8349*> mapped{nullptr};
+    volatile rtclk8349* clock = mapped;
+    if (clock == nullptr) {
+        clock = mapped = MapClock();
+    }
+    if (clock == nullptr) {
         return nullptr;
     }
-    void* page = mmap64(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, kRegisterPage);
-    close(fd);
-    if (page == nullptr || page == MAP_FAILED) {
-        logcrit("os", "init_rtcp mmap failed\n");
-        return nullptr;
-    }
-    void* block = static_cast<UInt8*>(page) + kClockOffset;
-    auto* clock = static_cast<volatile rtclk8349*>(block);
     // In this order: the counter is enabled last.
     clock->psr = kPrescale;
     clock->ldr = 0;

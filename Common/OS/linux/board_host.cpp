@@ -12,6 +12,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "Common/OS/linux/board.h"
 #include "Common/OS/linux/serialspeed.h"
 
@@ -25,12 +27,16 @@ constexpr int kFullDelayPercent = 100;
 constexpr tcflag_t kNotOnPseudoTerminals = PARENB | CREAD | CSIZE;
 
 rtclk8349 clockBlock;
-UInt64 clockStart;
+std::atomic<UInt32> clockStart;  // milliseconds
 
 UInt64 MonotonicNanos() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<UInt64>(now.tv_sec) * kNanosPerSecond + static_cast<UInt64>(now.tv_nsec);
+}
+
+UInt32 MonotonicMilliseconds() {
+    return static_cast<UInt32>(MonotonicNanos() / 1000000);
 }
 
 const char* Environment(const char* variable) {
@@ -162,7 +168,7 @@ int BoardSetTerminal(int fd, const struct termios* attributes) {
 }
 
 volatile rtclk8349* BoardStartClock() {
-    clockStart = MonotonicNanos();
+    clockStart = MonotonicMilliseconds();
     clockBlock.psr = 266666;
     clockBlock.ldr = 0;
     clockBlock.cnr = 0x80;
@@ -170,7 +176,7 @@ volatile rtclk8349* BoardStartClock() {
 }
 
 UInt32 BoardClockMilliseconds(const volatile rtclk8349* clock) {
-    return clock != nullptr ? static_cast<UInt32>((MonotonicNanos() - clockStart) / 1000000) : 0;
+    return clock != nullptr ? MonotonicMilliseconds() - clockStart : 0;
 }
 
 UInt32 BoardCycles() {

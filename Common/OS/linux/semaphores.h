@@ -1,6 +1,6 @@
 // Semaphores of one token: mutual-exclusion locks named by a 32-bit id. Any thread may call, a task
-// or not. The thread that took a semaphore is the one that gives it back; a thread that ends while
-// it holds semaphores gives them back as it goes.
+// or not. The thread that took a semaphore is the one that gives it back. A task that ends while it
+// holds semaphores gives them back as it goes; a thread that is no task does not.
 #pragma once
 
 #include <pthread.h>

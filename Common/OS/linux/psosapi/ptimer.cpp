@@ -1,9 +1,7 @@
 // The timer service: one task counts all timers down and fires what is due.
 //
-// One lock guards both lists. It is released while a timer fires, so functions and event sends may
-// use every service. What keeps a block safe meanwhile: it stays linked, with gFiring naming it; a
-// cancel unlinks it, tells the dispatcher through gFiringGone to keep off, and waits until the
-// firing is over.
+// One lock guards both lists and the dispatch. It is released while a timer fires, so functions and
+// event sends may use every service; DispatchT says what holds meanwhile.
 #include "Common/OS/linux/psosapi/ptimer.h"
 
 #include <stdio.h>
@@ -28,22 +26,36 @@ constexpr UInt32 kMillisecondsPerTick = 10;
 constexpr UInt32 kTicksPerSecond = 100;
 
 TMCB TimerContBlocks[kTimerPoolSize];
-bool gDue[kTimerPoolSize];  // expired and not yet fired; under tmcblistmutex, as all that follows
-bool gPoolMade;
-TMCB* gFiring;
-TMCB gFiringCopy;  // what *gFiring held when its firing began
-bool gFiringGone;
-UInt32 gFirings;  // counts them, so that a canceller waits for one firing and not for the next
-pthread_t gFiringThread;
-pthread_cond_t gFired = PTHREAD_COND_INITIALIZER;
+
+// What is due and what is being fired. Whenever tmcblistmutex is free:
+//   - A block is due only while it is armed: its ticks are over and its firing has not begun.
+//   - `firing` is null, or the block whose function or event send `thread` is running. Until it is
+//     `disarmed` that block stays armed with the contents of `copy`, and only the end of its firing
+//     takes it off the list. Once disarmed it may be free or armed for something else, and the
+//     firing leaves it alone.
+//   - Who disarms a block that is being fired waits until `firing` is null or `number` has moved
+//     on, so that what the timer uses may go. Two do not wait: the firing's own thread, and a task
+//     whose end that thread waits for.
+struct DispatchT {
+    bool due[kTimerPoolSize];
+    TMCB* firing;
+    TMCB copy;  // what *firing held when its firing began
+    bool disarmed;
+    UInt32 number;  // of the firing; counts all of them
+    pthread_t thread;
+    pthread_cond_t changed;  // a firing is over, or somebody waits for a task's end
+};
+DispatchT gDispatch = {{}, nullptr, {}, false, 0, {}, PTHREAD_COND_INITIALIZER};
 
 pthread_mutex_t gStartMutex = PTHREAD_MUTEX_INITIALIZER;  // starting the service; taken first
+bool gPoolMade;                                           // under gStartMutex
 
 pthread_once_t gClockOnce = PTHREAD_ONCE_INIT;
-volatile rtclk8349* gClock;
+std::atomic<bool> gClockStarted{false};
+std::atomic<volatile rtclk8349*> gClock{nullptr};
 
 bool& Due(const TMCB* timer) {
-    return gDue[timer - TimerContBlocks];
+    return gDispatch.due[timer - TimerContBlocks];
 }
 
 void SleepMicroseconds(long seconds, long microseconds) {
@@ -75,32 +87,31 @@ bool IsArmed(const TMCB* timer) {
 
 void MakePool() {
     MutexGuardT guard(&tmcblistmutex);
-    if (gPoolMade) {
-        return;
-    }
-    memset(TimerContBlocks, 0, sizeof(TimerContBlocks));
     for (int i = kTimerPoolSize - 1; i >= 0; i--) {
         TimerContBlocks[i].next = freetimerList;
         freetimerList = &TimerContBlocks[i];
     }
-    gPoolMade = true;
 }
 
-// What a firing leaves behind, also when the firing thread is cancelled in the middle.
+// One firing, ended also when its thread is cancelled in the middle.
 class FiringT {
   public:
-    // Claims a due timer; false when it was cancelled meanwhile.
-    bool Begin(TMCB* timer, TMCB* copy) {
+    // Begins to fire the first due timer and copies it; false when none is due.
+    bool Begin(TMCB* copy) {
         MutexGuardT guard(&tmcblistmutex);
-        if (!Due(timer)) {
+        timer_ = timerList;
+        while (timer_ != nullptr && !Due(timer_)) {
+            timer_ = timer_->next;
+        }
+        if (timer_ == nullptr) {
             return false;
         }
-        Due(timer) = false;
-        *copy = gFiringCopy = *timer;
-        gFiring = timer_ = timer;
-        gFiringGone = false;
-        gFirings++;
-        gFiringThread = pthread_self();
+        Due(timer_) = false;
+        gDispatch.firing = timer_;
+        *copy = gDispatch.copy = *timer_;
+        gDispatch.disarmed = false;
+        gDispatch.number++;
+        gDispatch.thread = pthread_self();
         return true;
     }
 
@@ -111,14 +122,14 @@ class FiringT {
             return;
         }
         MutexGuardT guard(&tmcblistmutex);
-        const bool ours = !gFiringGone;
+        const bool ours = !gDispatch.disarmed;
         if (ours && again_) {
             timer_->ticks = timer_->origTicks;
         } else if (ours) {
             Unlink(&timerList, timer_);
         }
-        gFiring = nullptr;
-        pthread_cond_broadcast(&gFired);
+        gDispatch.firing = nullptr;
+        pthread_cond_broadcast(&gDispatch.changed);
         guard.Unlock();
         if (ours && !again_) {
             FreeTimer(timer_);
@@ -130,11 +141,12 @@ class FiringT {
     bool again_ = false;
 };
 
-void Fire(TMCB* timer) {
+// Fires the first due timer; false when none is.
+bool FireNext() {
     FiringT firing;
     TMCB copy;
-    if (!firing.Begin(timer, &copy)) {
-        return;
+    if (!firing.Begin(&copy)) {
+        return false;
     }
     if (copy.cbptr != nullptr) {
         firing.Rearm(copy.cbptr(copy.pArgs) != 0);
@@ -144,25 +156,21 @@ void Fire(TMCB* timer) {
             ev_send(copy.taskID, copy.events);
         }
     }
+    return true;
 }
 
-// Whether the firing waits, in t_delete, for the calling task to end.
-bool FiringDeletesCaller() {
-    const TCB* self = t_self();
-    return self != nullptr &&
-           pthread_equal(self->deleter.load(std::memory_order_acquire), gFiringThread) != 0;
+// Whether the thread that fires waits, in t_delete, for the calling task to end.
+bool FiringDeletes(const TCB* self) {
+    return self != nullptr && pthread_equal(self->deleter, gDispatch.thread) != 0;
 }
 
-// Waits until the firing that is going on is over; not from within it, nor where it waits for the
-// caller. tmcblistmutex is held.
+// Waits until the firing that is going on is over. tmcblistmutex is held.
 void WaitForFiring() {
-    const UInt32 firing = gFirings;
-    if (FiringDeletesCaller()) {
-        return;
-    }
-    while (gFiring != nullptr && gFirings == firing &&
-           pthread_equal(gFiringThread, pthread_self()) == 0) {
-        pthread_cond_wait(&gFired, &tmcblistmutex);
+    const TCB* self = t_self();
+    const UInt32 number = gDispatch.number;
+    while (gDispatch.firing != nullptr && gDispatch.number == number &&
+           pthread_equal(gDispatch.thread, pthread_self()) == 0 && !FiringDeletes(self)) {
+        pthread_cond_wait(&gDispatch.changed, &tmcblistmutex);
     }
 }
 
@@ -170,8 +178,8 @@ void WaitForFiring() {
 void Disarm(TMCB* timer) {
     Unlink(&timerList, timer);
     Due(timer) = false;
-    if (gFiring == timer) {
-        gFiringGone = true;
+    if (gDispatch.firing == timer) {
+        gDispatch.disarmed = true;
     }
     timer->next = freetimerList;
     freetimerList = timer;
@@ -205,7 +213,7 @@ UInt32 Arm(const TMCB& wanted, UInt32* tmid) {
 // Forgets the timer task when it ends, so that the next arming starts a new one.
 class TimerTaskT {
   public:
-    ~TimerTaskT() { timerid.store(0, std::memory_order_release); }
+    ~TimerTaskT() { timerid = 0; }
 };
 
 void TimerTask(UInt32, UInt32, UInt32, UInt32) {
@@ -217,12 +225,8 @@ void TimerTask(UInt32, UInt32, UInt32, UInt32) {
 }
 
 bool TimerTaskLives() {
-    const UInt32 task = timerid.load(std::memory_order_acquire);
+    const UInt32 task = timerid;
     return task != 0 && t_exists(task) != 0;
-}
-
-void StartClock() {
-    gClock = BoardStartClock();
 }
 
 }  // namespace
@@ -250,12 +254,16 @@ void udelay(UInt32 delay) {
 }
 
 void init_rtcp() {
-    pthread_once(&gClockOnce, StartClock);
+    gClock = BoardStartClock();
+    gClockStarted = true;
 }
 
 UInt32 RealTimeMilliSeconds() {
-    init_rtcp();
-    return gClock != nullptr ? BoardClockMilliseconds(gClock) : 0;
+    if (!gClockStarted) {
+        pthread_once(&gClockOnce, init_rtcp);
+    }
+    const volatile rtclk8349* clock = gClock;
+    return clock != nullptr ? BoardClockMilliseconds(clock) : 0;
 }
 
 UInt32 millitime(UInt32* mstp) {
@@ -294,7 +302,7 @@ UInt32 tm_cancel(UInt32 tmid) {
         Disarm(timer);
     }
     // Also where somebody else has disarmed it: the caller may be about to free what it uses.
-    if (timer != nullptr && gFiring == timer) {
+    if (timer != nullptr && gDispatch.firing == timer) {
         WaitForFiring();
     }
     guard.Unlock();
@@ -310,24 +318,31 @@ void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler) {
     if (IsArmed(timer) && timer->taskID == taskID && timer->cbptr == cbhandler) {
         Disarm(timer);
     }
-    if (gFiring == timer && gFiringCopy.taskID == taskID) {
+    if (gDispatch.firing == timer && gDispatch.copy.taskID == taskID) {
         WaitForFiring();
     }
 }
 
-void tm_cancel_all_of(UInt32 taskID, tm_callback_ptr quick) {
+void tm_end_of_task(UInt32 taskID, tm_callback_ptr timeout) {
+    const auto goes = [taskID, timeout](const TMCB& timer) {
+        return timer.taskID == taskID && (timer.cbptr == nullptr || timer.cbptr == timeout);
+    };
     CancellableMutexGuardT guard(&tmcblistmutex);
     for (TMCB* timer = timerList; timer != nullptr;) {
         TMCB* next = timer->next;
-        if (timer->taskID == taskID) {
+        if (goes(*timer)) {
             Disarm(timer);
         }
         timer = next;
     }
-    if (gFiring != nullptr && gFiringCopy.taskID == taskID &&
-        (gFiringCopy.cbptr == nullptr || gFiringCopy.cbptr == quick)) {
+    if (gDispatch.firing != nullptr && goes(gDispatch.copy)) {
         WaitForFiring();
     }
+}
+
+void tm_task_is_waited_for() {
+    MutexGuardT guard(&tmcblistmutex);
+    pthread_cond_broadcast(&gDispatch.changed);
 }
 
 void FreeTimer(TMCB* pTimer) {
@@ -359,32 +374,29 @@ void StartSystemTimer() {
     if (TimerTaskLives()) {
         return;
     }
-    MakePool();
+    if (!gPoolMade) {
+        MakePool();
+        gPoolMade = true;
+    }
     UInt32 task;
     if (t_create("tmtk", 66, 0, 0, 0, &task) == kTaskOk) {
-        timerid.store(task, std::memory_order_release);
+        timerid = task;
         if (t_start(task, 0, TimerTask, nullptr) != kTaskOk) {
-            timerid.store(0, std::memory_order_release);
+            timerid = 0;
             t_delete(task);
         }
     }
 }
 
 void tm_dispatch() {
-    gEpochMillisecs.fetch_add(kMillisecondsPerTick, std::memory_order_relaxed);
-    TMCB* due[kTimerPoolSize];
-    int count = 0;
+    gEpochMillisecs += kMillisecondsPerTick;
     {
         MutexGuardT guard(&tmcblistmutex);
         for (TMCB* timer = timerList; timer != nullptr; timer = timer->next) {
             // One that was due already missed its turn when the timer task was deleted.
-            if (Due(timer) || --timer->ticks == 0) {
-                Due(timer) = true;
-                due[count++] = timer;
-            }
+            Due(timer) = Due(timer) || --timer->ticks == 0;
         }
     }
-    for (int i = 0; i < count; i++) {
-        Fire(due[i]);
+    while (FireNext()) {
     }
 }

@@ -3,8 +3,8 @@
 //
 // Timers are driven by one task, "tmtk", once per tick; ticks run slightly long under load. A pool
 // of 50 static blocks holds them all. Functions and event sends run in "tmtk" with no lock held, so
-// a timer function may arm and cancel timers, delete tasks and log. A task that ends takes its
-// armed timers with it.
+// a timer function may arm and cancel timers, delete tasks and log. A task that ends takes its event
+// timers with it; functions that it armed go on being called until they return 0 or are cancelled.
 #pragma once
 
 #include <pthread.h>
@@ -46,7 +46,8 @@ UInt32 tm_wkafter(UInt32 ticks);
 // Sleeps for `delay` microseconds. A cancellation point.
 void udelay(UInt32 delay);
 
-// Starts the millisecond clock from 0; done by the first reading too. Failures are logged.
+// Starts the millisecond clock from 0, also one that runs already; done by the first reading too.
+// Failures are logged.
 void init_rtcp();
 
 // Milliseconds since the clock started, 0 when it cannot be reached. millitime also stores them
@@ -77,10 +78,14 @@ void StartSystemTimer();
 // alone.
 void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler);
 
-// Disarms every timer that a task armed. Waits for an event send or for `quick` (a function that
-// never waits for a task) that is just running, but not for other functions: one of them may be
-// deleting this very task. Called as a task ends.
-void tm_cancel_all_of(UInt32 taskID, tm_callback_ptr quick);
+// Disarms what only its task can use: a task's event timers, and `timeout`, the function of its
+// timed wait. Waits for one of them that is just being fired; neither ever waits for a task. Called
+// as a task ends.
+void tm_end_of_task(UInt32 taskID, tm_callback_ptr timeout);
+
+// Tells who waits for a firing to end that a task has begun to wait for another's end: the firing
+// may wait for the waiter now.
+void tm_task_is_waited_for();
 
 // Returns a block to the pool. Null, a block still linked, and a block that is free already are
 // logged. For the service itself.

@@ -149,7 +149,7 @@ void EndOfTask(void* arg) {
     }
     sm_release_all();
     interrupts_release_all();
-    tm_cancel_all_of(id_of(tcb), ev_receive_timeout);
+    tm_end_of_task(id_of(tcb), ev_receive_timeout);
     {
         MutexGuardT guard(&tcb->event_mutex);
         tcb->timedwait = tcb->timedout = tcb->taskWaiting = 0;
@@ -298,6 +298,7 @@ void DeleteOther(TCB* tcb, UInt32 use) {
         }
     }
     GoneWaitT gone(tcb);
+    tm_task_is_waited_for();
     gone.Wait();
 }
 
@@ -443,7 +444,6 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
     if (tcb == nullptr) {
         return kTaskNotFound;
     }
-    const UInt32 checked = CheckedPriority(newPriority, "t_setpri");
     MutexGuardT guard(&tcblistmutex);
     if (Life(tcb) == kTaskFree) {
         return kTaskNotFound;
@@ -455,16 +455,18 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
     if (static_cast<UInt32>(old) == newPriority) {
         return kTaskOk;
     }
-    newPriority = checked;
-    tcb->priority = static_cast<int>(newPriority);
-    const int policy = newPriority == 0 ? SCHED_OTHER : old == 0 ? SCHED_RR : get_sched_policy();
+    const UInt32 wanted = newPriority <= kTaskMaxPriority ? newPriority : 0;
+    tcb->priority = static_cast<int>(wanted);
+    const int policy = wanted == 0 ? SCHED_OTHER : old == 0 ? SCHED_RR : get_sched_policy();
     tcb->prv_pri.sched_priority = policy != SCHED_OTHER ? tcb->priority : 0;
+    int err = 0;
     if (Life(tcb) == kTaskRunning && pthread_equal(tcb->thread, pthread_t{}) == 0) {
-        const int err = pthread_setschedparam(tcb->thread, policy, &tcb->prv_pri);
-        guard.Unlock();
-        if (err != 0) {
-            logdebug("os", "t_setpri pthread_setschedparam error %d\n", err);
-        }
+        err = pthread_setschedparam(tcb->thread, policy, &tcb->prv_pri);
+    }
+    guard.Unlock();
+    CheckedPriority(newPriority, "t_setpri");
+    if (err != 0) {
+        logdebug("os", "t_setpri pthread_setschedparam error %d\n", err);
     }
     return kTaskOk;
 }
