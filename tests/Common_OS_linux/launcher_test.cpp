@@ -1,11 +1,14 @@
-// Shell commands, directly and through the launcher pipe, against launchers good and bad. The
-// pipe has a fixed path, so its test gives way where one exists already.
+// Shell commands, directly and through the launcher pipe, against launchers good and bad.
 #include "Common/OS/linux/launcher.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -16,26 +19,25 @@
 #include "tests/support/stdout_file.h"
 
 TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
-    constexpr char kPipe[] = "/tmp/plaunch";
-    if (access(kPipe, F_OK) == 0) {
-        GTEST_SKIP() << kPipe << " exists: a launcher may be using it";
-    }
+    char folder[] = "/tmp/launchXXXXXX";
+    setenv("HARBOR_DEV_DIR", mkdtemp(folder), 1);
+    const std::string pipe = std::string(folder) + "/plaunch";
     const StdoutFile out;
     InitSyslogInterface();
     EXPECT_EQ(system_pthread("nobody there"), -1);
     EXPECT_TRUE(out.WaitFor("system_pthread: nobody there [2 No such file or directory]\n"));
-    EXPECT_NE(access(kPipe, F_OK), 0);  // never created
+    EXPECT_NE(access(pipe.c_str(), F_OK), 0);  // never created
 
-    ASSERT_EQ(mkfifo(kPipe, 0600), 0);
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const std::pair<const char*, int> cases[] = {
         {"0\n", 0}, {"42\n", 42}, {"-3", -3}, {"", -1}, {"what?\n", 0}, {"7\n9\n", 7}, {"\n", 0}};
     for (const auto& [answer, result] : cases) {
         // Plays a launcher: takes one command, gives one answer.
         std::thread launcher([&, text = answer] {
             std::string command;
-            std::getline(std::ifstream(kPipe), command, '\0');
+            std::getline(std::ifstream(pipe), command, '\0');
             EXPECT_EQ(command, "./config_port close ttyS1\n");
-            std::ofstream(kPipe) << text;
+            std::ofstream(pipe) << text;
         });
         EXPECT_EQ(system_pthread("./config_port close ttyS1"), result) << answer;
         launcher.join();
@@ -44,8 +46,8 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     std::atomic<bool> stop{false};
     std::thread fickle([&] {
         while (!stop) {
-            close(open(kPipe, O_RDONLY | O_NONBLOCK));
-            close(open(kPipe, O_WRONLY | O_NONBLOCK));
+            close(open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
+            close(open(pipe.c_str(), O_WRONLY | O_NONBLOCK));
         }
     });
     for (int i = 0; i < 20; i++) {
@@ -54,7 +56,7 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     }
     stop = true;
     fickle.join();
-    unlink(kPipe);
+    std::filesystem::remove_all(folder);
 }
 
 TEST(ProcInfo, ATaskDeletedInACommandLeavesItsPipeOpen) {
@@ -87,4 +89,41 @@ TEST(ProcInfo, CommandsGiveTheirFirstLineTrimmedAndCut) {
         EXPECT_EQ(read_command(c.command, line, sizeof(line)), c.result);
         EXPECT_STREQ(line, c.line);
     }
+}
+
+TEST(ProcInfo, AProcessIsFoundByItsWholeNameOnly) {
+    const std::string name = "find" + std::to_string(getpid());
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_NAME, name.c_str());
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        pause();
+        _exit(1);
+    }
+    EXPECT_TRUE(Eventually([&] { return find_pid(name.c_str()) == child; }));
+    EXPECT_EQ(find_pid(name.substr(1).c_str()), -1);
+    EXPECT_EQ(find_pid((name + "x").c_str()), -1);
+    EXPECT_EQ(find_pid(name.substr(0, name.size() - 1).c_str()), -1);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(find_pid(name.c_str()), -1);
+}
+
+TEST(ProcInfo, TheRootsMountIsAskedOnceAndTheAnswerKept) {
+    char folder[] = "/tmp/mountXXXXXX";
+    const std::string mount = std::string(mkdtemp(folder)) + "/mount";
+    setenv("PATH", (std::string(folder) + ":" + getenv("PATH")).c_str(), 1);
+    for (const auto& [table, answer] : {std::pair{"h:/x on / type nfs (rw)", -1},
+                                        {"h:/x on /mnt type nfs (rw)", 0},
+                                        {"/dev/root on / type ext2 (rw)", 0}}) {
+        const auto ask_twice = [&, line = table] {
+            std::ofstream(mount) << "#!/bin/sh\necho '" << line << "'\n";
+            chmod(mount.c_str(), 0700);
+            const int first = is_NFS();
+            std::filesystem::remove(mount);
+            _exit(first * 10 + is_NFS());
+        };
+        EXPECT_EXIT(ask_twice(), testing::ExitedWithCode(answer * 11 & 0xFF), "") << table;
+    }
+    std::filesystem::remove_all(folder);
 }

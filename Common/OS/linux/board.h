@@ -24,6 +24,13 @@ static_assert(sizeof(rtclk8349) == 24);
 // open(2) does.
 int BoardOpenDevice(const char* node);
 
+// Opens the launcher's pipe, which is never created, with the flags of open(2), and returns its
+// descriptor, or -1 with errno set. Where HARBOR_DEV_DIR is set, the host board takes the pipe
+// "plaunch" of that folder: a unit that is played there has a launcher of its own. May block as
+// open(2) does.
+constexpr char kLauncherPipe[] = "/tmp/plaunch";
+int BoardOpenLauncher(int flags);
+
 // Issues the FPGA serial driver's configuration request, 0x80260001. Returns 0, or the driver's
 // non-zero result with errno set. On the host board a terminal that does not know the request gets
 // the same settings through termios.
@@ -43,8 +50,8 @@ int BoardSetTerminal(int fd, const struct termios* attributes);
 // counts, or null when it cannot be reached (which is logged).
 volatile rtclk8349* BoardStartClock();
 
-// Milliseconds since the last BoardStartClock, from the block that it returned. The host board has no
-// counter of its own: it derives the count from the monotonic clock.
+// Milliseconds since the last BoardStartClock, from the block that it returned. The host board has
+// no counter of its own: it derives the count from the monotonic clock.
 UInt32 BoardClockMilliseconds(const volatile rtclk8349* clock);
 
 // The low word of a counter that runs at GetProcessorFrequency (66666664 Hz); wraps.

@@ -41,6 +41,10 @@ int BoardOpenDevice(const char* node) {
     return open(node, O_RDWR);
 }
 
+int BoardOpenLauncher(int flags) {
+    return open(kLauncherPipe, flags);
+}
+
 int BoardFpgaSerialConfigure(int fd, const fpgaserial_config_t* config) {
     return ioctl(fd, kFpgaSerialSetConfig, config);
 }

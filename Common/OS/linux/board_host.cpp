@@ -111,6 +111,16 @@ int ConfigureTerminal(int fd, const fpgaserial_config_t* config) {
     return BoardSetTerminal(fd, &line);
 }
 
+int OpenIn(const char* folder, const char* name, int flags) {
+    char path[PATH_MAX];
+    const int length = snprintf(path, sizeof(path), "%s/%s", folder, name);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return open(path, flags);
+}
+
 }  // namespace
 
 int BoardOpenDevice(const char* node) {
@@ -118,22 +128,20 @@ int BoardOpenDevice(const char* node) {
     if (folder == nullptr || strncmp(node, kDeviceFolder, sizeof(kDeviceFolder) - 1) != 0) {
         return open(node, O_RDWR);
     }
-    char path[PATH_MAX];
-    const int length =
-        snprintf(path, sizeof(path), "%s/%s", folder, node + sizeof(kDeviceFolder) - 1);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
     // A stand-in must never become the terminal that controls this process: its hang-up would end
     // the program with a signal where a real line just falls silent.
-    const int fd = open(path, O_RDWR | O_NOCTTY);
+    const int fd = OpenIn(folder, node + sizeof(kDeviceFolder) - 1, O_RDWR | O_NOCTTY);
     termios line = {};
     if (fd >= 0 && tcgetattr(fd, &line) == 0) {
         MakeRaw(&line);
         BoardSetTerminal(fd, &line);
     }
     return fd;
+}
+
+int BoardOpenLauncher(int flags) {
+    const char* folder = Environment("HARBOR_DEV_DIR");
+    return folder != nullptr ? OpenIn(folder, "plaunch", flags) : open(kLauncherPipe, flags);
 }
 
 int BoardFpgaSerialConfigure(int fd, const fpgaserial_config_t* config) {

@@ -11,12 +11,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "Common/OS/linux/board.h"
 #include "Common/OS/linux/semaphores.h"
 #include "Common/OS/log.h"
 
 namespace {
 
-constexpr char kPipe[] = "/tmp/plaunch";
 constexpr int kLineSize = 128;
 
 UInt32 sysCallSema;
@@ -29,7 +29,7 @@ void MakeSemaphore() {
 // One end of the pipe, closed when the scope ends, also by a task deleted while it waits.
 class PipeT {
   public:
-    explicit PipeT(int flags) : fd_(open(kPipe, flags)) {}
+    explicit PipeT(int flags) : fd_(BoardOpenLauncher(flags)) {}
     ~PipeT() noexcept(false) {
         if (fd_ >= 0) {
             close(fd_);
