@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include "Common/OS/assertion.h"
-#include "devlib/kestrelflash/stuffing.h"
 
 namespace {
 
@@ -55,7 +54,7 @@ eErrorT buildHarborToKestrelMsg(HARBOR_KESTREL_MESAGE_TYPE msgType, int orgMsgSi
         return kBadParameter;
     }
     OsAssert(orgMsgSize >= 0);
-    const std::size_t room = static_cast<std::size_t>(LinkFrameBound(orgMsgSize));
+    const auto room = static_cast<size_t>(LinkFrameBound(orgMsgSize));
     memset(ptrNewMsg, 0, strnlen(reinterpret_cast<const char*>(ptrNewMsg), room));
 
     const UInt32 length = static_cast<UInt32>(orgMsgSize) + 3;
@@ -66,8 +65,10 @@ eErrorT buildHarborToKestrelMsg(HARBOR_KESTREL_MESAGE_TYPE msgType, int orgMsgSi
     PutByte(ptrNewMsg, &index, length);
 
     UInt32 sum = 0;
-    index += static_cast<int>(
-        StuffBytes(orgMsgPtr, static_cast<std::size_t>(orgMsgSize), ptrNewMsg + index, &sum));
+    for (int i = 0; i < orgMsgSize; i++) {
+        sum += orgMsgPtr[i];
+        PutByte(ptrNewMsg, &index, orgMsgPtr[i]);
+    }
     const UInt32 checksum = 0x1000000 - sum;
     PutByte(ptrNewMsg, &index, checksum >> 16);
     PutByte(ptrNewMsg, &index, checksum >> 8);
