@@ -8,7 +8,7 @@
 // expectation.
 //
 //   # comment
-//   $ program arguments...          or: $ function
+//   $ program arguments...          or: $ function values...
 //   % name SIZE FIRST               an image: SIZE bytes, the first one FIRST (hexadecimal)
 //   % name text TEXT                a file with that text
 //   % name folder                   a folder in a file's place
@@ -58,7 +58,8 @@ int gSurprises;
 std::string gFaults;
 std::map<int, std::string> gReceived;  // image bytes by frame type
 
-// Says what is happening and takes the answer that the conversation has for it.
+// Says what is happening and takes the answer that the conversation has for it: what follows after
+// a blank, or nothing.
 template <typename... ValuesT>
 std::string Answer(const char* format, ValuesT... values) {
     char event[256];
@@ -67,6 +68,9 @@ std::string Answer(const char* format, ValuesT... values) {
     if (!gAnswers.empty() && gAnswers.back().starts_with(event)) {
         answer = gAnswers.back().substr(strlen(event));
         gAnswers.pop_back();
+        if (!answer.empty() && answer[0] != ' ') {
+            gFaults += std::string(event) + " falls short\n";
+        }
     } else if (++gSurprises > kMaxSurprises) {
         throw std::runtime_error(std::string(event) + " is too much");
     }
@@ -119,6 +123,13 @@ void MakeFile(const std::string& line) {
 int Run(std::vector<std::string> words) {
     if (words[0] == "KestrelSerialProgMicro") {
         return KestrelSerialProgMicro(CONTROLLER_FLASH_TYPE_KESTRELMICRO);
+    }
+    if (words[0] == "TransferOverlookImages") {
+        OverlookUpdateInfoT camera = {};
+        camera.overlook_cam_file = fopen(kOverlookCameraImageName, "r");
+        camera.currentCamBlock = std::stoi(words[1]);
+        camera.totalCamBlock = std::stoi(words[2]);
+        return TransferOverlookImages(&camera);
     }
     std::vector<char*> argv(words.size() + 1);
     std::transform(words.begin(), words.end(), argv.begin(),
@@ -260,6 +271,9 @@ eErrorT Serial_Close(int port) {
 int Serial_Write(int port, char* buf, int size, int usecs) {
     const std::string what = DescribeWrite(Bytes(buf, buf + size));
     const std::string answer = Answer("@ write %d in %d:%s", port, usecs, what.c_str());
+    if (!answer.empty() && !answer.starts_with(" ->")) {
+        gFaults += what + " falls short\n";
+    }
     return answer.starts_with(" -> ") ? atoi(answer.c_str() + 4) : size;
 }
 

@@ -1,5 +1,6 @@
 // Frames as bytes: known ones, and any payload against the rule applied byte by byte.
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <random>
 
@@ -54,6 +55,24 @@ TEST(Framing, KnownFramesComeOutByteForByte) {
     for (const auto& c : kCases) {
         EXPECT_EQ(c.frame, Frame(c.type, c.payload));
     }
+}
+
+TEST(Framing, OtherTypesAreFramedOrTheirLengthIsLeft) {
+    std::string framed;
+    testing::internal::CaptureStdout();
+    for (int type = 0; type < 256; type++) {
+        int length = 7;
+        unsigned char frame[LinkFrameBound(0)] = {};
+        if (buildHarborToKestrelMsg(static_cast<HARBOR_KESTREL_MESAGE_TYPE>(type), 0, nullptr,
+                                    &length, frame) == kNoError) {
+            framed += std::to_string(type) + " ";
+        } else if (length != 0) {
+            framed += "?";
+        }
+    }
+    EXPECT_EQ("65 66 67 68 72 73 129 136 137 ", framed);
+    EXPECT_EQ(247 * strlen("packetizeHarborToKestrelMsg() -- Invalid message.\n"),
+              testing::internal::GetCapturedStdout().size());
 }
 
 TEST(Framing, AnyPayloadComesBackFromAnIndependentDecoder) {

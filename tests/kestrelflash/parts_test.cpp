@@ -43,7 +43,8 @@ TEST(Progress, ArithmeticTruncatesAndWraps) {
         {0, 10, 90, 500, ""},
         {50000000, 0, 100, 21474836, "percentdone: [42]\n"},
         {50000000, 0, 100, 21474837, ""},  // a hundredfold of this is negative
-        {-1, 0, 100, 1 << 29, ""},         // the lowest value over -1
+        {-100, 0, 100, -50, "percentdone: [50]\n"},
+        {-1, 0, 100, 1 << 29, ""},  // the lowest value over -1
         {1, INT_MIN, INT_MAX, 1, "percentdone: [2147483647]\n"},
     };
     for (const auto& c : kCases) {
