@@ -13,35 +13,26 @@ key=$({
     dpkg-query -W -f '${Package} ${Version}\n' linux-source-6.1 gcc-12-powerpc-linux-gnu
 } | sha256sum | cut -c1-16)
 kernel_dir="$cache_dir/kernel-$key"
-mkdir -p "$cache_dir"
-exec 9>"$cache_dir/kernel.lock"
-flock 9
 
 # Options that Kconfig silently dropped would be found out only by odd failures later.
 check_options() {
     local lost
-    lost=$(grep -E '^CONFIG_[A-Z0-9_]+=' "$target_dir/kernel.fragment" | grep -vxFf "$work/.config")
-    [ -z "$lost" ] || { echo "options lost: $lost"; return 1; }
+    lost=$(grep -E '^CONFIG_[A-Z0-9_]+=' "$target_dir/kernel.fragment" |
+        grep -vxFf "$work/source/.config") || return 0
+    echo "options lost: $lost"
+    return 1
 }
 
-# The steps return their status by hand: errexit is off in them.
 build() {
-    local kernel_make=(make -C "$work" ARCH=powerpc "CROSS_COMPILE=$cross-")
-    tar -C "$work" --strip-components=1 -xf "$source_tar" &&
-        "${kernel_make[@]}" "KCONFIG_ALLCONFIG=$target_dir/kernel.fragment" allnoconfig &&
-        check_options && "${kernel_make[@]}" "-j$(nproc)" vmlinux && "$cross-strip" "$work/vmlinux"
+    local kernel_make=(make -C "$work/source" ARCH=powerpc "CROSS_COMPILE=$cross-")
+    mkdir "$work/source" "$work/result"
+    tar -C "$work/source" --strip-components=1 -xf "$source_tar"
+    "${kernel_make[@]}" "KCONFIG_ALLCONFIG=$target_dir/kernel.fragment" allnoconfig
+    check_options
+    "${kernel_make[@]}" "-j$(nproc)" vmlinux
+    cp "$work/source/.config" "$work/result/config"
+    "$cross-strip" -o "$work/result/vmlinux" "$work/source/vmlinux"
 }
 
-if [ ! -r "$kernel_dir/vmlinux" ]; then
-    rm -rf "$cache_dir"/kernel-build.??????
-    work=$(mktemp -d "$cache_dir/kernel-build.XXXXXX")
-    trap 'rm -rf "$work"' EXIT
-    log="$cache_dir/kernel-build.log"
-    echo "target: building the kernel (log: $log)" >&2
-    build >"$log" 2>&1 9>&- || { tail -20 "$log" >&2; die "the kernel did not build"; }
-    mkdir -p "$kernel_dir"
-    cp "$work/.config" "$kernel_dir/config"
-    cp "$work/vmlinux" "$kernel_dir/vmlinux.new"
-    mv "$kernel_dir/vmlinux.new" "$kernel_dir/vmlinux"
-fi
+make_once kernel "the kernel" "$kernel_dir" vmlinux
 echo "$kernel_dir/vmlinux"

@@ -18,38 +18,41 @@ if [ "${1:-}" = --cached ]; then
     [ ! -r "$readline_dir/lib/libreadline.a" ] || echo "$readline_dir"
     exit 0
 fi
-mkdir -p "$cache_dir"
-exec 9>"$cache_dir/readline.lock"
-flock 9
 
 configure() { # ARGUMENTS...: the current folder's package for the board's processor
     ./configure "--build=$(gcc -dumpmachine)" "--host=$cross" "CFLAGS=$flags" "$@"
 }
 
-# The steps return their status by hand: errexit is off in them.
 unpack() { # NAME
-    mkdir "$work/$1" &&
-        tar -C "$work/$1" --strip-components=1 -xf "$work/$1"_*.orig.tar.[gx]z
+    mkdir "$work/$1"
+    tar -C "$work/$1" --strip-components=1 -xf "$work/$1"_*.orig.tar.[gx]z
 }
 
 build_tinfo() {
-    cd "$work/ncurses" &&
-        configure --with-termlib --without-shared --without-debug --without-cxx --without-ada \
-            --without-manpages --without-progs --without-tests --disable-widec \
-            --disable-database "--with-fallbacks=$terminals" &&
-        make -C include && make -C ncurses "-j$(nproc)" ../lib/libtinfo.a
+    cd "$work/ncurses"
+    configure --with-termlib --without-shared --without-debug --without-cxx --without-ada \
+        --without-manpages --without-progs --without-tests --disable-widec \
+        --disable-database "--with-fallbacks=$terminals"
+    make -C include
+    make -C ncurses "-j$(nproc)" ../lib/libtinfo.a
 }
 
 build_readline() {
-    cd "$work/readline" &&
-        configure --disable-shared --prefix=/ bash_cv_termcap_lib=libtinfo &&
-        make "-j$(nproc)" static && make install-headers "DESTDIR=$work/made"
+    cd "$work/readline"
+    configure --disable-shared --prefix=/ bash_cv_termcap_lib=libtinfo
+    make "-j$(nproc)" static
+    make install-headers "DESTDIR=$work/made"
 }
 
 build() {
-    fetch_source "$work" readline ncurses && unpack ncurses && unpack readline &&
-        (build_tinfo) && (build_readline) && mkdir -p "$work/result/lib" &&
-        mv "$work/made/include" "$work/result/" && "$cross-ar" -M <<END
+    fetch_source "$work" readline ncurses
+    unpack ncurses
+    unpack readline
+    (build_tinfo)
+    (build_readline)
+    mkdir -p "$work/result/lib"
+    mv "$work/made/include" "$work/result/"
+    "$cross-ar" -M <<END
 CREATE $work/result/lib/libreadline.a
 ADDLIB $work/readline/libreadline.a
 ADDLIB $work/ncurses/lib/libtinfo.a
@@ -57,13 +60,5 @@ SAVE
 END
 }
 
-if [ ! -r "$readline_dir/lib/libreadline.a" ]; then
-    work=$(mktemp -d "$cache_dir/readline-build.XXXXXX")
-    trap 'rm -rf "$work"' EXIT
-    log="$cache_dir/readline-build.log"
-    echo "target: building the shell's line editing (log: $log)" >&2
-    build >"$log" 2>&1 9>&- || { tail -20 "$log" >&2; die "the line editing did not build"; }
-    rm -rf "$readline_dir"
-    mv "$work/result" "$readline_dir"
-fi
+make_once readline "the line editing" "$readline_dir" lib/libreadline.a
 echo "$readline_dir"

@@ -40,6 +40,29 @@ need_packages() {
         --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# make_once NAME WHAT FOLDER FILE: makes a folder of the cache, once for all who ask at the same time.
+# Unless FILE is in it, runs the caller's function `build`, which leaves $work/result for it; $work is
+# a new folder, removed at the end. Its output stays in NAME-build.log. A failure ends the program.
+make_once() {
+    local name=$1 what=$2 folder=$3 file=$4 log="$cache_dir/$1-build.log" status
+    mkdir -p "$cache_dir"
+    exec 9>"$cache_dir/$name.lock"
+    flock 9
+    [ ! -r "$folder/$file" ] || return 0
+    rm -rf "$cache_dir/$name"-build.??????  # of one that was killed
+    work=$(mktemp -d "$cache_dir/$name-build.XXXXXX")
+    trap 'rm -rf "$work"' EXIT
+    echo "target: building $what (log: $log)" >&2
+    # A failing step ends the subshell; that would not be so within a condition.
+    set +e
+    (set -e; build) >"$log" 2>&1 9>&-
+    status=$?
+    set -e
+    [ $status -eq 0 ] || { tail -20 "$log" >&2; die "$what did not build"; }
+    rm -rf "$folder"
+    mv "$work/result" "$folder"
+}
+
 stage_times=()
 
 # stage NAME COMMAND...: runs the command and notes how long it took; its failure ends the run.
