@@ -249,7 +249,7 @@ def main():
         lines += [f"## {title}", "", "| what | ours | peer | ratio | goal | |",
                   "|---|---|---|---|---|---|"]
         lines += [row(found, *r) for r in rows] + [""]
-    notes = ROOT / "docs/benchmark-notes.md"
+    notes = ROOT / "scripts/benchmark-notes.md"
     if notes.exists():
         lines += notes.read_text().splitlines()
     page = "\n".join(lines).rstrip() + "\n"

@@ -1,19 +1,22 @@
 // Lines are assembled by the JSON library, so that any text in them is quoted rightly.
 #include "tools/kestrelsim/event_log.h"
 
+#include <errno.h>
+#include <string.h>
+
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace kestrelsim {
 
-EventLog::EventLog(const std::string& path) : start_(MonotonicNow()) {
+EventLog::EventLog(const std::string& path) : path_(path), start_(MonotonicNow()) {
     if (path.empty()) {
         return;
     }
     file_ = fopen(path.c_str(), "we");
     if (file_ == nullptr) {
-        throw std::runtime_error("cannot write the log " + path);
+        Fail();
     }
 }
 
@@ -21,6 +24,10 @@ EventLog::~EventLog() {
     if (file_ != nullptr) {
         fclose(file_);
     }
+}
+
+void EventLog::Fail() const {
+    throw std::runtime_error("cannot write the log " + path_ + ": " + strerror(errno));
 }
 
 void EventLog::Write(int port, const char* dir, const ByteView* bytes, const char* key,
@@ -47,8 +54,9 @@ void EventLog::Write(int port, const char* dir, const ByteView* bytes, const cha
     }
     const std::string text =
         line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    fwrite(text.data(), 1, text.size(), file_);
-    fflush(file_);
+    if (fwrite(text.data(), 1, text.size(), file_) != text.size() || fflush(file_) != 0) {
+        Fail();
+    }
 }
 
 void EventLog::Received(int port, ByteView bytes, const std::string& what) {

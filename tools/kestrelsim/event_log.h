@@ -14,7 +14,8 @@ namespace kestrelsim {
 
 class EventLog {
   public:
-    // An empty path writes nothing. Throws std::runtime_error when the file cannot be opened.
+    // An empty path writes nothing. Throws std::runtime_error when the file cannot be opened; so do
+    // the four that follow when it cannot be written.
     explicit EventLog(const std::string& path);
     ~EventLog();
     EventLog(const EventLog&) = delete;
@@ -26,9 +27,11 @@ class EventLog {
     void Event(int port, const std::string& event, const std::string& what = "");
 
   private:
+    [[noreturn]] void Fail() const;
     void Write(int port, const char* dir, const ByteView* bytes, const char* key,
                const std::string& value, const std::string& what);
 
+    const std::string path_;
     FILE* file_ = nullptr;
     const Nanos start_;
 };

@@ -2,6 +2,8 @@
 // turned into the same JSON object as one of a script.
 #include "tools/kestrelsim/faults.h"
 
+#include <limits.h>
+
 #include <algorithm>
 #include <iterator>
 #include <map>
@@ -43,6 +45,9 @@ constexpr FaultName kFaultNames[] = {
      "a byte each so often, from the first message on"},
 };
 
+constexpr int kLongestMs = 24 * 3600 * 1000;
+constexpr int kMostNoise = 1000000;
+
 constexpr const char* kSelectorKeys = "fault unit answer image block attempt times";
 
 const std::map<std::string, UnitName> kUnits = {{"micro", UnitName::kMicro},
@@ -71,24 +76,30 @@ std::optional<Value> Named(const json& item, const char* key,
     return found->second;
 }
 
-std::optional<int> Number(const json& item, const char* key) {
+// A number from 0 to `most`, given as such or as text.
+std::optional<int64_t> Number(const json& item, const char* key, int64_t most) {
     if (!item.contains(key)) {
         return std::nullopt;
     }
     const json& value = item[key];
+    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+    size_t used = 0;
+    int64_t number = -1;
     try {
-        size_t used = 0;
-        const int number =
-            value.is_string() ? std::stoi(value.get<std::string>(), &used, 0) : value.get<int>();
-        const bool whole = value.is_number_integer() ||
-                           (value.is_string() && used == value.get<std::string>().size());
-        if (whole && number >= 0) {
-            return number;
-        }
+        number = std::stoll(text, &used, 0);
     } catch (const std::exception&) {
         // Told below, with the value as it was given.
     }
-    throw std::invalid_argument(std::string(key) + " is not a number: " + value.dump());
+    if (used != text.size() || number < 0 || number > most) {
+        throw std::invalid_argument(std::string(key) + " is not a number from 0 to " +
+                                    std::to_string(most) + ": " + value.dump());
+    }
+    return number;
+}
+
+std::optional<int> SmallNumber(const json& item, const char* key, int most = INT_MAX) {
+    const auto number = Number(item, key, most);
+    return number ? std::optional(static_cast<int>(*number)) : std::nullopt;
 }
 
 json FromWords(const std::string& words, bool name_first) {
@@ -145,8 +156,8 @@ void Faults::Add(const std::string& text) {
 
 void Faults::AddScript(const json& script) {
     for (const auto& [key, value] : script.items()) {
-        if (key == "seed" && value.is_number_unsigned()) {
-            Seed(value.get<uint32_t>());
+        if (key == "seed") {
+            Seed(static_cast<uint32_t>(*Number(script, "seed", UINT32_MAX)));
         } else if (key == "faults" && value.is_array()) {
             for (const json& item : value) {
                 AddItem(item);
@@ -174,14 +185,14 @@ void Faults::AddItem(const json& given) {
                 Named(item, "unit", kUnits),
                 Named(item, "answer", kAnswers),
                 Named(item, "image", kImages),
-                Number(item, "block"),
-                Number(item, "attempt"),
-                Number(item, "times").value_or(-1),
-                Number(item, "ms").value_or(0),
-                Number(item, "count").value_or(0),
-                Number(item, "byte").value_or(0),
-                Number(item, "value").value_or(0),
-                Number(item, "at").value_or(0),
+                SmallNumber(item, "block"),
+                SmallNumber(item, "attempt"),
+                SmallNumber(item, "times").value_or(-1),
+                SmallNumber(item, "ms", kLongestMs).value_or(0),
+                SmallNumber(item, "count", kMostNoise).value_or(0),
+                SmallNumber(item, "byte").value_or(0),
+                SmallNumber(item, "value", UINT8_MAX).value_or(0),
+                Number(item, "at", INT64_MAX).value_or(0),
                 {}};
     if (item.contains("bytes")) {
         const auto bytes =

@@ -27,6 +27,9 @@ using namespace kestrelsim;
 
 enum Status { kDone = 0, kCannotRun = 1, kUsage = 2, kRefusedSomething = 3 };
 
+constexpr int kScriptDepth = 3;       // a script, its faults, a fault's keys
+constexpr double kLongestIdle = 1e6;  // seconds
+
 struct Options {
     SimulatorOptions simulator;
     StateOptions state;
@@ -80,8 +83,9 @@ void Describe(CLI::App* app, Options* options) {
         ->type_size(1)
         ->allow_extra_args(false);
     app->add_option("--exit-when-idle", options->simulator.exit_when_idle,
-                    "end after so many seconds without any event on closed lines")
-        ->check(CLI::NonNegativeNumber);
+                    "end after so many seconds with all lines closed and nothing happening, "
+                    "counted from the start too (default 0: never)")
+        ->check(CLI::Range(0.0, kLongestIdle));
     app->footer(FaultHelp());
 }
 
@@ -102,8 +106,15 @@ Faults ReadFaults(const Options& options) {
     Faults faults;
     if (!options.script.empty()) {
         std::ifstream file(options.script);
+        // What is nested deeper than any script is would exhaust the stack.
+        const auto shallow = [](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
+            if (depth > kScriptDepth) {
+                throw std::invalid_argument("a script that is nested too deep");
+            }
+            return true;
+        };
         try {
-            faults.AddScript(nlohmann::json::parse(file));
+            faults.AddScript(nlohmann::json::parse(file, shallow));
         } catch (const nlohmann::json::exception& error) {
             throw std::invalid_argument(options.script + ": " + error.what());
         }

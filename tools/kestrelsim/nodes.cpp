@@ -2,8 +2,10 @@
 #include "tools/kestrelsim/nodes.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +34,13 @@ Nodes::Nodes(const std::string& folder) : folder_(folder) {
         throw std::runtime_error(folder_ + " is no folder");
     }
     folder_ = std::filesystem::absolute(folder_).lexically_normal().string();
+    folder_fd_ = open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (flock(folder_fd_, LOCK_EX | LOCK_NB) != 0) {
+        const std::string why =
+            errno == EWOULDBLOCK ? "another simulator works there" : std::string(strerror(errno));
+        close(folder_fd_);
+        throw std::runtime_error(folder_ + ": " + why);
+    }
     watch_fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
 }
 
@@ -45,6 +54,7 @@ Nodes::~Nodes() {
     if (watch_fd_ >= 0) {
         close(watch_fd_);
     }
+    close(folder_fd_);
 }
 
 void Nodes::Link(int port, const std::string& device) {

@@ -15,7 +15,8 @@ const char* NodeName(int port);
 
 class Nodes {
   public:
-    // An empty `folder` makes a temporary one. Throws std::runtime_error.
+    // An empty `folder` makes a temporary one. Throws std::runtime_error, also when another
+    // simulator works there.
     explicit Nodes(const std::string& folder);
     ~Nodes();
     Nodes(const Nodes&) = delete;
@@ -42,6 +43,7 @@ class Nodes {
   private:
     std::string folder_;
     bool made_folder_ = false;
+    int folder_fd_ = -1;  // holds the folder's lock
     int watch_fd_ = -1;
     std::map<int, int> ports_of_watches_;
     std::vector<int> linked_;

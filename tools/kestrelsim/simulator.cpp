@@ -34,7 +34,8 @@ Simulator::Simulator(const SimulatorOptions& options, State* state, Faults* faul
       faults_(faults),
       log_(log),
       exit_when_idle_(static_cast<Nanos>(options.exit_when_idle * static_cast<double>(kSecond))),
-      nodes_(options.folder) {
+      nodes_(options.folder),
+      last_event_(MonotonicNow()) {
     for (int number = 0; number < kPorts; number++) {
         AddPort(number, options);
     }
@@ -98,7 +99,7 @@ void Simulator::Run(int stop_fd) {
             Serve(port.get(), now);
         }
         const bool idle =
-            exit_when_idle_ > 0 && last_event_ > 0 && now >= last_event_ + exit_when_idle_ &&
+            exit_when_idle_ > 0 && now >= last_event_ + exit_when_idle_ &&
             std::none_of(ports_.begin(), ports_.end(), [](auto& it) { return it->opened > 0; });
         const bool all_gone = std::none_of(ports_.begin(), ports_.end(),
                                            [](auto& it) { return it->line != nullptr; });
@@ -114,7 +115,7 @@ void Simulator::Run(int stop_fd) {
 
 Nanos Simulator::NextDeadline() const {
     Nanos deadline = MonotonicNow() + 3600 * kSecond;
-    if (exit_when_idle_ > 0 && last_event_ > 0) {
+    if (exit_when_idle_ > 0) {
         // Lines that are still open keep the simulator up; they are looked at again in a while.
         deadline = std::max(last_event_ + exit_when_idle_, MonotonicNow() + 50 * kMillisecond);
     }

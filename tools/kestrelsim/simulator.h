@@ -21,7 +21,7 @@ struct SimulatorOptions {
     std::string folder;                 // of the nodes; empty: a temporary one
     int baud = 0;                       // 0: not paced
     int patience_ms = 40;               // of the microcontroller's line when paced
-    double exit_when_idle = 0;          // seconds without any event after the first; 0: never
+    double exit_when_idle = 0;          // seconds without any event; 0: never
     std::map<int, std::string> attach;  // port to device, "fd:N" or "unix:PATH"
 };
 
@@ -61,7 +61,7 @@ class Simulator {
     const Nanos exit_when_idle_;
     Nodes nodes_;
     std::vector<std::unique_ptr<Port>> ports_;
-    Nanos last_event_ = 0;
+    Nanos last_event_;  // or the beginning
     int refusals_ = 0;
     std::string completed_;  // the image that the message at hand completed
     std::vector<std::string> given_up_;

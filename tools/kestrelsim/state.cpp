@@ -58,7 +58,11 @@ void State::Load() {
     }
     try {
         const auto versions = nlohmann::json::parse(file);
-        micro_version_ = versions.at("micro").get<uint8_t>();
+        const int micro = versions.at("micro").get<int>();
+        if (micro < 0 || micro > UINT8_MAX) {
+            throw std::runtime_error(options_.folder + "/versions.json: micro is no byte");
+        }
+        micro_version_ = static_cast<uint8_t>(micro);
         camera_.camera = versions.at("camera").get<std::string>();
         camera_.system = versions.at("system").get<std::string>();
     } catch (const nlohmann::json::exception& error) {

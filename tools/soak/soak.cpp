@@ -23,6 +23,8 @@
 
 namespace {
 
+constexpr double kSeconds = 600;
+constexpr double kMostSeconds = 1e6;
 constexpr int kPairs = 3;
 constexpr int kLoggers = 8;
 constexpr int kVictims = 4;
@@ -227,10 +229,22 @@ bool Same(const char* what, long before, long after) {
     return before == after;
 }
 
+// 0 for what is no time.
+double SecondsOf(const char* text) {
+    char* end = nullptr;
+    const double seconds = strtod(text, &end);
+    return end != text && *end == '\0' && seconds > 0 && seconds <= kMostSeconds ? seconds : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const double seconds = argc > 1 ? strtod(argv[1], nullptr) : 600;
+    const double seconds = argc > 1 ? SecondsOf(argv[1]) : kSeconds;
+    if (argc > 2 || seconds == 0) {
+        fprintf(stderr, "usage: soak [SECONDS], above 0 and at most %.0f (default %.0f)\n",
+                kMostSeconds, kSeconds);
+        return 2;
+    }
     os_init();
     // The log's lines go where nobody reads them; the reports go to standard error.
     dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
