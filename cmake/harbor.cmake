@@ -33,7 +33,8 @@ target_compile_options(harbor_flags INTERFACE
     -Wall -Wextra -Wshadow -Wconversion
     $<$<BOOL:${HARBOR_WERROR}>:-Werror>
     -fno-pie -fsigned-char -fexceptions
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${HARBOR_FROM_BUILD}/=)
+    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${HARBOR_FROM_BUILD}/=
+    -fdebug-prefix-map=${CMAKE_SOURCE_DIR}/= -fdebug-prefix-map=${HARBOR_FROM_BUILD}/=)
 target_link_options(harbor_flags INTERFACE -no-pie)
 target_link_libraries(harbor_flags INTERFACE Threads::Threads)
 if(HARBOR_SANITIZE)
