@@ -276,7 +276,7 @@ eErrorT ModInit(ModT* pMod, const char* pName, int instance, void* pOwner) {
     {
         const MutexGuardT lock(&gModHeaderMutex);
         pMod->instance = instance;
-        pMod->pOwner = static_cast<ModT*>(pOwner);
+        FieldWrite(pMod->pOwner, static_cast<ModT*>(pOwner));
         const size_t length = strnlen(pName, kModNameLen);
         memmove(pMod->name, pName, length);
         pMod->name[length] = '\0';
@@ -328,12 +328,12 @@ UInt32 ModGetProcNum(ModT* pMod) {
 
 ModT* ModGetOwner(ModT* pMod) {
     ModCheck(pMod);
-    return pMod->pOwner;
+    return FieldRead(pMod->pOwner);
 }
 
 eErrorT ModSetOwner(ModT* pMod, ModT* pOwner) {
     ModCheck(pMod);
-    pMod->pOwner = pOwner;
+    FieldWrite(pMod->pOwner, pOwner);
     return kNoError;
 }
 

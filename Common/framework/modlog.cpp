@@ -42,7 +42,7 @@ bool LetThrough(const ModT* pMod) {
 }
 
 void MakeLabel(const ModT* pMod, char* label) {
-    const ModT* owner = pMod->pOwner;
+    const ModT* owner = FieldRead(pMod->pOwner);
     if ((FieldRead(pMod->flags) & kModFlagLogOwner) != 0 && owner != nullptr) {
         snprintf(label, kLabelSize, "%s[%d].%s[%d]", owner->name, owner->instance, pMod->name,
                  pMod->instance);
