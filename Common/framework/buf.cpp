@@ -7,6 +7,7 @@
 
 #include "Common/OS/assertion.h"
 #include "Common/OS/linux/intsoff.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/log.h"
 #include "Common/framework/address.h"
 
@@ -123,6 +124,7 @@ void BufFreeMem(BufT* pBuf, UInt32) {
         return;
     }
     if (BufTestGuard(pBuf) != kNoError) {
+        const NoCancelT no_cancel;  // a task deleted while it prints still frees
         LogBadGuard(pBuf);
         BufDump(pBuf);
     }

@@ -1,5 +1,9 @@
-// Free buffers are on the pool's list, under freeListRegion, which covers nothing else: buffers are
-// made, freed and stamped outside. See bufpool.h.
+// Free buffers are on the pool's list. The list, the counters and the state change under
+// freeListRegion, which covers nothing else: buffers are made, freed and stamped outside. A task is
+// never deleted while a buffer of it is neither the user's nor on a list.
+//
+// The table of pools has a mutex: a pool that is walked over cannot end meanwhile. It is recursive,
+// because an owner's Dump may look for pools. The region may be taken under it, never the reverse.
 #include "Common/framework/bufpool.h"
 
 #include <pthread.h>
@@ -14,7 +18,6 @@
 #include "Common/framework/address.h"
 #include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
-#include "Common/framework/sharedfield.h"
 
 std::atomic<BufPoolT*> gBufPools[kBufMaxPools];
 std::atomic<int> numBufPools{0};
@@ -23,7 +26,7 @@ std::atomic<Boolean> bDynamicPools{0};
 
 namespace {
 
-pthread_mutex_t gRegionMutex = PTHREAD_MUTEX_INITIALIZER;  // while the semaphore is made
+pthread_mutex_t gTableMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 void CheckPool(const BufPoolT* pBufPool) {
     OsAssert(pBufPool);
@@ -33,64 +36,19 @@ void CheckPool(const BufPoolT* pBufPool) {
     }
 }
 
-// The free lists for a scope.
-class RegionT {
-  public:
-    RegionT() : guard_(freeListRegion.load(std::memory_order_relaxed)) {}
-
-  private:
-    CancellableSemGuardT guard_;
+// The free lists, counters and states for a scope.
+struct RegionT : SemGuardT {
+    RegionT() : SemGuardT(freeListRegion) {}
 };
 
-std::atomic_ref<unsigned int> Counter(unsigned int& field) {
-    return std::atomic_ref<unsigned int>(field);
-}
-
-void Count(unsigned int& field, int step) {
-    Counter(field).fetch_add(static_cast<unsigned int>(step), std::memory_order_relaxed);
-}
-
-void LowerTo(unsigned int& field, unsigned int value) {
-    const auto lowest = Counter(field);
-    unsigned int before = lowest.load(std::memory_order_relaxed);
-    while (value < before &&
-           !lowest.compare_exchange_weak(before, value, std::memory_order_relaxed)) {
-    }
-}
-
-std::atomic_ref<eBufPoolStateT> State(BufPoolT* pBufPool) {
-    return std::atomic_ref<eBufPoolStateT>(pBufPool->state);
+// Changes numFreeBufs, which is read without the region, and returns it.
+unsigned int CountFree(BufPoolT* pBufPool, int step) {
+    const auto change = static_cast<unsigned int>(step);
+    return std::atomic_ref<unsigned int>(pBufPool->numFreeBufs).fetch_add(change) + change;
 }
 
 BufT* BufOf(ListT* node) {
     return reinterpret_cast<BufT*>(node);
-}
-
-// Takes a free buffer and notes the lowest number of free ones, which in a dynamic pool is 0 from
-// the start.
-BufT* TakeFree(BufPoolT* pBufPool) {
-    BufT* pBuf;
-    {
-        const RegionT region;
-        pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
-    }
-    if (pBuf != nullptr) {
-        LowerTo(pBufPool->minFreeBufs,
-                Counter(pBufPool->numFreeBufs).fetch_sub(1, std::memory_order_relaxed) - 1);
-    }
-    return pBuf;
-}
-
-// Appends a buffer to the free list.
-void EnqueueFree(BufPoolT* pBufPool, BufT* pBuf) {
-    Count(pBufPool->numFreeBufs, 1);
-    const RegionT region;
-    ListEnqueueUnprot(&pBufPool->pFreeBufs, &pBuf->list);
-}
-
-BufT* DequeueDesc(BufPoolT* pBufPool) {
-    const RegionT region;
-    return BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
 }
 
 void Adopt(BufPoolT* pBufPool, BufT* pBuf) {
@@ -108,69 +66,77 @@ BufT* MakeBuf(BufPoolT* pBufPool) {
     return pBuf;
 }
 
-// How a free list is emptied: to close the pool, or because buffers came back to a closed one,
-// which ends when the pool is opened again meanwhile.
-enum class EmptyT { kClose, kIfClosed };
-
-// Takes a free buffer or descriptor to be freed. When there is none the pool is closed, and null
-// returned.
-BufT* TakeToFree(BufPoolT* pBufPool, EmptyT why) {
+// Takes a free buffer or descriptor of a closed pool to be freed; null when there is none, or the
+// pool was opened again.
+BufT* TakeToFree(BufPoolT* pBufPool) {
     const RegionT region;
-    if (why == EmptyT::kIfClosed && State(pBufPool).load() != kBufPoolClosed) {
+    if (pBufPool->state != kBufPoolClosed) {
         return nullptr;
     }
-    if (BufT* pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs))) {
-        Count(pBufPool->numFreeBufs, -1);
-        return pBuf;
+    if (pBufPool->pFreeBufs == nullptr) {
+        return BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
     }
-    BufT* pDesc = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
-    if (pDesc == nullptr) {
-        State(pBufPool).store(kBufPoolClosed);
-    }
-    return pDesc;
+    CountFree(pBufPool, -1);
+    return BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
 }
 
-void EmptyFreeList(BufPoolT* pBufPool, EmptyT why) {
-    while (BufT* pBuf = TakeToFree(pBufPool, why)) {
+void FreeWhileClosed(BufPoolT* pBufPool) {
+    const NoCancelT no_cancel;
+    while (BufT* pBuf = TakeToFree(pBufPool)) {
         pBufPool->BufFreeMem(pBuf, pBufPool->memType);
     }
 }
 
+void SetState(BufPoolT* pBufPool, eBufPoolStateT state) {
+    const RegionT region;
+    pBufPool->state = state;
+}
+
+bool IsOpen(BufPoolT* pBufPool) {
+    const RegionT region;
+    return pBufPool->state == kBufPoolOpened;
+}
+
 eErrorT DestroyFreeList(BufPoolT* pBufPool) {
-    EmptyFreeList(pBufPool, EmptyT::kClose);
+    SetState(pBufPool, kBufPoolClosed);
+    FreeWhileClosed(pBufPool);
     return kNoError;
 }
 
-// Frees what came back to a closed pool.
-void FreeReturned(BufPoolT* pBufPool) {
-    if (State(pBufPool).load() != kBufPoolClosed) {
-        return;
+// Puts a buffer on the free list, or a descriptor on theirs. What comes back to a closed pool is
+// freed; one that is opened again meanwhile stays open.
+void PutBack(BufPoolT* pBufPool, ListT** list, BufT* pBuf) {
+    bool closed;
+    {
+        const RegionT region;
+        ListEnqueueUnprot(list, &pBuf->list);
+        if (list == &pBufPool->pFreeBufs) {
+            CountFree(pBufPool, 1);
+        }
+        closed = pBufPool->state == kBufPoolClosed;
     }
-    if (pBufPool->DestroyFreeList != DestroyFreeList) {
+    if (closed && pBufPool->DestroyFreeList != DestroyFreeList) {
         pBufPool->DestroyFreeList(pBufPool);
-    } else {
-        EmptyFreeList(pBufPool, EmptyT::kIfClosed);
+    } else if (closed) {
+        FreeWhileClosed(pBufPool);
     }
 }
 
 eErrorT BuildFreeList(BufPoolT* pBufPool) {
-    if (pBufPool->maxBufs == 0 || State(pBufPool).load() == kBufPoolOpened) {
+    if (pBufPool->maxBufs == 0 || IsOpen(pBufPool)) {
         return kNoError;
     }
-    {
-        // Before the buffers are there: one that comes back now would take them for returned ones.
-        const RegionT region;
-        State(pBufPool).store(kBufPoolOpened);
-    }
+    // Before the buffers are there: one that comes back now would take them for returned ones.
+    SetState(pBufPool, kBufPoolOpened);
     const unsigned int count = pBufPool->numBufs;
     for (unsigned int i = 0; i < count; i++) {
         BufT* pBuf = MakeBuf(pBufPool);
         if (pBuf == nullptr) {
             pBufPool->DestroyFreeList(pBufPool);
-            State(pBufPool).store(kBufPoolClosed);
+            SetState(pBufPool, kBufPoolClosed);
             return kOutOfMemory;
         }
-        EnqueueFree(pBufPool, pBuf);
+        PutBack(pBufPool, &pBufPool->pFreeBufs, pBuf);
     }
     return kNoError;
 }
@@ -178,7 +144,7 @@ eErrorT BuildFreeList(BufPoolT* pBufPool) {
 eErrorT SetFreeBufParms(BufPoolT* pBufPool, unsigned int maxBufs, unsigned int bufLen,
                         unsigned int bufDescLen, unsigned int headerSpace, UInt32 memType) {
     CheckPool(pBufPool);
-    if (State(pBufPool).load() == kBufPoolOpened) {
+    if (IsOpen(pBufPool)) {
         return kBadState;
     }
     BufAlignParms(&bufDescLen, &headerSpace, &bufLen);
@@ -187,33 +153,40 @@ eErrorT SetFreeBufParms(BufPoolT* pBufPool, unsigned int maxBufs, unsigned int b
     pBufPool->bufDescLen = bufDescLen;
     pBufPool->headerSpace = headerSpace;
     pBufPool->memType = memType;
-    pBufPool->numBufs = bDynamicPools.load(std::memory_order_relaxed) != 0 ? 0 : maxBufs;
+    pBufPool->numBufs = bDynamicPools != 0 ? 0 : maxBufs;
     pBufPool->minFreeBufs = pBufPool->numBufs;
     return kNoError;
 }
 
-// Makes one more buffer, as long as the pool may have more.
-BufT* Expand(BufPoolT* pBufPool) {
-    const auto created = Counter(pBufPool->numBufs);
-    unsigned int before = created.load(std::memory_order_relaxed);
-    do {
-        if (before >= pBufPool->maxBufs) {
-            return nullptr;
+// Takes a free buffer and notes the lowest number of free ones, which in a dynamic pool is 0 from
+// the start. When none is free and the pool may have more, counts one that is to be made.
+BufT* TakeFree(BufPoolT* pBufPool, bool* make) {
+    const RegionT region;
+    BufT* pBuf = BufOf(ListDequeueUnprot(&pBufPool->pFreeBufs));
+    if (pBuf != nullptr) {
+        const unsigned int left = CountFree(pBufPool, -1);
+        if (left < pBufPool->minFreeBufs) {
+            pBufPool->minFreeBufs = left;
         }
-    } while (!created.compare_exchange_weak(before, before + 1, std::memory_order_relaxed));
-    BufT* pBuf = MakeBuf(pBufPool);
-    if (pBuf == nullptr) {
-        created.fetch_sub(1, std::memory_order_relaxed);
+    } else if (pBufPool->numBufs < pBufPool->maxBufs) {
+        pBufPool->numBufs++;
+        *make = true;
     }
     return pBuf;
 }
 
 BufT* PoolAlloc(BufPoolT* pBufPool) {
-    BufT* pBuf = TakeFree(pBufPool);
+    const NoCancelT no_cancel;
+    bool make = false;
+    BufT* pBuf = TakeFree(pBufPool, &make);
     if (pBuf != nullptr) {
         Adopt(pBufPool, pBuf);
-    } else {
-        pBuf = Expand(pBufPool);
+    } else if (make) {
+        pBuf = MakeBuf(pBufPool);
+        if (pBuf == nullptr) {
+            const RegionT region;
+            pBufPool->numBufs--;
+        }
     }
     if (pBuf != nullptr) {
         pBuf->timeSent = RealTimeMilliSeconds();
@@ -224,13 +197,16 @@ BufT* PoolAlloc(BufPoolT* pBufPool) {
 eErrorT PoolFree(BufPoolT* pBufPool, BufT* pBuf) {
     pBuf->pUser = nullptr;
     pBuf->pOwner = pBufPool->mod.pOwner;
-    EnqueueFree(pBufPool, pBuf);
-    FreeReturned(pBufPool);
+    PutBack(pBufPool, &pBufPool->pFreeBufs, pBuf);
     return kNoError;
 }
 
 BufT* DescAlloc(BufPoolT* pBufPool, BufT* pBuf) {
-    BufT* pDesc = DequeueDesc(pBufPool);
+    BufT* pDesc;
+    {
+        const RegionT region;
+        pDesc = BufOf(ListDequeueUnprot(&pBufPool->pBufDescs));
+    }
     if (pDesc == nullptr) {
         pDesc = pBufPool->BufAllocMem(0, pBuf->bufDescLen, 0, pBufPool->memType);
     }
@@ -248,11 +224,8 @@ eErrorT DescFree(BufPoolT* pBufPool, BufT* pDesc) {
     pDesc->dataLen = 0;
     pDesc->pData = nullptr;
     pDesc->pDup = nullptr;
-    {
-        const RegionT region;
-        ListEnqueueUnprot(&pBufPool->pBufDescs, &pDesc->list);
-    }
-    FreeReturned(pBufPool);
+    pDesc->pUser = nullptr;
+    PutBack(pBufPool, &pBufPool->pBufDescs, pDesc);
     return kNoError;
 }
 
@@ -275,42 +248,47 @@ void SetDefaults(BufPoolT* pBufPool) {
     SetDefault(&pBufPool->BufDescFree, DescFree);
 }
 
-void MakeRegion() {
-    const MutexGuardT guard(&gRegionMutex);
-    if (freeListRegion.load(std::memory_order_relaxed) == 0) {
-        UInt32 smid = 0;
-        OsAssert(sm_create("#region", 1, 0, &smid) == kSmOk);
-        freeListRegion.store(smid, std::memory_order_relaxed);
-    }
-}
-
-// Calls `visit` for every listed pool.
+// Calls `visit` for every listed pool, none of which can end meanwhile.
 template <typename VisitT>
 void ForEachPool(VisitT visit) {
     for (auto& slot : gBufPools) {
-        BufPoolT* pBufPool = slot.load(std::memory_order_acquire);
-        if (pBufPool != nullptr) {
+        if (slot == nullptr) {
+            continue;
+        }
+        const CancellableMutexGuardT guard(&gTableMutex);
+        if (BufPoolT* pBufPool = slot) {
             visit(pBufPool);
         }
     }
 }
 
-void Register(BufPoolT* pBufPool) {
+// Puts `now` in place of the first `before` in the table. False if there is none.
+bool Exchange(BufPoolT* before, BufPoolT* now) {
     for (auto& slot : gBufPools) {
-        BufPoolT* none = nullptr;
-        if (slot.compare_exchange_strong(none, pBufPool, std::memory_order_acq_rel)) {
-            numBufPools.fetch_add(1, std::memory_order_relaxed);
-            return;
+        if (slot == before) {
+            slot = now;
+            return true;
         }
+    }
+    return false;
+}
+
+void Register(BufPoolT* pBufPool) {
+    const MutexGuardT guard(&gTableMutex);
+    if (freeListRegion == 0) {
+        UInt32 smid = 0;
+        OsAssert(sm_create("#region", 1, 0, &smid) == kSmOk);
+        freeListRegion = smid;
+    }
+    if (Exchange(nullptr, pBufPool)) {
+        numBufPools++;
     }
 }
 
 void Unregister(BufPoolT* pBufPool) {
-    for (auto& slot : gBufPools) {
-        BufPoolT* expected = pBufPool;
-        if (slot.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel)) {
-            numBufPools.fetch_sub(1, std::memory_order_relaxed);
-        }
+    const MutexGuardT guard(&gTableMutex);
+    if (Exchange(pBufPool, nullptr)) {
+        numBufPools--;
     }
 }
 
@@ -342,7 +320,6 @@ eErrorT BufPoolInit(BufPoolT* pBufPool, const char* pName, int instance, void* p
         pBufPool->SetFreeBufParms(pBufPool, maxBufs, bufLen, bufDescLen, headerSpace, memType);
     pBufPool->mod.Dump = BufPoolDump;
     pBufPool->mod.DumpHeading = BufPoolDumpHeading;
-    MakeRegion();
     Register(pBufPool);
     return err;
 }
@@ -401,7 +378,7 @@ BufPoolT* BufPoolFindByName(const char* pName, int instance) {
 }
 
 void BufPoolSetDynamic(Boolean dynamic) {
-    bDynamicPools.store(dynamic, std::memory_order_relaxed);
+    bDynamicPools = dynamic;
 }
 
 eErrorT BufPoolCheckAll() {
@@ -427,17 +404,19 @@ const char* BufPoolName(BufPoolT* pBufPool) {
 eErrorT BufPoolDump(ModT* pMod, int) {
     auto* pBufPool = reinterpret_cast<BufPoolT*>(pMod);
     CheckPool(pBufPool);
-    const unsigned int created = FieldRead(pBufPool->numBufs);
-    const unsigned int used = created - FieldRead(pBufPool->minFreeBufs);
-    const UInt64 size = UInt64{pBufPool->bufLen} + pBufPool->headerSpace + pBufPool->bufDescLen;
+    unsigned int created;
+    unsigned int used;
     const ListT* free_list;
     {
         const RegionT region;
+        created = pBufPool->numBufs;
+        used = created - pBufPool->minFreeBufs;
         free_list = pBufPool->pFreeBufs;
     }
+    const UInt64 size = UInt64{pBufPool->bufLen} + pBufPool->headerSpace + pBufPool->bufDescLen;
     printf("%-22.22s %7.7s %4d %8d %5d %5d %4d %5dK %5dK %3d%% 0x%8.8x  0x%8.8x\n",
-           BufPoolName(pBufPool), State(pBufPool).load() == kBufPoolOpened ? "opened" : "closed",
-           pBufPool->maxBufs, pBufPool->bufLen, pBufPool->headerSpace, pBufPool->bufDescLen, used,
+           BufPoolName(pBufPool), IsOpen(pBufPool) ? "opened" : "closed", pBufPool->maxBufs,
+           pBufPool->bufLen, pBufPool->headerSpace, pBufPool->bufDescLen, used,
            static_cast<unsigned int>(created * size / 1000),
            static_cast<unsigned int>(used * size / 1000),
            static_cast<unsigned int>(created != 0 ? UInt64{used} * 100 / created : 0),
@@ -453,7 +432,7 @@ void BufPoolDumpHeading() {
 void BufPoolDumpOpen() {
     BufPoolDumpHeading();
     ForEachPool([](BufPoolT* pBufPool) {
-        if (State(pBufPool).load() == kBufPoolOpened) {
+        if (IsOpen(pBufPool)) {
             pBufPool->mod.Dump(&pBufPool->mod, 0);
         }
     });

@@ -19,8 +19,8 @@ constexpr int kBufMaxPools = 1500;  // pools that are listed
 
 typedef enum : UInt32 { kBufPoolClosed = 0, kBufPoolOpened = 1 } eBufPoolStateT;
 
-// The record is zeroed before BufPoolInit; the owner may preset operations. The counters may be
-// read at any time, through sharedfield.h.
+// The record is zeroed before BufPoolInit; the owner may preset operations. Counters, lists and
+// state change under freeListRegion; numFreeBufs may also be read without, through sharedfield.h.
 typedef struct BufPoolS {
     ModT mod;
     eErrorT (*BuildFreeList)(struct BufPoolS* pBufPool);
@@ -40,10 +40,10 @@ typedef struct BufPoolS {
     unsigned int bufLen;       // sizes, in bytes, multiples of 128
     unsigned int headerSpace;
     unsigned int bufDescLen;
-    UInt32 memType;    // passed on to BufAllocMem and BufFreeMem
-    void* pMem;        // not used
-    ListT* pFreeBufs;  // under freeListRegion
-    ListT* pBufDescs;  // free descriptors without data; under freeListRegion
+    UInt32 memType;  // passed on to BufAllocMem and BufFreeMem
+    void* pMem;      // not used
+    ListT* pFreeBufs;
+    ListT* pBufDescs;  // free descriptors without data
     eBufPoolStateT state;
     unsigned int minFreeBufs;        // lowest numFreeBufs seen; 0 in a dynamic pool
     unsigned int minFreeBufsThresh;  // not used
@@ -70,7 +70,8 @@ eErrorT BufPoolOpen(BufPoolT* pBufPool);
 // back. Always kNoError.
 eErrorT BufPoolClose(BufPoolT* pBufPool);
 
-// Closes and ends a pool. Buffers that are out must have come back. Always kNoError.
+// Closes and ends a pool. Buffers that are out must have come back. Waits while another thread
+// finds or dumps this pool; its memory may go afterwards. Always kNoError.
 eErrorT BufPoolExit(BufPoolT* pBufPool);
 
 // Takes a buffer: empty, its bytes as they were left. Null when none is free and the pool has all
@@ -86,7 +87,7 @@ BufT* BufPoolDescAlloc(BufPoolT* pBufPool, BufT* pBuf);
 eErrorT BufPoolDescFree(BufPoolT* pBufPool, BufT* pBuf);
 
 // The first listed pool of that name, without regard to case, and instance (kModAnyInstance: any);
-// null if there is none.
+// null if there is none. Who uses it sees to it that it does not end meanwhile.
 BufPoolT* BufPoolFindByName(const char* pName, int instance);
 
 // Makes pools that are initialised from now on dynamic (1) or static (0, the initial state).
