@@ -34,15 +34,16 @@ bool LetThrough(const ModT* pMod) {
     if (pMod == nullptr || pMod->initializedSig != kModSignature) {
         return false;
     }
-    if (NumTraceFilters == 0) {
+    if (NumTraceFilters.load(std::memory_order_relaxed) == 0) {
         return true;
     }
+    const NoCancelT no_cancel;
     const MutexGuardT guard(&gFilterMutex);
     return pMod->name[0] != '\0' && FindFilter(pMod->name) >= 0;
 }
 
 void MakeLabel(const ModT* pMod, char* label) {
-    const ModT* owner = FieldRead(pMod->pOwner);
+    const ModT* owner = pMod->pOwner;
     if ((FieldRead(pMod->flags) & kModFlagLogOwner) != 0 && owner != nullptr) {
         snprintf(label, kLabelSize, "%s[%d].%s[%d]", owner->name, owner->instance, pMod->name,
                  pMod->instance);
@@ -99,11 +100,12 @@ eErrorT ModTraceFilterAdd(const char* pName) {
         return kBadParameter;
     }
     {
+        const NoCancelT no_cancel;
         const MutexGuardT guard(&gFilterMutex);
         const int index = FindFilter("");
         if (index >= 0) {
             memcpy(traceFilters[index], pName, strnlen(pName, kModTraceFilterLen));
-            NumTraceFilters++;
+            NumTraceFilters.fetch_add(1, std::memory_order_relaxed);
             return kNoError;
         }
     }
@@ -114,16 +116,17 @@ eErrorT ModTraceFilterAdd(const char* pName) {
 eErrorT ModTraceFilterDelete(const char* pName) {
     ModAssert(pName);
     {
+        const NoCancelT no_cancel;
         const MutexGuardT guard(&gFilterMutex);
         if (strcmp(pName, "*") == 0) {
             memset(traceFilters, 0, sizeof(traceFilters));
-            NumTraceFilters = 0;
+            NumTraceFilters.store(0, std::memory_order_relaxed);
             return kNoError;
         }
         const int index = *pName != '\0' ? FindFilter(pName) : -1;
         if (index >= 0) {
             memset(traceFilters[index], 0, sizeof(traceFilters[index]));
-            NumTraceFilters--;
+            NumTraceFilters.fetch_sub(1, std::memory_order_relaxed);
             return kNoError;
         }
     }

@@ -1,16 +1,26 @@
 // Framework timers and the task that counts them down.
 //
-// Both lists are guarded by timerSemaphore, which lives as long as the timer task runs; TimerLockT
-// keeps the task from deleting it while somebody is about to use it. A timer is put on the active
-// list only by the timer task, as a deferred call; `running` says whether the owner wants it to
-// run, so a stop holds even when a start request is still on its way. A timer counts those requests
-// and a timer that goes takes them back.
+// A timer is on one of the timer task's lists or on none; `running` says whether its owner wants it
+// to run, so a stop only clears that. Lists and timers change under timerSemaphore, and a timer
+// changes its place in Move alone:
+//
+//   from         to         by
+//   off          active     a start request, in the timer task
+//   active       timed out  the tick that finds no time left
+//   timed out    off        its owner, who is about to run its function or starts it anew
+//   any          off        its end, its owner task's end, the tick that finds it stopped
+//
+// A start is a deferred call to the timer task. The timer's time is set anew at once as well: a
+// timer that is about to expire, or has expired and not been served, does not run for its old
+// start. timerSemaphore is made with the first timer task and stays for the later ones. gLifeMutex
+// covers the timer task's life and gTimers, and is taken before timerSemaphore.
 #include "Common/framework/timer.h"
 
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <bit>
 
 #include "Common/OS/assertion.h"
@@ -21,14 +31,14 @@
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/log.h"
 #include "Common/framework/address.h"
+#include "Common/framework/mod_internal.h"
 #include "Common/framework/semguard.h"
-#include "Common/framework/sharedfield.h"
 #include "Common/framework/taskname.h"
 
 std::atomic<eSysStateT> SysState{kSysStateRunning};
 std::atomic<TimerT*> gTimers[kTimerMaxTimers];
 std::atomic<int> numTimers{0};
-UInt32 timerSemaphore;
+std::atomic<UInt32> timerSemaphore{0};
 std::atomic<Boolean> TimerTaskStarted{0};
 TimerTaskT gTimerTask;
 
@@ -42,82 +52,56 @@ struct SignatureTextT {
 };
 constexpr unsigned kSignature = std::bit_cast<unsigned>(SignatureTextT{{'T', 'I', 'M', '2'}});
 
-// Where the timer task is in its life. It is told to end under gLifeMutex and ends by itself.
-typedef enum : UInt32 { kStopped = 0, kStarted = 1, kEnding = 2 } TimerTaskLifeT;
-std::atomic<TimerTaskLifeT> gLife{kStopped};
+// The timer task's life: made and told to end under gLifeMutex; it runs and ends by itself.
+enum class LifeT { kStopped, kStarting, kRunning, kEnding };
+std::atomic<LifeT> gLife{LifeT::kStopped};
 pthread_mutex_t gLifeMutex = PTHREAD_MUTEX_INITIALIZER;
-
 std::atomic<UInt32> gTimerTaskID{0};
-std::atomic<int> gLockUsers{0};
 
-// The timers whose functions run just now in this task, the innermost first: a function may end its
-// own timer, whose record is then not touched again.
+// The lists and timers for a scope.
+struct TimerLockT : SemGuardT {
+    TimerLockT() : SemGuardT(timerSemaphore) {}
+};
+
+struct ServingT;
+thread_local ServingT* gServing;
+
+// A timer whose function runs just now in this task, the innermost first. A function may end a
+// timer; the record, then null here, is not touched again.
 struct ServingT {
+    explicit ServingT(TimerT* timer) : pTimer(timer), outer(gServing) { gServing = this; }
+    ~ServingT() { gServing = outer; }
+    ServingT(const ServingT&) = delete;
+    ServingT& operator=(const ServingT&) = delete;
+
     TimerT* pTimer;
     ServingT* outer;
 };
-thread_local ServingT* gServing;
-
-UInt32 Self() {
-    UInt32 self = 0;
-    t_ident(nullptr, 0, &self);
-    return self;
-}
 
 TimerT* TimerOf(ListT* node) {
     return reinterpret_cast<TimerT*>(node);
 }
 
-// Holds timerSemaphore for a scope, if the timer task runs.
-class TimerLockT {
-  public:
-    explicit TimerLockT(UInt32 opt = 0) {
-        gLockUsers.fetch_add(1);
-        if (TimerTaskStarted.load() != 0 && sm_p(timerSemaphore, opt, 0) == kSmOk) {
-            held_ = true;
-            if (TimerTaskStarted.load() == 0) {  // ended while this waited
-                Release();
-            }
-        }
-    }
-    ~TimerLockT() {
-        Release();
-        gLockUsers.fetch_sub(1);
-    }
-    TimerLockT(const TimerLockT&) = delete;
-    TimerLockT& operator=(const TimerLockT&) = delete;
-
-    bool Held() const { return held_; }
-    void Release() {
-        if (held_) {
-            held_ = false;
-            sm_v(timerSemaphore);
-        }
-    }
-
-  private:
-    NoCancelT no_cancel_;
-    bool held_ = false;
-};
-
 ListT** ListAt(TimerPlaceT place) {
     return place == kTimerActive ? &gTimerTask.pActiveTimers : &gTimerTask.pTimedOutTimers;
 }
 
-// The lock is held for the three that follow.
-void TakeOffList(TimerT* pTimer) {
+// timerSemaphore is held for what follows, down to Tick.
+void Move(TimerT* pTimer, TimerPlaceT place) {
     if (pTimer->place != kTimerOffList) {
         ListExtractUnprot(ListAt(pTimer->place), &pTimer->list);
-        pTimer->place = kTimerOffList;
     }
-}
-
-void PutOnList(TimerT* pTimer, TimerPlaceT place) {
-    ListEnqueueUnprot(ListAt(place), &pTimer->list);
+    if (place != kTimerOffList) {
+        ListEnqueueUnprot(ListAt(place), &pTimer->list);
+    }
     pTimer->place = place;
 }
 
-// Calls `visit` for each timer of a list; it may take that timer off.
+void TakeOff(TimerT* pTimer) {
+    Move(pTimer, kTimerOffList);
+}
+
+// Calls `visit` for each timer of a list; it may move that timer.
 template <typename VisitT>
 void ForEachTimer(TimerPlaceT place, VisitT visit) {
     ListT** list = ListAt(place);
@@ -129,64 +113,27 @@ void ForEachTimer(TimerPlaceT place, VisitT visit) {
     }
 }
 
-// Both run in the timer task.
-void DeferredStart(void* userDefined, void* pArgs) {
-    auto* pTimer = static_cast<TimerT*>(userDefined);
-    int time;
-    memcpy(&time, pArgs, sizeof(time));
-    const TimerLockT lock;
-    if (lock.Held() && FieldRead(pTimer->signature) == kSignature) {
-        if (time != 0) {
-            FieldWrite(pTimer->time, time);
-        }
-        const UInt32 now = RealTimeMilliSeconds();
-        FieldWrite(pTimer->ticks, FieldRead(pTimer->time));
-        FieldWrite(pTimer->rtms, now);
-        FieldWrite(pTimer->lastTime, now);
-        FieldWrite(pTimer->numExecs, 0U);
-        FieldWrite(pTimer->maxLatency, 0U);
-        FieldWrite(pTimer->maxExecTime, 0U);
-        FieldWrite(pTimer->totalExecTime, 0U);
-        if (pTimer->place == kTimerTimedOut) {
-            TakeOffList(pTimer);
-        }
-        if (FieldRead(pTimer->running) != 0 && pTimer->place == kTimerOffList) {
-            PutOnList(pTimer, kTimerActive);
-        }
+// Begins a timer's full time and its statistics. A `time` of 0 keeps the timer's.
+void Rewind(TimerT* pTimer, int time) {
+    if (time != 0) {
+        pTimer->time = time;
     }
-    // The last that is done with the timer: see TimerExit.
-    std::atomic_ref<unsigned>(pTimer->startsQueued).fetch_sub(1);
-}
-
-void DeferredStopTask(void*, void* pArgs) {
-    UInt32 taskID;
-    memcpy(&taskID, pArgs, sizeof(taskID));
-    const TimerLockT lock;
-    if (!lock.Held()) {
-        return;
-    }
-    for (const TimerPlaceT place : {kTimerTimedOut, kTimerActive}) {
-        ForEachTimer(place, [taskID](TimerT* pTimer) {
-            if (pTimer->taskID == taskID) {
-                FieldWrite(pTimer->running, 0U);
-                TakeOffList(pTimer);
-            }
-        });
+    pTimer->ticks = pTimer->time;
+    pTimer->rtms = pTimer->lastTime = RealTimeMilliSeconds();
+    pTimer->numExecs = 0;
+    pTimer->maxLatency = 0;
+    pTimer->maxExecTime = 0;
+    pTimer->totalExecTime = 0;
+    if (pTimer->place == kTimerTimedOut) {
+        TakeOff(pTimer);
     }
 }
 
-void CountDown(TimerT* pTimer) {
-    if (FieldRead(pTimer->running) == 0) {
-        TakeOffList(pTimer);
-        return;
-    }
-    const UInt32 now = RealTimeMilliSeconds();
-    const int left = FieldRead(pTimer->ticks) - static_cast<int>(now - FieldRead(pTimer->rtms));
-    FieldWrite(pTimer->ticks, left);
-    FieldWrite(pTimer->rtms, now);
-    if (left < 1) {
-        TakeOffList(pTimer);
-        PutOnList(pTimer, kTimerTimedOut);
+void CountDown(TimerT* pTimer, UInt32 now) {
+    pTimer->ticks -= static_cast<int>(now - pTimer->rtms);
+    pTimer->rtms = now;
+    if (pTimer->ticks < 1) {
+        Move(pTimer, kTimerTimedOut);
         OsAssertText(pTimer->taskID != gTimerTask.mod.taskID,
                      "pTimer->taskID != gTimerTask.mod.taskID");
         ev_send(pTimer->taskID, kModEventTimer);
@@ -194,29 +141,58 @@ void CountDown(TimerT* pTimer) {
 }
 
 void Tick() {
-    {
-        const TimerLockT lock(kSmNoWait);
-        if (lock.Held()) {
-            ForEachTimer(kTimerTimedOut, [](TimerT* pTimer) {
-                if (FieldRead(pTimer->running) == 0) {
-                    TakeOffList(pTimer);
-                }
-            });
-        }
-    }
     const TimerLockT lock;
-    if (lock.Held()) {
-        ForEachTimer(kTimerActive, CountDown);
+    const UInt32 now = RealTimeMilliSeconds();
+    for (const TimerPlaceT place : {kTimerTimedOut, kTimerActive}) {
+        ForEachTimer(place, [place, now](TimerT* pTimer) {
+            if (pTimer->running == 0) {
+                TakeOff(pTimer);
+            } else if (place == kTimerActive) {
+                CountDown(pTimer, now);
+            }
+        });
     }
 }
 
-// The timer task's life: its destructor is the task's end, whatever brings it.
+// Both run in the timer task.
+void DeferredStart(void* userDefined, void* pArgs) {
+    auto* pTimer = static_cast<TimerT*>(userDefined);
+    int time;
+    memcpy(&time, pArgs, sizeof(time));
+    const TimerLockT lock;
+    if (TimerTaskStarted == 0 || pTimer->signature != kSignature) {
+        return;
+    }
+    Rewind(pTimer, time);
+    if (pTimer->running != 0 && pTimer->place == kTimerOffList) {
+        Move(pTimer, kTimerActive);
+    }
+}
+
+void DeferredStopTask(void*, void* pArgs) {
+    UInt32 taskID;
+    memcpy(&taskID, pArgs, sizeof(taskID));
+    const TimerLockT lock;
+    for (const TimerPlaceT place : {kTimerTimedOut, kTimerActive}) {
+        ForEachTimer(place, [taskID](TimerT* pTimer) {
+            if (pTimer->taskID == taskID) {
+                pTimer->running = 0;
+                TakeOff(pTimer);
+            }
+        });
+    }
+}
+
+// The timer task's run: its destructor is the task's end, whatever brings it.
 class TimerTaskRunT {
   public:
     TimerTaskRunT();
-    ~TimerTaskRunT() noexcept(false);
+    ~TimerTaskRunT();
     TimerTaskRunT(const TimerTaskRunT&) = delete;
     TimerTaskRunT& operator=(const TimerTaskRunT&) = delete;
+
+    // Waits for events, a tick being one of them. False when the task cannot go on.
+    bool Wait(UInt32* events) const;
 
   private:
     UInt32 tick_ = 0;
@@ -224,93 +200,102 @@ class TimerTaskRunT {
 
 TimerTaskRunT::TimerTaskRunT() {
     const NoCancelT no_cancel;
-    memset(&gTimerTask, 0, sizeof(gTimerTask));
+    gTimerTask.mod = {};
     ModInit(&gTimerTask.mod, "TimerTask", 0, nullptr);
-    OsAssert(sm_create("fwtm", 1, 0, &timerSemaphore) == kSmOk);
+    UInt32 smid = timerSemaphore;
+    if (smid == 0) {
+        OsAssert(sm_create("fwtm", 1, 0, &smid) == kSmOk);
+        timerSemaphore = smid;
+    }
     tm_evevery(1, kModEventTimer, &tick_);
-    gTimerTaskID.store(gTimerTask.mod.taskID, std::memory_order_release);
-    TimerTaskStarted.store(1);
+    if (tick_ == 0) {
+        logwarn(
+            "TIMER",
+            "no system timer is free: the task of the framework timers sleeps from tick to tick\n");
+    }
+    TimerTaskStarted = 1;
+    gLife = LifeT::kRunning;
 }
 
-TimerTaskRunT::~TimerTaskRunT() noexcept(false) {
+TimerTaskRunT::~TimerTaskRunT() {
     const NoCancelT no_cancel;
     {
         const TimerLockT lock;
-        ForEachTimer(kTimerActive, TakeOffList);
-        ForEachTimer(kTimerTimedOut, TakeOffList);
-        TimerTaskStarted.store(0);
+        ForEachTimer(kTimerActive, TakeOff);
+        ForEachTimer(kTimerTimedOut, TakeOff);
+        TimerTaskStarted = 0;
     }
-    while (gLockUsers.load() != 0) {
-        udelay(kPollMicroseconds);
-    }
-    sm_delete(timerSemaphore);
     if (tick_ != 0) {
         tm_cancel(tick_);
     }
     ModExit(&gTimerTask.mod);
-    gLife.store(kStopped, std::memory_order_release);
+    gLife = LifeT::kStopped;
+}
+
+bool TimerTaskRunT::Wait(UInt32* events) const {
+    if (tick_ != 0) {
+        return ev_receive(kModEventsAll, kEvAny, 0, events) == kTaskOk;
+    }
+    tm_wkafter(1);
+    *events = 0;
+    ev_receive(kModEventsAll, kEvAny | kEvNoWait, 0, events);
+    *events |= kModEventTimer;
+    return true;
 }
 
 void TimerTask(UInt32, UInt32, UInt32, UInt32) {
     const TimerTaskRunT run;
-    for (;;) {
-        UInt32 events = 0;
-        if (ev_receive(kModEventsAll, kEvAny, 0, &events) != kTaskOk) {
-            return;
-        }
+    UInt32 events = 0;
+    while ((events & kModEventExit) == 0 && run.Wait(&events)) {
         if ((events & kModEventDeferredFunc) != 0) {
             ModProcessDeferredFunctions();
         }
-        if ((events & kModEventExit) != 0) {
-            return;
-        }
-        if ((events & kModEventTimer) != 0 &&
-            SysState.load(std::memory_order_relaxed) != kSysStateShuttingDown) {
+        if ((events & kModEventTimer) != 0 && SysState != kSysStateShuttingDown) {
             Tick();
         }
     }
 }
 
-// Starts the timer task unless it runs and waits until it does; gLifeMutex is held.
-void InitTimerTask() {
-    while (gLife.load(std::memory_order_acquire) == kEnding) {
-        tm_wkafter(1);
-    }
-    if (gLife.load(std::memory_order_acquire) == kStarted) {
-        return;
-    }
+// Makes the timer task. False when that fails; gLifeMutex is held, as for the two that follow.
+bool MakeTimerTask() {
     for (std::atomic<TimerT*>& slot : gTimers) {
-        slot.store(nullptr, std::memory_order_relaxed);
+        slot = nullptr;
     }
-    numTimers.store(0, std::memory_order_relaxed);
+    numTimers = 0;
     UInt32 task = 0;
-    if (t_create("TMRT", kTimerTaskPriority, 0, 0, 0, &task) != kTaskOk) {
-        puts("ERROR, can't create Timer task");
-        return;
-    }
-    gLife.store(kStarted, std::memory_order_release);
-    if (t_start(task, 0, TimerTask, nullptr) != kTaskOk) {
-        gLife.store(kStopped, std::memory_order_release);
+    if (t_create("TMRT", kTimerTaskPriority, 0, 0, 0, &task) == kTaskOk) {
+        gTimerTaskID = task;
+        gLife = LifeT::kStarting;
+        if (t_start(task, 0, TimerTask, nullptr) == kTaskOk) {
+            return true;
+        }
+        gLife = LifeT::kStopped;
         t_delete(task);
-        puts("ERROR, can't create Timer task");
-        return;
     }
-    while (TimerTaskStarted.load() == 0 && gLife.load(std::memory_order_acquire) == kStarted) {
+    puts("ERROR, can't create Timer task");
+    return false;
+}
+
+// Makes the timer task unless it runs, and waits until it does.
+void InitTimerTask() {
+    while (gLife != LifeT::kRunning) {
+        if (gLife == LifeT::kStopped && !MakeTimerTask()) {
+            return;
+        }
         tm_wkafter(1);
     }
 }
 
-// Tells the timer task to end; gLifeMutex is held.
 void EndTimerTask() {
-    if (gLife.load(std::memory_order_acquire) == kStarted) {
-        gLife.store(kEnding, std::memory_order_release);
-        ev_send(gTimerTaskID.load(std::memory_order_acquire), kModEventExit);
+    LifeT running = LifeT::kRunning;
+    if (gLife.compare_exchange_strong(running, LifeT::kEnding)) {
+        ev_send(gTimerTaskID, kModEventExit);
     }
 }
 
 std::atomic<TimerT*>* FindInDiagnostics(const TimerT* pTimer) {
     for (std::atomic<TimerT*>& slot : gTimers) {
-        if (slot.load(std::memory_order_relaxed) == pTimer) {
+        if (slot == pTimer) {
             return &slot;
         }
     }
@@ -325,86 +310,59 @@ void FillTimer(TimerT* pTimer, int time, TimerFuncPtrT pFunc, void* userDefined,
     pTimer->periodic = periodic;
     pTimer->list.next = &pTimer->list;
     pTimer->list.prev = &pTimer->list;
-    pTimer->taskID = Self();
-    FieldWrite(pTimer->signature, kSignature);
+    pTimer->taskID = ModSelf();
+    pTimer->signature = kSignature;
 }
 
-// The first expired timer of a task, taken off its list; null if there is none.
-TimerT* TakeExpired(UInt32 self) {
+// The first expired timer of a task that is still to run, off its list and begun; null if there is
+// none.
+TimerT* BeginService(UInt32 self) {
     const TimerLockT lock;
-    if (!lock.Held()) {
-        return nullptr;
-    }
-    ListT* head = gTimerTask.pTimedOutTimers;
-    for (ListT* at = head; at != nullptr; at = ListNextElement(head, at)) {
-        if (TimerOf(at)->taskID == self) {
-            TakeOffList(TimerOf(at));
-            return TimerOf(at);
+    TimerT* found = nullptr;
+    ForEachTimer(kTimerTimedOut, [self, &found](TimerT* pTimer) {
+        if (found == nullptr && pTimer->taskID == self) {
+            TakeOff(pTimer);
+            found = pTimer->running != 0 ? pTimer : nullptr;
+        }
+    });
+    if (found != nullptr) {
+        const UInt32 now = RealTimeMilliSeconds();
+        found->maxLatency = std::max(found->maxLatency, now - found->lastTime);
+        found->lastTime = now;
+        if (found->periodic == 0) {
+            found->running = 0;
         }
     }
-    return nullptr;
+    return found;
 }
 
-// Calls the timer's function. False when the function ended the timer.
-bool CallFunction(TimerT* pTimer) {
-    class ScopeT {
-      public:
-        explicit ScopeT(TimerT* timer) : serving_{timer, gServing} { gServing = &serving_; }
-        ~ScopeT() { gServing = serving_.outer; }
-        ScopeT(const ScopeT&) = delete;
-        ScopeT& operator=(const ScopeT&) = delete;
-        bool Alive() const { return serving_.pTimer != nullptr; }
-
-      private:
-        ServingT serving_;
-    };
-    const ScopeT scope(pTimer);
-    pTimer->pFunc(pTimer->userDefined);
-    return scope.Alive();
+// Counts a run of `took` ms. Returns whether the timer is to be armed again.
+bool EndService(TimerT* pTimer, unsigned took) {
+    const TimerLockT lock;
+    pTimer->totalExecTime += took;
+    pTimer->maxExecTime = std::max(pTimer->maxExecTime, took);
+    pTimer->numExecs++;
+    return pTimer->periodic != 0 && pTimer->running != 0;
 }
 
-void Raise(unsigned* highest, unsigned value) {
-    if (value > FieldRead(*highest)) {
-        FieldWrite(*highest, value);
-    }
-}
-
-void Serve(TimerT* pTimer) {
-    if (FieldRead(pTimer->running) == 0) {
-        return;
-    }
-    const UInt32 now = RealTimeMilliSeconds();
-    Raise(&pTimer->maxLatency, now - FieldRead(pTimer->lastTime));
-    FieldWrite(pTimer->lastTime, now);
-    // A start request on its way is for after this expiry: the timer stays wanted.
-    if (pTimer->periodic == 0 && FieldRead(pTimer->startsQueued) == 0) {
-        FieldWrite(pTimer->running, 0U);
-    }
-    if (!CallFunction(pTimer)) {
-        return;
-    }
-    const UInt32 took = RealTimeMilliSeconds() - now;
-    FieldWrite(pTimer->totalExecTime, FieldRead(pTimer->totalExecTime) + took);
-    Raise(&pTimer->maxExecTime, took);
-    FieldWrite(pTimer->numExecs, FieldRead(pTimer->numExecs) + 1);
-    if (pTimer->periodic != 0 && FieldRead(pTimer->running) != 0) {
-        FieldWrite(pTimer->ticks, FieldRead(pTimer->time));
-        FieldWrite(pTimer->rtms, RealTimeMilliSeconds());
-        TimerStartWithTime(pTimer, 0);
-    }
+// Prints a timer, whose fields `timer` holds.
+void Print(const TimerT* pTimer, const TimerT& timer) {
+    printf("%8.8x %3.3s %4.4s %8u %8u %3.3s %8.8x %8x %8u %8u\n", shown_address(pTimer),
+           timer.running != 0 ? " Y " : " N ", TaskNameT(timer.taskID).Text(),
+           static_cast<unsigned>(timer.time), timer.maxLatency, timer.periodic != 0 ? " Y " : " N ",
+           timer.timerID, shown_address(timer.pFunc),
+           timer.numExecs != 0 ? timer.totalExecTime / timer.numExecs : 0, timer.maxExecTime);
 }
 
 }  // namespace
 
 eErrorT TimerManInit() {
-    const NoCancelT no_cancel;
     const MutexGuardT guard(&gLifeMutex);
     InitTimerTask();
     return kNoError;
 }
 
 void TimerManExit() {
-    const NoCancelT no_cancel;
     const MutexGuardT guard(&gLifeMutex);
     EndTimerTask();
 }
@@ -412,13 +370,12 @@ void TimerManExit() {
 eErrorT TimerInit(TimerT* pTimer, int time, TimerFuncPtrT pFunc, void* userDefined, int periodic) {
     OsAssert(pTimer);
     OsAssert(pFunc);
-    const NoCancelT no_cancel;
     const MutexGuardT guard(&gLifeMutex);
     InitTimerTask();
     if (time < kTimerMinTime) {
         return kBadParameter;
     }
-    if (FieldRead(pTimer->signature) == kSignature) {
+    if (pTimer->signature == kSignature) {
         printf("TimerInit: ERROR, this timer has already been initialized! Timer = 0x%x\n",
                shown_address(pTimer));
         return kFuncReturnedError;
@@ -433,8 +390,8 @@ eErrorT TimerInit(TimerT* pTimer, int time, TimerFuncPtrT pFunc, void* userDefin
     if (slot == nullptr) {
         slot = FindInDiagnostics(nullptr);
         if (slot != nullptr) {
-            slot->store(pTimer, std::memory_order_release);
-            numTimers.fetch_add(1, std::memory_order_relaxed);
+            *slot = pTimer;
+            numTimers++;
         } else {
             puts("WARN: TimerInit : Cannot add timer to list of timers, list full. ");
         }
@@ -448,45 +405,43 @@ eErrorT TimerStart(TimerT* pTimer) {
 
 eErrorT TimerStartWithTime(TimerT* pTimer, int time) {
     OsAssert(pTimer);
-    if (TimerTaskStarted.load() == 0) {
+    if (gLife != LifeT::kRunning) {
         return kNoError;
     }
-    FieldWrite(pTimer->running, 1U);
-    const std::atomic_ref<unsigned> starts(pTimer->startsQueued);
-    starts.fetch_add(1);
-    const eErrorT err = ModDeferFunctionCall(gTimerTaskID.load(std::memory_order_acquire),
-                                             DeferredStart, pTimer, &time, sizeof(time));
-    if (err != kNoError) {
-        starts.fetch_sub(1);
-        FieldWrite(pTimer->running, 0U);
+    {
+        const TimerLockT lock;
+        Rewind(pTimer, time);
+        pTimer->running = 1;
     }
-    return err;
+    if (ModDeferFunctionCall(gTimerTaskID, DeferredStart, pTimer, &time, sizeof(time)) !=
+        kNoError) {
+        TimerStop(pTimer);  // the timer task has just ended
+    }
+    return kNoError;
 }
 
 eErrorT TimerStop(TimerT* pTimer) {
     OsAssert(pTimer);
-    FieldWrite(pTimer->running, 0U);
+    const TimerLockT lock;
+    pTimer->running = 0;
     return kNoError;
 }
 
 Boolean TimerRunning(TimerT* pTimer) {
     OsAssert(pTimer);
-    return FieldRead(pTimer->running);
+    const TimerLockT lock;
+    return pTimer->running;
 }
 
 eErrorT TimerExit(TimerT* pTimer) {
     OsAssert(pTimer);
     const NoCancelT no_cancel;
     TimerStop(pTimer);
-    if (FieldRead(pTimer->signature) == kSignature) {
-        if (FieldRead(pTimer->startsQueued) != 0) {
-            ModCancelDeferredFunctions(DeferredStart, pTimer);
-        }
-        const TimerLockT lock;  // waits for a start request that is just being finished
-        if (lock.Held()) {
-            TakeOffList(pTimer);
-        }
-        FieldWrite(pTimer->signature, 0U);
+    if (pTimer->signature == kSignature) {
+        ModCancelDeferredFunctions(DeferredStart, pTimer);  // waits for one that is being done
+        const TimerLockT lock;
+        TakeOff(pTimer);
+        pTimer->signature = 0;
     }
     for (ServingT* serving = gServing; serving != nullptr; serving = serving->outer) {
         if (serving->pTimer == pTimer) {
@@ -499,8 +454,8 @@ eErrorT TimerExit(TimerT* pTimer) {
         puts("TimerExit: Error! pTimer is not in gTimers diagnostics list");
         return kBadParameter;
     }
-    slot->store(nullptr, std::memory_order_release);
-    const int left = numTimers.fetch_sub(1, std::memory_order_relaxed) - 1;
+    *slot = nullptr;
+    const int left = --numTimers;
     OsAssertText(left >= 0, "numTimers >= 0");
     if (left == 0) {
         EndTimerTask();
@@ -509,32 +464,33 @@ eErrorT TimerExit(TimerT* pTimer) {
 }
 
 eErrorT TimerStopByTaskID(UInt32 taskID) {
-    if (TimerTaskStarted.load() == 0) {
+    if (TimerTaskStarted == 0) {
         return kNoError;
     }
-    const UInt32 timer_task = gTimerTaskID.load(std::memory_order_acquire);
-    if (Self() == timer_task) {
+    // In the timer task, after all start requests of the task. The task's number names the request,
+    // so that its end can be waited for: its maker is about to give up the timers' memory.
+    const UInt32 timer_task = gTimerTaskID;
+    void* name = from_id<void>(taskID);
+    if (ModSelf() == timer_task || ModDeferFunctionCall(timer_task, DeferredStopTask, name, &taskID,
+                                                        sizeof(taskID)) != kNoError) {
         DeferredStopTask(nullptr, &taskID);
         return kNoError;
     }
-    // The task's number names the request, so that its end can be waited for: its maker is about to
-    // give up the timers' memory.
-    void* name = from_id<void>(taskID);
-    const eErrorT err =
-        ModDeferFunctionCall(timer_task, DeferredStopTask, name, &taskID, sizeof(taskID));
-    while (err == kNoError && ModCountDeferredFunctions(DeferredStopTask, name) != 0) {
+    while (ModCountDeferredFunctions(DeferredStopTask, name) != 0) {
         udelay(kPollMicroseconds);
     }
-    return err;
+    return kNoError;
 }
 
 void TimerProcessAll() {
-    const UInt32 self = Self();
-    if (self == 0) {
-        return;
-    }
-    while (TimerT* pTimer = TakeExpired(self)) {
-        Serve(pTimer);
+    const UInt32 self = ModSelf();
+    while (TimerT* pTimer = self != 0 ? BeginService(self) : nullptr) {
+        const UInt32 began = RealTimeMilliSeconds();
+        const ServingT serving(pTimer);
+        pTimer->pFunc(pTimer->userDefined);
+        if (serving.pTimer != nullptr && EndService(pTimer, RealTimeMilliSeconds() - began)) {
+            TimerStartWithTime(pTimer, 0);
+        }
     }
 }
 
@@ -545,30 +501,26 @@ void TimerDumpHeading() {
 
 void TimerDump(TimerT* pTimer, int) {
     OsAssert(pTimer);
-    const unsigned runs = FieldRead(pTimer->numExecs);
-    printf("%8.8x %3.3s %4.4s %8u %8u %3.3s %8.8x %8x %8u %8u\n", shown_address(pTimer),
-           FieldRead(pTimer->running) != 0 ? " Y " : " N ", TaskNameT(pTimer->taskID).Text(),
-           static_cast<unsigned>(FieldRead(pTimer->time)), FieldRead(pTimer->maxLatency),
-           pTimer->periodic != 0 ? " Y " : " N ", pTimer->timerID, shown_address(pTimer->pFunc),
-           runs != 0 ? FieldRead(pTimer->totalExecTime) / runs : 0, FieldRead(pTimer->maxExecTime));
+    TimerT timer;
+    {
+        const TimerLockT lock;
+        timer = *pTimer;
+    }
+    Print(pTimer, timer);
 }
 
 void TimerDumpActive() {
     TimerDumpHeading();
     const TimerLockT lock;
-    if (lock.Held()) {
-        ForEachTimer(kTimerActive, [](TimerT* pTimer) { TimerDump(pTimer, 0); });
-    }
+    ForEachTimer(kTimerActive, [](TimerT* pTimer) { Print(pTimer, *pTimer); });
 }
 
 void TimerDumpAll() {
     TimerDumpHeading();
     for (const std::atomic<TimerT*>& slot : gTimers) {
         // A timer that ends leaves its slot under the mutex: while it is held the record stays.
-        const NoCancelT no_cancel;
         const MutexGuardT guard(&gLifeMutex);
-        TimerT* pTimer = slot.load(std::memory_order_acquire);
-        if (pTimer != nullptr) {
+        if (TimerT* pTimer = slot) {
             TimerDump(pTimer, 0);
         }
     }

@@ -3,7 +3,8 @@
 // counts all timers down on the operating system's tick (10 ms), which is their resolution: a timer
 // expires on the first tick that finds no time left. TMRT lives while timers exist.
 //
-// A timer is used by its owner task; TimerDump and TimerRunning may come from any task.
+// A timer is started, stopped and ended by its owner task; the other calls may come from any task.
+// All may wait as long as the timer task goes through its lists.
 #pragma once
 
 #include <atomic>
@@ -22,7 +23,7 @@ typedef void (*TimerFuncPtrT)(void* userDefined);
 typedef enum : UInt32 { kTimerOffList = 0, kTimerActive = 1, kTimerTimedOut = 2 } TimerPlaceT;
 
 // A timer, embedded in its owner's record, which is zeroed before TimerInit and lives until
-// TimerExit.
+// TimerExit. Its fields change under timerSemaphore.
 typedef struct TimerS {
     ListT list;
     void* userDefined;
@@ -41,8 +42,7 @@ typedef struct TimerS {
     unsigned int numExecs;   // runs since the last start
     unsigned int signature;  // the characters "TIM2" in memory order while initialised
     // Private to the service:
-    unsigned int startsQueued;  // start requests on their way to the timer task
-    TimerPlaceT place;          // under timerSemaphore
+    TimerPlaceT place;
 } TimerT;
 
 // The timer task's module and its two lists, under timerSemaphore.
@@ -59,11 +59,13 @@ extern std::atomic<eSysStateT> SysState;
 
 extern std::atomic<TimerT*> gTimers[kTimerMaxTimers];  // initialised timers, for diagnostics
 extern std::atomic<int> numTimers;                     // timers in gTimers
-extern UInt32 timerSemaphore;
+extern std::atomic<UInt32> timerSemaphore;
 extern std::atomic<Boolean> TimerTaskStarted;
 extern TimerTaskT gTimerTask;
 
-// Starts the timer task if it does not run and waits until it does. Always kNoError.
+// Starts the timer task if it does not run and waits until it does. Always kNoError. The tick is a
+// timer of the operating system; when it has none left the log says so, and the timer task sleeps
+// from tick to tick.
 eErrorT TimerManInit();
 
 // Asks the timer task to end; armed timers are then no longer counted.
@@ -75,13 +77,13 @@ void TimerManExit();
 // initialised already. The 601st timer works but is missing from the dumps.
 eErrorT TimerInit(TimerT* pTimer, int time, TimerFuncPtrT pFunc, void* userDefined, int periodic);
 
-// Arm a timer; a running one begins its full period anew. A non-zero `time` replaces the timer's.
-// Statistics start at 0. Do not block. Return kNoError (nothing happens while no timer task runs),
-// or the error of the request to the timer task.
+// Arm a timer; a running or expired one begins its full period anew and does not run for the old
+// one. A non-zero `time` replaces the timer's. Statistics start at 0. Always kNoError; nothing
+// happens while no timer task runs.
 eErrorT TimerStart(TimerT* pTimer);
 eErrorT TimerStartWithTime(TimerT* pTimer, int time);
 
-// Disarms a timer: its function will not begin any more. Does not block. Always kNoError.
+// Disarms a timer: its function will not begin any more. Always kNoError.
 eErrorT TimerStop(TimerT* pTimer);
 
 // 1 while the timer is armed; 0 within a one-shot timer's own function.
@@ -93,7 +95,7 @@ Boolean TimerRunning(TimerT* pTimer);
 eErrorT TimerExit(TimerT* pTimer);
 
 // Stops and unlinks every timer of a task and waits until it is done; the timers stay initialised.
-// Returns kNoError, or the error of the request to the timer task.
+// Always kNoError.
 eErrorT TimerStopByTaskID(UInt32 taskID);
 
 // Runs the functions of the calling task's expired timers. Called by ModProcessEvents.

@@ -1,56 +1,29 @@
-// Framework timers.
+// Framework timers: beside a model on a driven clock, and what only real tasks and ticks show.
 #include "Common/framework/timer.h"
 
+#include <algorithm>
 #include <deque>
+#include <random>
 
-#include "Common/framework/sharedfield.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "tests/framework/module_task.h"
 
 namespace {
 
-// A timer and what its function saw.
-struct ProbeT {
-    ProbeT(int time, bool periodic) {
-        const auto fire = [](void* user) {
-            auto* probe = static_cast<ProbeT*>(user);
-            probe->runs++;
-            probe->running_inside = probe->Running();
-            if (probe->inside != nullptr) {
-                probe->inside(probe);
-            }
-        };
-        EXPECT_EQ(TimerInit(&timer, time, fire, this, periodic), kNoError);
-    }
-    ~ProbeT() { TimerExit(&timer); }
+std::atomic<bool> gDriven{false};
+std::atomic<UInt32> gNow{0xFFFFFF00};  // wraps soon
+std::atomic<int> gMarks{0};
+std::atomic<bool> gHeld{false};
 
-    void Start() { EXPECT_EQ(TimerStart(&timer), kNoError); }
-    bool Running() { return TimerRunning(&timer) != 0; }
-    bool StartIsDone() const {
-        return Eventually([this] { return FieldRead(timer.startsQueued) == 0; });
-    }
+}  // namespace
 
-    TimerT timer = {};
-    int runs = 0;
-    bool running_inside = false;
-    void (*inside)(ProbeT* probe) = nullptr;
-};
-
-// Serves the calling task's events until `condition()`.
-template <typename ConditionT>
-bool ServeUntil(ConditionT condition) {
-    return Eventually([&] {
-        UInt32 events = 0;
-        ev_receive(kModEventsAll, kEvAny | kEvNoWait, 0, &events);
-        ModProcessEvents(events);
-        return condition();
-    });
+// The suite is linked so that the product's calls of the millisecond clock arrive here.
+extern "C" UInt32 __real__Z20RealTimeMilliSecondsv();
+extern "C" UInt32 __wrap__Z20RealTimeMilliSecondsv() {
+    return gDriven ? gNow.load() : __real__Z20RealTimeMilliSecondsv();
 }
 
-// Serves events for a time in which short timers expire several times.
-void ServeOn() {
-    const UInt32 end = RealTimeMilliSeconds() + 60;
-    ServeUntil([end] { return static_cast<SInt32>(RealTimeMilliSeconds() - end) >= 0; });
-}
+namespace {
 
 UInt32 TimerTaskId() {
     UInt32 id = 0;
@@ -58,134 +31,392 @@ UInt32 TimerTaskId() {
     return id;
 }
 
+int SystemTimers() {
+    const MutexGuardT guard(&tmcblistmutex);
+    int count = 0;
+    for (const TMCB* timer = timerList; timer != nullptr; timer = timer->next) {
+        count++;
+    }
+    return count;
+}
+
+// Has the timer task make a mark, and then wait while it is held.
+void Mark() {
+    const int before = gMarks;
+    const auto mark = [](void*, void*) {
+        gMarks++;
+        gMarks.notify_all();
+        gHeld.wait(true);
+    };
+    ASSERT_EQ(ModDeferFunctionCall(TimerTaskId(), mark, nullptr, nullptr, 0), kNoError);
+    gMarks.wait(before);
+}
+
+// What a timer should look like.
+struct ModelT {
+    std::unique_ptr<TimerT> timer;  // null while it is ended
+    bool periodic = false, running = false;
+    int time = 0;
+    UInt32 since = 0, last = 0;
+    unsigned latency = 0, longest = 0, total = 0, runs = 0;
+};
+typedef std::vector<ModelT*> ModelsT;
+
+// Does each operation to the timers and to their models, from their functions too. The timer task
+// is held back at times, so that requests and ticks wait for it.
+class TimerModel {
+  public:
+    explicit TimerModel(unsigned seed) : random_(seed) {
+        gModel = this;
+        at_ = models_;  // stays to the end
+        while (at_->timer == nullptr) {
+            Init();
+        }
+    }
+    ~TimerModel() {
+        Release();
+        for (ModelT& m : models_) {
+            Exit(&m);
+        }
+    }
+    TimerModel(const TimerModel&) = delete;
+    TimerModel& operator=(const TimerModel&) = delete;
+
+    void Step() {
+        using T = TimerModel;
+        static constexpr void (T::*kOps[])() = {
+            &T::Init,  &T::End,   &T::Start, &T::Start, &T::Stop, &T::Hold,
+            &T::Serve, &T::Serve, &T::Serve, &T::State, &T::Tick, &T::Tick,
+            &T::Tick,  &T::Tick,  &T::Tick,  &T::Tick,  &T::Tick, &T::Release};
+        at_ = &models_[Below(std::size(models_))];
+        (this->*kOps[Below(std::size(kOps))])();
+    }
+
+    // The text of both dumps, one behind the other.
+    std::string Dumps() const {
+        std::string text;
+        for (const ModelsT* list : {&slots_, &active_}) {
+            text +=
+                "Timer    run task time(mS) maxLaten per timerID  pFunc    avgExec  maxExec \n"
+                "-------- --- ---- -------- -------- --- -------- -------- -------- --------\n";
+            for (const ModelT* m : *list) {
+                char line[120] = "";
+                if (m != nullptr) {
+                    snprintf(line, sizeof(line), "%8.8x %s main %8d %8u %s 00000000 %8x %8u %8u\n",
+                             shown_address(m->timer.get()), m->running ? " Y " : " N ", m->time,
+                             m->latency, m->periodic ? " Y " : " N ", shown_address(&Fired),
+                             m->runs != 0 ? m->total / m->runs : 0, m->longest);
+                    EXPECT_EQ(TimerRunning(m->timer.get()), m->running);
+                }
+                text += line;
+            }
+        }
+        return text;
+    }
+    int Served() const { return served_; }
+
+  private:
+    static TimerModel* gModel;
+
+    int Below(size_t limit) { return static_cast<int>(random_() % limit); }
+
+    void Init() {
+        ModelT* m = at_;
+        const bool alive = m->timer != nullptr;
+        const int time = Below(8) == 0 ? 9 : 10 + Below(20);
+        const bool periodic = Below(2) == 0;
+        auto timer = alive ? std::move(m->timer) : std::make_unique<TimerT>();
+        const eErrorT err = TimerInit(timer.get(), time, Fired, m, periodic);
+        EXPECT_EQ(err, time < 10 ? kBadParameter : alive ? kFuncReturnedError : kNoError);
+        if (err == kNoError) {
+            *m = {nullptr, periodic, false, time};
+            *std::find(slots_.begin(), slots_.end(), nullptr) = m;
+        }
+        if (err == kNoError || alive) {
+            m->timer = std::move(timer);
+        }
+    }
+
+    void End() {
+        if (Below(4) == 0) {
+            at_ != models_ ? Exit(at_) : StopAll();
+        }
+    }
+    void Exit(ModelT* m) {
+        TimerT never = {};
+        const bool alive = m->timer != nullptr;
+        EXPECT_EQ(TimerExit(alive ? m->timer.get() : &never), alive ? kNoError : kBadParameter);
+        m->timer.reset();  // nothing may touch it any more
+        m->running = false;
+        std::erase(active_, m);
+        std::erase(expired_, m);
+        std::erase_if(asked_, [m](const auto& ask) { return ask.first == m; });
+        std::replace(slots_.begin(), slots_.end(), m, static_cast<ModelT*>(nullptr));
+        std::replace(serving_.begin(), serving_.end(), m, static_cast<ModelT*>(nullptr));
+    }
+
+    void Start() {
+        const int time = Below(2) == 0 ? 0 : 10 + Below(20);
+        if (at_->timer != nullptr) {
+            EXPECT_EQ(TimerStartWithTime(at_->timer.get(), time), kNoError);
+            Started(at_, time);
+        }
+    }
+    void Started(ModelT* m, int time) {
+        Rewind(m, time);
+        m->running = true;
+        asked_.emplace_back(m, time);
+        TakeUp();
+    }
+    void Rewind(ModelT* m, int time) {
+        m->time = time != 0 ? time : m->time;
+        m->since = m->last = gNow;
+        m->latency = m->longest = m->total = m->runs = 0;
+        std::erase(expired_, m);
+    }
+
+    void Stop() {
+        if (at_->timer != nullptr) {
+            EXPECT_EQ(TimerStop(at_->timer.get()), kNoError);
+            at_->running = false;
+        }
+    }
+    void StopAll() {
+        if (gHeld) {
+            return;
+        }
+        EXPECT_EQ(TimerStopByTaskID(ModSelf()), kNoError);
+        for (ModelsT* list : {&expired_, &active_}) {
+            for (ModelT* m : std::exchange(*list, {})) {
+                m->running = false;
+            }
+        }
+    }
+
+    void Hold() {
+        if (!gHeld) {
+            gHeld = true;
+            Mark();
+        }
+    }
+    void Release() {
+        gHeld = false;
+        gHeld.notify_all();
+        TakeUp();
+    }
+    void State() { SysState = Below(6) == 0 ? kSysStateShuttingDown : kSysStateRunning; }
+    void Tick() {
+        gNow += static_cast<UInt32>(Below(20));
+        tm_dispatch();
+        ticked_ = true;
+        TakeUp();
+    }
+
+    // What the timer task does: first the starts, then the tick.
+    void TakeUp() {
+        if (gHeld) {
+            return;
+        }
+        Mark();
+        Mark();  // a tick may have been behind the first
+        for (const auto& [m, time] : std::exchange(asked_, {})) {
+            Rewind(m, time);
+            if (m->running && std::find(active_.begin(), active_.end(), m) == active_.end()) {
+                active_.push_back(m);
+            }
+        }
+        if (!std::exchange(ticked_, false) || SysState == kSysStateShuttingDown) {
+            return;
+        }
+        std::erase_if(expired_, [](const ModelT* m) { return !m->running; });
+        for (ModelT* m : std::exchange(active_, {})) {
+            if (m->running) {
+                const bool due = gNow - m->since >= static_cast<UInt32>(m->time);
+                (due ? expired_ : active_).push_back(m);
+            }
+        }
+    }
+
+    void Serve() {
+        TimerProcessAll();
+        FunctionEnded();
+        EXPECT_EQ(Next(), nullptr);
+    }
+    ModelT* Next() {
+        while (!expired_.empty()) {
+            ModelT* m = expired_.front();
+            expired_.erase(expired_.begin());
+            if (m->running) {
+                return m;
+            }
+        }
+        return nullptr;
+    }
+    static void Fired(void* user) { gModel->Run(static_cast<ModelT*>(user)); }
+    void Run(ModelT* m) {
+        FunctionEnded();
+        EXPECT_EQ(Next(), m);
+        served_++;
+        const UInt32 began = gNow;
+        m->latency = std::max(m->latency, began - m->last);
+        m->last = began;
+        m->running = m->running && m->periodic;
+        serving_.push_back(m);
+        gNow += static_cast<UInt32>(Below(5));
+        for (int steps = serving_.size() < 3 ? Below(4) : 0; steps > 0; steps--) {
+            Step();
+        }
+        ended_ = serving_.back();
+        serving_.pop_back();
+        took_ = gNow - began;
+    }
+    // What follows a function before the next one.
+    void FunctionEnded() {
+        if (ModelT* m = std::exchange(ended_, nullptr)) {
+            m->total += took_;
+            m->longest = std::max(m->longest, took_);
+            m->runs++;
+            if (m->periodic && m->running) {
+                Started(m, 0);
+            }
+        }
+    }
+
+    std::mt19937 random_;
+    ModelT models_[5];
+    ModelT* at_;  // the operation's
+    ModelsT slots_ = ModelsT(std::size(models_)), active_, expired_, serving_;
+    std::vector<std::pair<ModelT*, int>> asked_;  // starts that the timer task has not seen
+    bool ticked_ = false;
+    ModelT* ended_ = nullptr;
+    unsigned took_ = 0;
+    int served_ = 0;
+};
+TimerModel* TimerModel::gModel;
+
+// A timer that counts its runs in real time.
+struct ProbeT {
+    ProbeT(int time, bool periodic) {
+        const auto fire = [](void* user) { static_cast<ProbeT*>(user)->runs++; };
+        EXPECT_EQ(TimerInit(&timer, time, fire, this, periodic), kNoError);
+        EXPECT_EQ(TimerStart(&timer), kNoError);
+    }
+    ~ProbeT() { TimerExit(&timer); }
+
+    // Serves the calling task until the timer has run this often.
+    bool Runs(int wanted) const {
+        return Eventually([&] {
+            UInt32 events = 0;
+            ev_receive(kModEventsAll, kEvAny | kEvNoWait, 0, &events);
+            ModProcessEvents(events);
+            return runs >= wanted;
+        });
+    }
+
+    TimerT timer = {};
+    int runs = 0;
+};
+
 using Timer = TaskTest;
 
 }  // namespace
 
-TEST_F(Timer, AOneShotTimerRunsOnceAndAPeriodicOneUntilItIsStoppedInItsOwnFunction) {
-    for (const bool periodic : {false, true}) {
-        ProbeT probe(30, periodic);
-        probe.inside = [](ProbeT* p) { p->runs == 3 ? (void)TimerStop(&p->timer) : (void)0; };
-        EXPECT_FALSE(probe.Running());
-        const UInt32 start = RealTimeMilliSeconds();
-        probe.Start();
-        const int runs = periodic ? 3 : 1;
-        ASSERT_TRUE(ServeUntil([&] { return probe.runs == runs; }));
-        EXPECT_GE(RealTimeMilliSeconds() - start, runs * 29U);
-        EXPECT_GE(probe.timer.maxLatency, 29U);
-        EXPECT_EQ(probe.running_inside, periodic);
-        EXPECT_FALSE(probe.Running());
-        ServeOn();
-        EXPECT_EQ(probe.runs, runs);
+TEST_F(Timer, EveryOrderOfOperationsFollowsTheModel) {
+    StartSystemTimer();
+    t_delete(timerid);
+    timerid = self_;  // no tick but the model's
+    gDriven = true;
+    int served = 0;
+    for (unsigned seed = 1; seed <= 30 && !HasFailure(); seed++) {
+        SCOPED_TRACE(seed);
+        StdoutFile out;
+        TimerModel model(seed);
+        for (int step = 0; step < 600 && !HasFailure(); step++) {
+            model.Step();
+            out.Fresh();
+            TimerDumpAll();
+            TimerDumpActive();
+            EXPECT_EQ(out.Fresh(), model.Dumps());
+        }
+        served += model.Served();
     }
-}
-
-TEST_F(Timer, StoppingHoldsEvenWhileARequestToStartIsOnItsWay) {
-    ProbeT probe(10, true);
-    for (int round = 0; round < 200; round++) {
-        probe.Start();
-        TimerStop(&probe.timer);
-    }
-    ServeOn();
-    EXPECT_EQ(probe.runs, 0);
-    EXPECT_FALSE(probe.Running());
-}
-
-TEST_F(Timer, StartingARunningTimerBeginsItsPeriodAndItsStatisticsAnew) {
-    ProbeT probe(10, false);
-    ProbeT marker(10, false);
-    probe.Start();
-    ASSERT_TRUE(ServeUntil([&] { return probe.runs == 1; }));
-    EXPECT_EQ(probe.timer.numExecs, 1U);
-    TimerStartWithTime(&probe.timer, 60000);
-    probe.Start();  // keeps the new time
-    marker.Start();
-    ASSERT_TRUE(ServeUntil([&] { return marker.runs == 1; }));
-    EXPECT_EQ(probe.timer.numExecs, 0U);
-    EXPECT_GT(FieldRead(probe.timer.ticks), 30000);
-    TimerStartWithTime(&probe.timer, 10);
-    EXPECT_TRUE(ServeUntil([&] { return probe.runs == 2; }));
-}
-
-TEST_F(Timer, WhatHappensBetweenExpiryAndServiceCounts) {
-    ProbeT restarted(10, false);
-    ProbeT stopped(10, true);
-    auto deleted = std::make_unique<ProbeT>(10, true);
-    for (ProbeT* probe : {&restarted, &stopped, deleted.get()}) {
-        probe->Start();
-    }
-    UInt32 events = 0;
-    ASSERT_EQ(ev_receive(kModEventTimer, 0, 0, &events), kTaskOk);
-    tm_wkafter(3);
-    TimerStartWithTime(&restarted.timer, 60000);
-    ASSERT_TRUE(restarted.StartIsDone());
-    TimerStop(&stopped.timer);
-    deleted.reset();  // nothing may touch it any more
-    TimerProcessAll();
-    ServeOn();
-    EXPECT_EQ(restarted.runs + stopped.runs, 0);
-    EXPECT_TRUE(restarted.Running());
-}
-
-TEST_F(Timer, ATimerMayEndAndFreeItselfInItsFunction) {
-    static int ended;
-    for (const bool periodic : {false, true}) {
-        auto* probe = new ProbeT(10, periodic);
-        probe->inside = [](ProbeT* p) {
-            delete p;
-            ended++;
-        };
-        probe->Start();
-    }
-    ASSERT_TRUE(ServeUntil([] { return ended == 2; }));
+    EXPECT_GT(served, 800);
+    EXPECT_TRUE(Eventually([] { return TimerTaskId() == 0; }));
+    EXPECT_EQ(SystemTimers(), 0);
 }
 
 TEST_F(Timer, TheTimerTaskEndsWithTheLastTimerAndStartsAnew) {
-    {
+    for (int round = 0; round < 5; round++) {  // also while the old one is still ending
         ProbeT one(10, false);
-        { ProbeT two(10, false); }
+        const ProbeT two(60000, false);
+        EXPECT_TRUE(one.Runs(1));
         EXPECT_NE(ModFindByName("TimerTask", 0), nullptr);
     }
     EXPECT_TRUE(Eventually([] { return TimerTaskId() == 0; }));
     EXPECT_EQ(ModFindByName("TimerTask", 0), nullptr);
-    for (int round = 0; round < 5; round++) {  // also while the old one is still ending
-        ProbeT one(10, false);
-        one.Start();
-        EXPECT_TRUE(ServeUntil([&] { return one.runs == 1; }));
-    }
     ProbeT left(60000, false);
-    left.Start();
-    ASSERT_TRUE(left.StartIsDone());
+    Mark();
     t_delete(TimerTaskId());  // killed, it is replaced
     ProbeT next(10, false);
-    next.Start();
     TimerStartWithTime(&left.timer, 10);
-    EXPECT_TRUE(ServeUntil([&] { return next.runs == 1 && left.runs == 1; }));
+    EXPECT_TRUE(next.Runs(1) && left.Runs(1));
+}
+
+TEST_F(Timer, AStartBesideTheManagersEndIsNoError) {
+    ProbeT probe(10, true);
+    std::atomic<bool> done{false};
+    std::thread manager([&done] {
+        for (int round = 0; round < 30; round++) {
+            TimerManExit();
+            TimerManInit();
+        }
+        done = true;
+    });
+    while (!done) {
+        ASSERT_EQ(TimerStart(&probe.timer), kNoError);
+    }
+    manager.join();
+    TimerStart(&probe.timer);
+    EXPECT_TRUE(probe.Runs(1));
+}
+
+TEST_F(Timer, TimersRunThoughTheSystemHasNoTimerForTheirTick) {
+    StartLog();
+    UInt32 taken[kTimerPoolSize];
+    for (UInt32& id : taken) {
+        tm_evevery(1000000, 1, &id);
+    }
+    {
+        ProbeT probe(10, true);
+        EXPECT_TRUE(probe.Runs(3));
+        TimerStop(&probe.timer);
+    }
+    ExpectLines(
+        {"WARN  pc[0]: TIMER: no system timer is free: the task of the framework timers "
+         "sleeps from tick to tick\n"});
+    EXPECT_TRUE(Eventually([] { return TimerTaskId() == 0; }));
 }
 
 TEST_F(Timer, The601stTimerWorksButIsNotListed) {
     std::deque<ProbeT> timers;
     for (int i = 0; i <= kTimerMaxTimers; i++) {
         EXPECT_FALSE(out_.Has("WARN"));
-        timers.emplace_back(10, false);
+        timers.emplace_back(i == kTimerMaxTimers ? 10 : 60000, false);
     }
     EXPECT_TRUE(out_.Has("WARN: TimerInit : Cannot add timer to list of timers, list full. \n"));
-    ProbeT& last = timers.back();
-    last.Start();
-    EXPECT_TRUE(ServeUntil([&] { return last.runs == 1; }));
-    EXPECT_EQ(TimerExit(&last.timer), kBadParameter);
+    EXPECT_TRUE(timers.back().Runs(1));
+    EXPECT_EQ(TimerExit(&timers.back().timer), kBadParameter);
     EXPECT_EQ(numTimers, kTimerMaxTimers);
 }
 
 TEST_F(Timer, ATaskThatGoesTakesItsTimersWithIt) {
     ProbeT kept(10, true);
-    kept.Start();
     for (const bool served : {true, false}) {
         std::deque<ProbeT> timers;
         ModuleTask task("ownr");
-        task.Run([&] {
+        task.Run([&timers] {
             for (const int time : {10, 20, 60000}) {
-                timers.emplace_back(time, time == 10).Start();
+                timers.emplace_back(time, time == 10);
             }
         });
         if (!served) {  // expired and never served
@@ -194,12 +425,9 @@ TEST_F(Timer, ATaskThatGoesTakesItsTimersWithIt) {
         tm_wkafter(5);
         task.Delete();
         for (ProbeT& probe : timers) {
-            EXPECT_FALSE(probe.Running());
-            EXPECT_EQ(probe.timer.list.next, &probe.timer.list);
+            EXPECT_EQ(probe.timer.place, kTimerOffList);
+            EXPECT_EQ(TimerRunning(&probe.timer), 0U);
         }
     }
-    const int before = kept.runs;
-    EXPECT_TRUE(ServeUntil([&] { return kept.runs > before + 1; }));
-    TimerStopByTaskID(self_);
-    EXPECT_FALSE(kept.Running());
+    EXPECT_TRUE(kept.Runs(kept.runs + 2));
 }
