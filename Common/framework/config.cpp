@@ -90,7 +90,7 @@ struct KeyT {
     bool found_as_given;
 
     bool operator==(const KeyT& other) const {
-        return hash == other.hash && instance == other.instance && strcmp(name, other.name) == 0;
+        return instance == other.instance && strcmp(name, other.name) == 0;
     }
 };
 
@@ -225,8 +225,7 @@ ConfigItemT* ItemOf(ListT* node) {
 
 ConfigItemT* Find(const KeyT& key) {
     for (ConfigItemT* item = *HashLink(key.hash); item != nullptr; item = item->pNextHash) {
-        if (item->hash == key.hash && item->instance == key.instance &&
-            strcmp(item->mod.name, key.name) == 0) {
+        if (item->instance == key.instance && strcmp(item->mod.name, key.name) == 0) {
             return item;
         }
     }
@@ -400,7 +399,7 @@ bool IsUnchanged(const KeyT& key, const char* value) {
     return item != nullptr && item->known && strcmp(item->value, value) == 0;
 }
 
-// A name and value for a dump; false when the cache cannot be had or there is no such item.
+// A name and value for a dump.
 struct DumpLineT {
     char name[sizeof(ModT::fullname)];
     char value[kConfigValueSize];
@@ -412,7 +411,7 @@ struct DumpLineT {
     void Print() const { printf("%-35s %s\n", name, value); }
 };
 
-// The n-th item of a bucket; false when it has fewer.
+// The n-th item of a bucket; false when it has fewer, or the cache cannot be had.
 bool TakeDumpLine(int bucket, int n, DumpLineT* line) {
     const CacheGuardT cache("lookup");
     ListT* head = cache.Held() ? gConfig.pItems[bucket] : nullptr;
@@ -434,7 +433,7 @@ void CallCallbacks(ConfigItemT* item, const KeyT& key, const char* value, size_t
     args.instance = static_cast<UInt32>(key.instance);
     args.flags = flags;
     memcpy(args.permissions, perm, strnlen(perm, sizeof(args.permissions)));
-    memcpy(args.name, key.name, sizeof(key.name));
+    memcpy(args.name, key.name, strlen(key.name));
     memcpy(args.value, value, length < kConfigValueLen ? length : size_t{kConfigValueLen});
     ModCallCallbacks(&item->mod, 0, &args, sizeof(args));
     ModCallCallbacks(&gConfig.mod, 0, &args, sizeof(args));

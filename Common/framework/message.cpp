@@ -10,6 +10,7 @@
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/tasks.h"
+#include "Common/framework/mod_internal.h"
 #include "Common/framework/msg_internal.h"
 #include "Common/framework/proxy.h"
 #include "Common/framework/rem_message.h"
@@ -43,7 +44,7 @@ constexpr const char* kUnprinted[] = {
 };
 
 bool Echoes(UInt32 bit) {
-    return (OutputMsgPrints.load(std::memory_order_relaxed) & bit) != 0;
+    return (OutputMsgPrints & bit) != 0;
 }
 
 CmdEntryT* EntryOf(ListT* node) {
@@ -118,7 +119,7 @@ void DeferredNotify(void*, void* pArgs) {
 }
 
 eErrorT QueueNotification(NotifyArgT* args) {
-    const UInt32 task = notifyTaskID.load(std::memory_order_acquire);
+    const UInt32 task = notifyTaskID;
     if (task == 0) {
         return kNotInitialized;
     }
@@ -169,7 +170,21 @@ struct CommandT {
     const char* syntax;
     UInt32 flags;
     UInt32 taskID;
+    UInt32 use;  // of the task's id
 };
+
+constexpr UInt32 kFlagBits = (1U << kMsgCmdUseShift) - 1;
+constexpr UInt32 kNoUse = 0xFFFFFFFF;
+
+// Which use of the task's id a command was added by, kNoUse when that task is gone. The entry has
+// room for the lower half of the number. A command that no task added runs in its sender's.
+UInt32 UseOf(const CmdEntryT* entry) {
+    if (entry->taskID == 0) {
+        return 0;
+    }
+    const UInt32 use = t_incarnation(entry->taskID);
+    return use != 0 && use << kMsgCmdUseShift == (entry->flags & ~kFlagBits) ? use : kNoUse;
+}
 
 bool FindCommand(const char* word, CommandT* command) {
     const InterruptsOffT lock;
@@ -177,7 +192,8 @@ bool FindCommand(const char* word, CommandT* command) {
     if (entry == nullptr) {
         return false;
     }
-    *command = {entry->pFunc, entry->argcmin, entry->syntax, entry->flags, entry->taskID};
+    *command = {entry->pFunc,  entry->argcmin, entry->syntax, entry->flags & kFlagBits,
+                entry->taskID, UseOf(entry)};
     return true;
 }
 
@@ -198,7 +214,10 @@ eErrorT Dispatch(const CommandT& command, CmdArgT* args) {
         DeferredCmd(handler, args);
         return kNoError;
     }
-    return ModDeferFunctionCall(command.taskID, DeferredCmd, handler, args, sizeof(*args));
+    if (!MsgScriptMayCall()) {
+        return kOutOfResources;
+    }
+    return ModDeferToUse(command.taskID, command.use, DeferredCmd, handler, args, sizeof(*args));
 }
 
 // The first entry whose name is not less than `name`, compared over its length; null if there is
@@ -215,7 +234,7 @@ ListT* FirstNotLess(const char* name) {
 
 void CallListeners(eErrorT, const char* pNotifyString, void*) {
     for (const std::atomic<NotifyFuncT>& slot : gNotificationTable) {
-        const NotifyFuncT listener = slot.load(std::memory_order_acquire);
+        const NotifyFuncT listener = slot;
         if (listener != nullptr) {
             listener(kNoError, pNotifyString, nullptr);
         }
@@ -257,15 +276,23 @@ void MsgSetNesting(UInt32 nesting) {
 }
 
 eErrorT MsgInit() {
+    UInt32 known = notifyTaskID;
     UInt32 task;
-    if (t_create("msgn", kNotifyPriority, 0, 0, 0, &task) != kTaskOk) {
+    if ((known != 0 && t_is_open(known) != 0) ||
+        t_create("msgn", kNotifyPriority, 0, 0, 0, &task) != kTaskOk) {
         return kCantStartTask;
     }
-    if (t_start(task, 0, NotifyTask, nullptr) != kTaskOk) {
+    // Several may get here at once: one puts its task in place of what was there.
+    if (!notifyTaskID.compare_exchange_strong(known, task)) {
         t_delete(task);
         return kCantStartTask;
     }
-    notifyTaskID.store(task, std::memory_order_release);
+    if (t_start(task, 0, NotifyTask, nullptr) != kTaskOk) {
+        notifyTaskID = 0;
+        t_delete(task);
+        return kCantStartTask;
+    }
+    MsgDeleteCmdTable(defaultCmds);  // those of an earlier start
     return MsgAddCmdTable(defaultCmds) == kNoError ? kNoError : kCantStartTask;
 }
 
@@ -284,9 +311,15 @@ eErrorT MsgAddCmd(CmdEntryT* pCmd) {
     const InterruptsOffT lock;
     ListT* next = FirstNotLess(pCmd->name);
     if (next != nullptr && strcasecmp(EntryOf(next)->name, pCmd->name) == 0) {
-        return kAlreadyExists;
+        const CmdEntryT* known = EntryOf(next);
+        if ((known->flags & kMsgCmdSync) != 0 || UseOf(known) != kNoUse) {
+            return kAlreadyExists;
+        }
+        ListExtractUnprot(&gCmdTable, next);
+        next = FirstNotLess(pCmd->name);
     }
     pCmd->taskID = self;
+    pCmd->flags = (pCmd->flags & kFlagBits) | t_incarnation(0) << kMsgCmdUseShift;
     if (next != nullptr) {
         ListInsertBeforeUnprot(&gCmdTable, next, &pCmd->list);
     } else {
@@ -349,7 +382,7 @@ eErrorT MsgSendCmd(const char* pCmdString, NotifyFuncT pNotifyFunc, void* userDe
     args.pNotifyFunc = pNotifyFunc;
     args.userDefined = userDefined;
     const bool master = ProxyProcessorNum() == 0;
-    CommandT command;
+    CommandT command = {};
     eErrorT err = kItemNotFound;
     if (FindCommand(WordAt(&args, 0), &command)) {
         err = Dispatch(command, &args);
@@ -400,9 +433,9 @@ eErrorT MsgPrintEnable(const char* pMsgType, Boolean enable) {
     for (const auto& type : kTypes) {
         if (strcasecmp(type.word, pMsgType) == 0) {
             if (enable != 0) {
-                OutputMsgPrints.fetch_or(type.bit, std::memory_order_relaxed);
+                OutputMsgPrints |= type.bit;
             } else {
-                OutputMsgPrints.fetch_and(~type.bit, std::memory_order_relaxed);
+                OutputMsgPrints &= ~type.bit;
             }
             return kNoError;
         }

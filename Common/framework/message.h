@@ -23,6 +23,7 @@ constexpr int kMsgMaxDepth = 8;
 // CmdEntryT::flags.
 constexpr UInt32 kMsgCmdSync = 0x1;     // run at once in the sender's task
 constexpr UInt32 kMsgCmdForward = 0x2;  // send to the other processors too
+constexpr int kMsgCmdUseShift = 16;     // the upper half is the service's: which use of taskID
 
 // OutputMsgPrints.
 constexpr UInt32 kMsgPrintCmd = 0x1;
@@ -79,13 +80,15 @@ extern std::atomic<UInt32> OutputMsgPrints;  // what is echoed on the console
 extern std::atomic<UInt32> notifyTaskID;     // the task "msgn"
 
 // Starts the notification task and adds the built-in commands, which run in the calling task.
-// kNoError, or kCantStartTask when either fails.
+// kNoError; kCantStartTask when either fails, or while a notification task runs already: then
+// nothing changes.
 eErrorT MsgInit();
 
 // Asks the notification task to end.
 void MsgExit();
 
-// Adds a command, to run in the calling task. kNoError, or kAlreadyExists.
+// Adds a command, to run in the calling task. kNoError, or kAlreadyExists. A command of that name
+// whose task is gone gives way.
 eErrorT MsgAddCmd(CmdEntryT* pCmd);
 
 // Adds a table of commands, up to the first that is refused. kNoError, kFuncReturnedError for a
@@ -107,7 +110,9 @@ CmdEntryT* MsgLookup(CmdEntryT* cmdTable, const char* s);
 // Sends a command line. The outcome goes to `pNotifyFunc`(error, response, `userDefined`) (null:
 // nowhere), in "msgn", or at once when the line is refused. kNoError once the command is on its
 // way; kBadParameter for a line over 512 characters (then nobody is notified), for too few
-// arguments, or when the command's task is gone; kItemNotFound for an unknown command.
+// arguments, or when the command's task is gone; kItemNotFound for an unknown command;
+// kOutOfResources in a script whose calls are not served. A handler that ends its own task is not
+// answered.
 eErrorT MsgSendCmd(const char* pCmdString, NotifyFuncT pNotifyFunc, void* userDefined);
 
 // Sends a text to every listener, in "msgn". kNoError; kBadParameter for an empty text or one over

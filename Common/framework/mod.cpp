@@ -35,7 +35,7 @@ constexpr int kSlotsPerGrowth = 10;
 
 std::atomic<int> gTableEnd{0};
 
-// The header of an array of callback slots.
+// The header of an array of callback slots, behind which the uses of their tasks' ids stand.
 struct SlotArrayT {
     UInt32 sequence;
     int numSlots;  // never changes
@@ -51,6 +51,10 @@ SlotArrayT* ArrayOf(ModCallbackT* slots) {
 
 ModCallbackT* SlotsOf(SlotArrayT* array) {
     return reinterpret_cast<ModCallbackT*>(array + 1);
+}
+
+UInt32* UsesOf(SlotArrayT* array) {
+    return reinterpret_cast<UInt32*>(SlotsOf(array) + array->numSlots);
 }
 
 // Marks an array as changing for a scope; callbackSemaphore is held.
@@ -69,16 +73,19 @@ class ArrayChangeT {
 };
 
 // pFunc comes last when a slot is filled and first when it is freed.
-void WriteSlot(ModCallbackT* slot, const ModCallbackT& value) {
-    if (value.pFunc == nullptr) {
-        FieldWrite(slot->pFunc, value.pFunc);
+void WriteSlot(SlotArrayT* array, int index, const ModListenerT& value) {
+    ModCallbackT* slot = &SlotsOf(array)[index];
+    const ModCallbackT& callback = value.callback;
+    if (callback.pFunc == nullptr) {
+        FieldWrite(slot->pFunc, callback.pFunc);
     }
-    FieldWrite(slot->userDefined, value.userDefined);
-    FieldWrite(slot->whenFlags, value.whenFlags);
-    FieldWrite(slot->destTaskID, value.destTaskID);
-    FieldWrite(slot->funcIndex, value.funcIndex);
-    if (value.pFunc != nullptr) {
-        FieldWrite(slot->pFunc, value.pFunc);
+    FieldWrite(slot->userDefined, callback.userDefined);
+    FieldWrite(slot->whenFlags, callback.whenFlags);
+    FieldWrite(slot->destTaskID, callback.destTaskID);
+    FieldWrite(slot->funcIndex, callback.funcIndex);
+    FieldWrite(UsesOf(array)[index], value.use);
+    if (callback.pFunc != nullptr) {
+        FieldWrite(slot->pFunc, callback.pFunc);
     }
 }
 
@@ -91,13 +98,14 @@ SlotArrayT* TakeArray(int numSlots) {
             ArrayChangeT change(array);
             FieldWrite(array->end, 0);
             for (int i = 0; i < numSlots; i++) {
-                WriteSlot(&SlotsOf(array)[i], {});
+                WriteSlot(array, i, {});
             }
             return array;
         }
     }
     auto* array = static_cast<SlotArrayT*>(
-        calloc(1, sizeof(SlotArrayT) + sizeof(ModCallbackT) * static_cast<size_t>(numSlots)));
+        calloc(1, sizeof(SlotArrayT) +
+                      (sizeof(ModCallbackT) + sizeof(UInt32)) * static_cast<size_t>(numSlots)));
     if (array != nullptr) {
         array->numSlots = numSlots;
     }
@@ -125,18 +133,13 @@ void Grow(ModT* pMod) {
     {
         const ArrayChangeT change(array);
         for (int i = 0; i < before; i++) {
-            WriteSlot(&SlotsOf(array)[i], old[i]);
+            WriteSlot(array, i, {old[i], UsesOf(ArrayOf(old))[i]});
         }
         FieldWrite(array->end, old != nullptr ? ArrayOf(old)->end : 0);
     }
     FieldWrite(pMod->pCallbacks, SlotsOf(array));
     FieldWrite(pMod->numCallbacks, before + kSlotsPerGrowth);
     RetireArray(old);
-}
-
-bool SameCallback(const ModCallbackT& slot, UInt32 funcIndex, CallbackFuncPtrT pFunc,
-                  const void* userDefined) {
-    return slot.pFunc == pFunc && slot.userDefined == userDefined && slot.funcIndex == funcIndex;
 }
 
 // The index of the slot that `matches`, from the array's start; -1 if there is none.
@@ -151,38 +154,41 @@ int FindSlot(const ModT* pMod, MatchT matches) {
     return -1;
 }
 
-void FillSlot(ModT* pMod, const ModCallbackT& value) {
-    int index = FindSlot(pMod, [](const ModCallbackT& slot) { return slot.pFunc == nullptr; });
+int FindCallback(const ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
+                 const void* userDefined) {
+    return FindSlot(pMod, [&](const ModCallbackT& slot) {
+        return slot.pFunc == pFunc && slot.userDefined == userDefined &&
+               slot.funcIndex == funcIndex;
+    });
+}
+
+// Whether the task that a slot's callback belongs to is gone; callbackSemaphore is held.
+bool Orphaned(const ModT* pMod, int index) {
+    const ModCallbackT& slot = pMod->pCallbacks[index];
+    return (slot.whenFlags & kModCallbackDeferred) != 0 &&
+           t_incarnation(slot.destTaskID) != UsesOf(ArrayOf(pMod->pCallbacks))[index];
+}
+
+// Fills the slot at `index`, a free one if that is negative.
+void FillSlot(ModT* pMod, int index, const ModListenerT& value) {
+    if (index < 0) {
+        index = FindSlot(pMod, [](const ModCallbackT& slot) { return slot.pFunc == nullptr; });
+    }
     if (index < 0) {
         index = pMod->numCallbacks;
         Grow(pMod);
     }
     SlotArrayT* array = ArrayOf(pMod->pCallbacks);
     const ArrayChangeT change(array);
-    WriteSlot(&pMod->pCallbacks[index], value);
+    WriteSlot(array, index, value);
     if (index >= array->end) {
         FieldWrite(array->end, index + 1);
     }
 }
 
-eErrorT ModAddCallbackCommon(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
-                             void* userDefined, UInt32 whenFlags, UInt32 taskID) {
-    ModCheck(pMod);
-    ModAssert(pFunc);
-    const SemGuardT lock(callbackSemaphore);
-    const int known = FindSlot(pMod, [&](const ModCallbackT& slot) {
-        return SameCallback(slot, funcIndex, pFunc, userDefined);
-    });
-    if (known < 0) {
-        const bool elsewhere = taskID != 0 && (whenFlags & kModCallbackDeferred) != 0;
-        FillSlot(pMod, {pFunc, userDefined, whenFlags, elsewhere ? taskID : ModSelf(), funcIndex});
-    }
-    return kNoError;
-}
-
 // The first used slot from `from` on that listens to `funcIndex`, and a copy of it; -1 if there is
 // none. `changed` is set instead when the array changed under the reader.
-int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy, bool* changed) {
+int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModListenerT* listener, bool* changed) {
     *changed = false;
     ModCallbackT* slots = FieldRead(pMod->pCallbacks);
     if (slots == nullptr) {
@@ -191,6 +197,7 @@ int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy, 
     SlotArrayT* array = ArrayOf(slots);
     const UInt32 sequence = FieldRead(array->sequence);
     const int end = FieldRead(array->end);
+    ModCallbackT* copy = &listener->callback;
     int found = -1;
     for (int i = from; i < end && found < 0; i++) {
         const ModCallbackT& slot = slots[i];
@@ -200,6 +207,7 @@ int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy, 
             copy->userDefined = FieldRead(slot.userDefined);
             copy->whenFlags = FieldRead(slot.whenFlags);
             copy->destTaskID = FieldRead(slot.destTaskID);
+            listener->use = FieldRead(UsesOf(array)[i]);
             found = i;
         }
     }
@@ -208,13 +216,13 @@ int ScanSlots(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy, 
     return found;
 }
 
-int NextListener(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* copy) {
+int NextListener(const ModT* pMod, int from, UInt32 funcIndex, ModListenerT* listener) {
     bool changed;
-    int found = ScanSlots(pMod, from, funcIndex, copy, &changed);
+    int found = ScanSlots(pMod, from, funcIndex, listener, &changed);
     if (changed) [[unlikely]] {
         // Not tried again without the semaphore: its holder may have a lower priority.
         const SemGuardT lock(callbackSemaphore);
-        found = ScanSlots(pMod, from, funcIndex, copy, &changed);
+        found = ScanSlots(pMod, from, funcIndex, listener, &changed);
     }
     return found;
 }
@@ -222,10 +230,9 @@ int NextListener(const ModT* pMod, int from, UInt32 funcIndex, ModCallbackT* cop
 void RegisterModule(ModT* pMod) {
     for (int i = 0; i < kModMaxModules; i++) {
         ModT* none = nullptr;
-        if (gMods[i].load(std::memory_order_relaxed) == nullptr &&
-            gMods[i].compare_exchange_strong(none, pMod, std::memory_order_acq_rel)) {
-            numMods.fetch_add(1, std::memory_order_relaxed);
-            int end = gTableEnd.load(std::memory_order_relaxed);
+        if (gMods[i] == nullptr && gMods[i].compare_exchange_strong(none, pMod)) {
+            numMods++;
+            int end = gTableEnd;
             while (end <= i && !gTableEnd.compare_exchange_weak(end, i + 1)) {
             }
             return;
@@ -253,7 +260,7 @@ void ModReportBad(const ModT* pMod) {
 }
 
 int ModTableEnd() {
-    return gTableEnd.load(std::memory_order_acquire);
+    return gTableEnd;
 }
 
 UInt32 ModSelf() {
@@ -269,7 +276,7 @@ eErrorT ModInit(ModT* pMod, const char* pName, int instance, void* pOwner) {
     {
         const MutexGuardT lock(&gModHeaderMutex);
         pMod->instance = instance;
-        pMod->pOwner = static_cast<ModT*>(pOwner);
+        FieldWrite(pMod->pOwner, static_cast<ModT*>(pOwner));
         const size_t length = strnlen(pName, kModNameLen);
         memmove(pMod->name, pName, length);
         pMod->name[length] = '\0';
@@ -301,9 +308,8 @@ eErrorT ModExit(ModT* pMod) {
     ModDeleteAllCallbacks(pMod);
     for (int i = 0; i < ModTableEnd(); i++) {
         ModT* expected = pMod;
-        if (gMods[i].load(std::memory_order_relaxed) == pMod &&
-            gMods[i].compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel)) {
-            numMods.fetch_sub(1, std::memory_order_relaxed);
+        if (gMods[i] == pMod && gMods[i].compare_exchange_strong(expected, nullptr)) {
+            numMods--;
         }
     }
     FieldClearBits(pMod->flags, kModFlagRegistered);
@@ -322,12 +328,12 @@ UInt32 ModGetProcNum(ModT* pMod) {
 
 ModT* ModGetOwner(ModT* pMod) {
     ModCheck(pMod);
-    return pMod->pOwner;
+    return FieldRead(pMod->pOwner);
 }
 
 eErrorT ModSetOwner(ModT* pMod, ModT* pOwner) {
     ModCheck(pMod);
-    pMod->pOwner = pOwner;
+    FieldWrite(pMod->pOwner, pOwner);
     return kNoError;
 }
 
@@ -348,7 +354,7 @@ ModT* ModFindByName(const char* pName, int instance) {
     ModAssert(pName);
     const MutexGuardT lock(&gModHeaderMutex);
     for (int i = 0; i < ModTableEnd(); i++) {
-        ModT* pMod = gMods[i].load(std::memory_order_acquire);
+        ModT* pMod = gMods[i];
         if (pMod != nullptr && (instance == kModAnyInstance || pMod->instance == instance) &&
             strncasecmp(pMod->name, pName, kModNameLen) == 0) {
             return pMod;
@@ -359,12 +365,22 @@ ModT* ModFindByName(const char* pName, int instance) {
 
 eErrorT ModAddCallback(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void* userDefined,
                        UInt32 whenFlags) {
-    return ModAddCallbackCommon(pMod, funcIndex, pFunc, userDefined, whenFlags, 0);
+    return ModAddCallbackToTask(pMod, funcIndex, pFunc, userDefined, whenFlags, 0);
 }
 
 eErrorT ModAddCallbackToTask(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
                              void* userDefined, UInt32 whenFlags, UInt32 taskID) {
-    return ModAddCallbackCommon(pMod, funcIndex, pFunc, userDefined, whenFlags, taskID);
+    ModCheck(pMod);
+    ModAssert(pFunc);
+    const SemGuardT lock(callbackSemaphore);
+    const int known = FindCallback(pMod, funcIndex, pFunc, userDefined);
+    if (known < 0 || Orphaned(pMod, known)) {
+        const bool elsewhere = taskID != 0 && (whenFlags & kModCallbackDeferred) != 0;
+        const UInt32 task = elsewhere ? taskID : ModSelf();
+        FillSlot(pMod, known,
+                 {{pFunc, userDefined, whenFlags, task, funcIndex}, t_incarnation(task)});
+    }
+    return kNoError;
 }
 
 eErrorT ModAddExceptionHandler(ModT* pMod, CallbackFuncPtrT pFunc, void* userDefined) {
@@ -375,15 +391,13 @@ eErrorT ModDeleteCallback(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, 
     ModCheck(pMod);
     ModAssert(pFunc);
     const SemGuardT lock(callbackSemaphore);
-    const int index = FindSlot(pMod, [&](const ModCallbackT& slot) {
-        return SameCallback(slot, funcIndex, pFunc, userDefined);
-    });
+    const int index = FindCallback(pMod, funcIndex, pFunc, userDefined);
     if (index < 0) {
         return kItemNotFound;
     }
     SlotArrayT* array = ArrayOf(pMod->pCallbacks);
     const ArrayChangeT change(array);
-    WriteSlot(&pMod->pCallbacks[index], {});
+    WriteSlot(array, index, {});
     int end = array->end;
     while (end > 0 && pMod->pCallbacks[end - 1].pFunc == nullptr) {
         end--;
@@ -412,13 +426,16 @@ eErrorT ModCallCallbacks(ModT* pMod, UInt32 funcIndex, void* pArgs, int argLen) 
     if (t_ident(nullptr, 0, &self) != kTaskOk) {
         return kItemNotFound;
     }
-    ModCallbackT slot;
-    for (int i = NextListener(pMod, 0, funcIndex, &slot); i >= 0;
-         i = NextListener(pMod, i + 1, funcIndex, &slot)) {
-        if ((slot.whenFlags & kModCallbackDeferred) == 0 || slot.destTaskID == self) {
-            slot.pFunc(pMod, funcIndex, slot.userDefined, pArgs);
+    const UInt32 own_use = t_incarnation(0);
+    ModListenerT listener;
+    for (int i = NextListener(pMod, 0, funcIndex, &listener); i >= 0;
+         i = NextListener(pMod, i + 1, funcIndex, &listener)) {
+        const ModCallbackT& callback = listener.callback;
+        const bool own = callback.destTaskID == self && listener.use == own_use;
+        if ((callback.whenFlags & kModCallbackDeferred) == 0 || own) {
+            callback.pFunc(pMod, funcIndex, callback.userDefined, pArgs);
         } else {
-            ModDeferCallback(slot, pMod, funcIndex, pArgs, argLen);
+            ModDeferCallback(listener, pMod, funcIndex, pArgs, argLen);
         }
     }
     return kNoError;

@@ -217,7 +217,8 @@ ModT* ModFindByName(const char* pName, int instance);
 
 // Registers a callback for an event of a module. With kModCallbackDeferred in `whenFlags` it runs
 // in the calling task (ModAddCallbackToTask: in `taskID`, 0 being the caller), else in whichever
-// task fires the event. The same function, user data and event registered again change nothing. May
+// task fires the event. The same function, user data and event registered again change nothing,
+// unless the task that a deferred one belongs to is gone: then it belongs to the new one. May
 // allocate. Returns kNoError; memory exhausted is a failed assertion.
 eErrorT ModAddCallback(ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void* userDefined,
                        UInt32 whenFlags);
@@ -291,7 +292,8 @@ int ModCountDeferredCallbacks(const ModT* pMod);
 void ModTaskLoop();
 
 // Finishes a dying task's work: serves what is pending, stops its framework timers, frees its
-// statistics. Runs in the dying task, registered with the task service by the first ModInit.
+// statistics. Runs in the dying task, registered with the task service by the first ModInit. The
+// task's stack has unwound by then: what deferred work still refers to must not lie on it.
 void t_delete_callback();
 
 // Diagnostics, to standard output.

@@ -42,17 +42,22 @@ int ModTableEnd();
 // The calling task's id, 0 when it is no task.
 UInt32 ModSelf();
 
-// Queues a callback for the task that registered it.
-void ModDeferCallback(const ModCallbackT& slot, ModT* pMod, UInt32 funcIndex, const void* pArgs,
+// A used callback slot, and which use of its task's id registered it.
+struct ModListenerT {
+    ModCallbackT callback;
+    UInt32 use;
+};
+
+// Queues a callback for the task that registered it. With that task gone it is lost.
+void ModDeferCallback(const ModListenerT& listener, ModT* pMod, UInt32 funcIndex, const void* pArgs,
                       int argLen);
 void ModSetUpCallbacks();
+
+// ModDeferFunctionCall to one use of a task's id (t_incarnation): refused as for a task that does
+// not exist when the id serves another task by now.
+eErrorT ModDeferToUse(UInt32 taskID, UInt32 use, DeferredFuncPtrT pFunc, void* userDefined,
+                      const void* pArgs, int argLen);
 
 // Milliseconds since start after which deferred calls are counted: the rush at start-up is not.
 // Set by tests only.
 extern UInt32 gModStatsAfter;
-
-// Whom a pool waits for: the task of its oldest pending block.
-struct ModOldestT {
-    UInt32 taskID;
-    int age;  // ms
-};

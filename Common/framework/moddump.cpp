@@ -24,7 +24,7 @@ constexpr UInt32 kPause = 10;  // ticks
 template <typename VisitT>
 void ForEachModule(int begin, int end, VisitT visit) {
     for (int i = begin; i < end && i < ModTableEnd(); i++) {
-        ModT* pMod = gMods[i].load(std::memory_order_acquire);
+        ModT* pMod = gMods[i];
         if (pMod != nullptr) {
             visit(pMod);
         }
@@ -117,7 +117,7 @@ eErrorT ModDump(ModT* pMod, int) {
 }
 
 void ModDumpAll() {
-    printf("%d modules\n", numMods.load(std::memory_order_relaxed));
+    printf("%d modules\n", numMods.load());
     ModDumpHeading();
     ForEachModule(0, kModMaxModules, [](ModT* pMod) { FieldRead(pMod->Dump)(pMod, 0); });
 }
@@ -166,8 +166,8 @@ void ModDumpDeferredFuncList() {
     ShownCallT calls[kModNumDeferredFuncs];
     DFStatsT stats[kModNumDFStats];
     const int count = CopyPending(calls, stats);
-    printf("DFC List %d entries, max %d (current task %4.4s)\n", count,
-           DFCListMax.load(std::memory_order_relaxed), TaskNameT(0).Text());
+    printf("DFC List %d entries, max %d (current task %4.4s)\n", count, DFCListMax.load(),
+           TaskNameT(0).Text());
     DumpStats(stats);
     UInt32 previous = 0;
     for (int i = 0; i < count; i++) {

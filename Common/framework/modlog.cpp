@@ -34,16 +34,15 @@ bool LetThrough(const ModT* pMod) {
     if (pMod == nullptr || pMod->initializedSig != kModSignature) {
         return false;
     }
-    if (NumTraceFilters.load(std::memory_order_relaxed) == 0) {
+    if (NumTraceFilters == 0) {
         return true;
     }
-    const NoCancelT no_cancel;
     const MutexGuardT guard(&gFilterMutex);
     return pMod->name[0] != '\0' && FindFilter(pMod->name) >= 0;
 }
 
 void MakeLabel(const ModT* pMod, char* label) {
-    const ModT* owner = pMod->pOwner;
+    const ModT* owner = FieldRead(pMod->pOwner);
     if ((FieldRead(pMod->flags) & kModFlagLogOwner) != 0 && owner != nullptr) {
         snprintf(label, kLabelSize, "%s[%d].%s[%d]", owner->name, owner->instance, pMod->name,
                  pMod->instance);
@@ -100,12 +99,11 @@ eErrorT ModTraceFilterAdd(const char* pName) {
         return kBadParameter;
     }
     {
-        const NoCancelT no_cancel;
         const MutexGuardT guard(&gFilterMutex);
         const int index = FindFilter("");
         if (index >= 0) {
             memcpy(traceFilters[index], pName, strnlen(pName, kModTraceFilterLen));
-            NumTraceFilters.fetch_add(1, std::memory_order_relaxed);
+            NumTraceFilters++;
             return kNoError;
         }
     }
@@ -116,17 +114,16 @@ eErrorT ModTraceFilterAdd(const char* pName) {
 eErrorT ModTraceFilterDelete(const char* pName) {
     ModAssert(pName);
     {
-        const NoCancelT no_cancel;
         const MutexGuardT guard(&gFilterMutex);
         if (strcmp(pName, "*") == 0) {
             memset(traceFilters, 0, sizeof(traceFilters));
-            NumTraceFilters.store(0, std::memory_order_relaxed);
+            NumTraceFilters = 0;
             return kNoError;
         }
         const int index = *pName != '\0' ? FindFilter(pName) : -1;
         if (index >= 0) {
             memset(traceFilters[index], 0, sizeof(traceFilters[index]));
-            NumTraceFilters.fetch_sub(1, std::memory_order_relaxed);
+            NumTraceFilters--;
             return kNoError;
         }
     }

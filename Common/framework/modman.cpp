@@ -104,22 +104,6 @@ bool IsFree(const ModT* pMod) {
     return (FieldRead(pMod->flags) & kModFlagAllocated) == 0;
 }
 
-// An instance of the type that was given back, zeroed; null if there is none. The semaphore is
-// held.
-ModT* ReuseInstance(ModDBEntryT* entry) {
-    for (ModT* pMod : gModMan.pModInstance) {
-        if (IsOfType(pMod, entry) && IsFree(pMod)) {
-            if ((FieldRead(pMod->flags) & kModFlagRegistered) != 0) {
-                ModExit(pMod);
-            }
-            memset(static_cast<void*>(pMod), 0, entry->instanceSize);
-            NameInstance(pMod, entry);
-            return pMod;
-        }
-    }
-    return nullptr;
-}
-
 bool HasRegistered(const ModT* pMod) {
     return (FieldRead(pMod->flags) & kModFlagRegistered) != 0;
 }
@@ -177,18 +161,19 @@ eErrorT RegisterFunctions(ModT* pMod) {
     return result;
 }
 
-// Takes the place of a remote module free and copies the module's name; false at the end.
-bool TakeRemote(int nProcNum, char* name) {
+// Frees the first place from `from` on of a module of that processor and copies the module's name.
+// Returns the place, -1 at the end.
+int TakeRemote(int nProcNum, int from, char* name) {
     const SemGuardT lock(gModMan.dbSemaphore);
-    for (int i = 0; i < kModMaxInstances; i++) {
+    for (int i = from; i < kModMaxInstances; i++) {
         if (gModMan.pRemModInst[i] != nullptr && gModMan.nRemModProcNum[i] == nProcNum) {
             CopyName(name, gModMan.pRemModInst[i]->name);
             gModMan.pRemModInst[i] = nullptr;
             gModMan.nRemModProcNum[i] = kNoProcessor;
-            return true;
+            return i;
         }
     }
-    return false;
+    return -1;
 }
 
 bool StoreRemote(ModT* pMod, int nProcNum) {
@@ -276,6 +261,11 @@ eErrorT ModDBDelete(ModDBEntryT*) {
 ModDBEntryT* ModDBAdd(const char* pName, UInt32 instanceSize, InitFuncPtrT pInitFunc,
                       const ProxyFuncTableT* pPFT) {
     OsAssert(pName);
+    if (*pName == '\0' || instanceSize < sizeof(ModT)) {
+        logwarn("MODMAN", "ModDBAdd: can't add module:%s, no name or %d bytes\n", pName,
+                static_cast<int>(instanceSize));
+        return nullptr;
+    }
     ModDBEntryT* known;
     ModDBEntryT* added = nullptr;
     {
@@ -308,19 +298,21 @@ ModT* ModCloneLocal(const char* pName) {
     OsAssert(pName);
     ModDBEntryT* entry;
     ModT* pMod = nullptr;
+    bool small = false;
     {
         const SemGuardT lock(gModMan.dbSemaphore);
         entry = Find(pName);
         if (entry != nullptr) {
             SetUpHash(entry);
-            pMod = NewInstance(entry);
-            if (pMod == nullptr) {
-                pMod = ReuseInstance(entry);
-            }
+            small = entry->instanceSize < sizeof(ModT);
+            pMod = small ? nullptr : NewInstance(entry);
         }
     }
     if (entry == nullptr) {
         logcrit("MODMAN", "ModCloneLocal: can't allocate module:%s, not in database\n", pName);
+    } else if (small) {
+        logcrit("MODMAN", "ModCloneLocal: can't allocate module:%s, %d bytes hold no module\n",
+                pName, static_cast<int>(entry->instanceSize));
     } else if (pMod == nullptr) {
         logcrit("MODMAN", "ModCloneLocal: ERROR, can't allocate module \"%s\", table is full\n",
                 pName);
@@ -405,7 +397,8 @@ eErrorT ModDeleteFromRemote(int nProcNum) {
         return kBadParameter;
     }
     char name[kModNameLen + 1];
-    while (TakeRemote(nProcNum, name)) {
+    // Upwards only, so that it ends even if a listener brings modules back.
+    for (int at = 0; (at = TakeRemote(nProcNum, at, name)) >= 0; at++) {
         Announce(0, name);
     }
     return kNoError;

@@ -65,7 +65,8 @@ eErrorT ModDBAddTable(ModDBEntryT* pTable, int numEntries);
 eErrorT ModDBDelete(ModDBEntryT* pEntry);
 
 // Adds a type and announces it. Returns its entry, the existing one for a name that is known
-// (without regard to case), or null when the ten entries are used.
+// (without regard to case), or null when the ten entries are used, the name is empty or the size
+// less than a ModT's.
 ModDBEntryT* ModDBAdd(const char* pName, UInt32 instanceSize, InitFuncPtrT pInitFunc,
                       const ProxyFuncTableT* pPFT);
 
@@ -73,8 +74,8 @@ ModDBEntryT* ModDBAdd(const char* pName, UInt32 instanceSize, InitFuncPtrT pInit
 ModDBEntryT* ModDBFind(ModDBEntryT* pStartEntry, const char* pName);
 
 // Allocates a zeroed instance of a type, named after it; ModClone initialises it. The manager owns
-// it: give it back with ModFreeLocal. Null for an unknown type and when the 1024 places or the
-// memory are used up.
+// it: give it back with ModFreeLocal. Null for an unknown type, one whose size is less than a
+// ModT's, and when the 1024 places or the memory are used up.
 ModT* ModCloneLocal(const char* pName);
 
 // Initialises a module, whose name is that of its type, on a processor. On this one: runs the
@@ -83,8 +84,8 @@ ModT* ModCloneLocal(const char* pName);
 // kBadParameter for an unknown type or processor; kNotImplemented for a type without function.
 eErrorT ModClone(ModT* pMod, UInt32 procNum);
 
-// Gives an instance back: its callbacks go, its record stays in its place. A place is used again
-// only when no untouched one is left. kNoError, or kItemNotFound for a module not allocated here.
+// Gives an instance back: its callbacks go, its record stays in its place until the manager ends,
+// for those who still know it. kNoError, or kItemNotFound for a module not allocated here.
 eErrorT ModFreeLocal(ModT* pMod);
 
 // Frees the module's peer, where it has one. kNoError, or the error of freeing.
@@ -98,7 +99,8 @@ eErrorT ModFreeAllOnDev(UInt32 devID);
 // kOutOfResources when the table is full.
 eErrorT ModAddFromRemote(const char* pModName, int nProcNum);
 
-// A processor went: announces the end of its modules and forgets them. kNoError, or kBadParameter
+// A processor went: announces the end of its modules and forgets them. What a listener adds again
+// meanwhile may stay. kNoError, or kBadParameter
 // for processor 0.
 eErrorT ModDeleteFromRemote(int nProcNum);
 

@@ -23,3 +23,7 @@ class MsgNestingT {
 
 // Whether an alias or a script may begin here; prints that it may not.
 bool MsgMayNest(const char* what, const char* name);
+
+// Whether a command that the calling task sends may take a call block. Where a script runs it waits
+// until the pool has some to spare, see msgscript.cpp; false when none come back.
+bool MsgScriptMayCall();

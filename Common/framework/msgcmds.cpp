@@ -113,13 +113,13 @@ eErrorT AliasCmd(int argc, char** argv, char*) {
     return err;
 }
 
-// Copies the name of the command that follows `name` in the table; false at the end. The table may
-// change between two calls.
+// Copies the name of the command that follows `name` in the table, over the length of a line; false
+// at the end. The table may change between two calls.
 bool NextName(char* name) {
     const InterruptsOffT lock;
     for (ListT* at = gCmdTable; at != nullptr; at = ListNextElement(gCmdTable, at)) {
         const char* found = reinterpret_cast<CmdEntryT*>(at)->name;
-        if (strcasecmp(found, name) > 0) {
+        if (strncasecmp(found, name, kMsgMaxLen) > 0) {
             snprintf(name, kMsgMaxLen + 1, "%s", found);
             return true;
         }

@@ -1,8 +1,9 @@
 // Scripts: files of command lines.
 //
-// Every line that is no alias becomes a deferred call, and a script may well be longer than the
-// pool, or run in the very task that its commands belong to. So a script that finds the pool low
-// first serves its own task's calls, or waits for the other tasks to serve theirs.
+// A command of another time and place becomes a deferred call, and a script may well be longer than
+// the pool, or run in the very task that its commands belong to. So where a script finds less than
+// half of the pool free it first serves its own task's calls, which may be scripts in turn, and
+// waits for the other tasks only when little is left.
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,10 +15,24 @@
 
 namespace {
 
-constexpr int kReserve = kModNumDeferredFuncs / 2;  // call blocks that scripts leave to others
-constexpr int kPatience = 500;                      // ticks that a script waits for a block
+constexpr int kPlenty = kModNumDeferredFuncs / 2;  // free call blocks that scripts take from
+constexpr int kReserve = 64;    // those that they leave to others: no pool is low by a script
+constexpr int kPatience = 500;  // ticks that a script waits for a block
 
-thread_local bool gServingCalls;  // a script of this task is serving calls already
+thread_local int gScripts;  // scripts of the calling task that have begun and not ended
+thread_local int gServing;  // of them those that are serving calls
+
+// One more of a number for a scope.
+class OneMoreT {
+  public:
+    explicit OneMoreT(int* number) : number_(number) { ++*number_; }
+    ~OneMoreT() { --*number_; }
+    OneMoreT(const OneMoreT&) = delete;
+    OneMoreT& operator=(const OneMoreT&) = delete;
+
+  private:
+    int* number_;
+};
 
 class FileT {
   public:
@@ -35,37 +50,13 @@ class FileT {
     FILE* file_;
 };
 
+// Runs the calling task's pending calls. How deep that nests is bounded as scripts themselves are.
 int ServeOwnCalls() {
-    class ServingT {
-      public:
-        ServingT() { gServingCalls = true; }
-        ~ServingT() { gServingCalls = false; }
-        ServingT(const ServingT&) = delete;
-        ServingT& operator=(const ServingT&) = delete;
-    };
-    if (gServingCalls) {
+    if (gServing > kMsgMaxDepth) {
         return 0;
     }
-    const ServingT serving;
+    const OneMoreT serving(&gServing);
     return ModProcessDeferredFunctions();
-}
-
-// Waits until the pool has blocks to spare; false when none come back.
-bool WaitForBlocks() {
-    int waited = 0;
-    while (gFreeDeferredFuncsAvailable.load(std::memory_order_relaxed) < kReserve) {
-        if (ServeOwnCalls() > 0) {
-            continue;
-        }
-        // A script within a script of this task cannot serve, and its calls may be all that is
-        // pending: it gives up sooner.
-        waited += gServingCalls ? kPatience / 10 : 1;
-        if (waited > kPatience) {
-            return false;
-        }
-        tm_wkafter(1);
-    }
-    return true;
 }
 
 // Reads a line without its line feed. Returns its length, cut at `size` - 1; -1 at the end of the
@@ -87,6 +78,23 @@ int ReadLine(FILE* file, char* line, int size) {
 
 }  // namespace
 
+bool MsgScriptMayCall() {
+    int waited = 0;
+    while (gScripts > 0 && gFreeDeferredFuncsAvailable < kPlenty) {
+        if (ServeOwnCalls() > 0) {
+            continue;
+        }
+        if (gFreeDeferredFuncsAvailable >= kReserve) {
+            break;
+        }
+        if (++waited > kPatience) {
+            return false;
+        }
+        tm_wkafter(1);
+    }
+    return true;
+}
+
 eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* userDefined) {
     OsAssert(pFileName);
     if (!MsgMayNest("script", pFileName)) {
@@ -102,6 +110,7 @@ eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* u
     }
     printf("Executing \"%s\" script\n", pFileName);
     const MsgNestingT nesting(MsgNesting() + 1);
+    const OneMoreT running(&gScripts);
     char line[kMsgMaxLen + 2];  // one more than a line may have, to see that one is too long
     for (int length; (length = ReadLine(file.Get(), line, sizeof(line))) >= 0;) {
         puts(line);
@@ -109,12 +118,10 @@ eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* u
             printf("ERROR, line over %d characters left out\n", kMsgMaxLen);
             continue;
         }
-        if (gFreeDeferredFuncsAvailable.load(std::memory_order_relaxed) < kReserve &&
-            !WaitForBlocks()) {
+        if (MsgSendCmd(line, pNotifyFunc, userDefined) == kOutOfResources) {
             printf("ERROR, script \"%s\" stopped: its commands are not served\n", pFileName);
             return kOutOfResources;
         }
-        MsgSendCmd(line, pNotifyFunc, userDefined);
     }
     return kNoError;
 }

@@ -16,10 +16,6 @@ namespace {
 
 std::atomic<const ProxyTransportT*> gTransport{nullptr};
 
-const ProxyTransportT* Transport() {
-    return gTransport.load(std::memory_order_acquire);
-}
-
 // The integer that a reply holds; false when it holds anything else.
 bool ParseReply(const char* pText, int* result) {
     int end = 0;
@@ -29,17 +25,17 @@ bool ParseReply(const char* pText, int* result) {
 }  // namespace
 
 void ProxySetTransport(const ProxyTransportT* pTransport) {
-    gTransport.store(pTransport, std::memory_order_release);
+    gTransport = pTransport;
 }
 
 UInt32 ProxyProcessorNum() {
-    const ProxyTransportT* transport = Transport();
+    const ProxyTransportT* transport = gTransport;
     return transport != nullptr ? FieldRead(transport->processorNum) : GetProcessorNum();
 }
 
 eErrorT ProxyAllocMod(ModT* pMod, UInt32 procNum) {
     OsAssert(pMod);
-    const ProxyTransportT* transport = Transport();
+    const ProxyTransportT* transport = gTransport;
     if (transport == nullptr || procNum >= GetNumProcessors()) {
         return kBadParameter;
     }
@@ -55,7 +51,7 @@ eErrorT ProxyFreeMod(ModT* pMod) {
     if (pMod->proxy.remHandle == pMod) {
         err = ModFreeLocal(pMod);
     } else {
-        const ProxyTransportT* transport = Transport();
+        const ProxyTransportT* transport = gTransport;
         err = transport != nullptr ? transport->FreeMod(pMod) : kBadParameter;
     }
     pMod->proxy.remHandle = nullptr;
@@ -66,7 +62,7 @@ eErrorT ProxyCall(ModT* pMod, const char* pName, const char* format, ...) {
     OsAssert(pMod);
     OsAssert(pName);
     OsAssert(format);
-    const ProxyTransportT* transport = Transport();
+    const ProxyTransportT* transport = gTransport;
     if (transport == nullptr) {
         return kNotImplemented;
     }
@@ -105,7 +101,7 @@ int ProxyServe(ModT* pMod, const char* pName, char* pText) {
 
 Boolean ProxyUsesDevice(ModT* pMod, UInt32 devID) {
     OsAssert(pMod);
-    const ProxyTransportT* transport = Transport();
+    const ProxyTransportT* transport = gTransport;
     if (transport == nullptr || transport->UsesDevice == nullptr) {
         return 0;
     }

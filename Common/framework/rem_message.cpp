@@ -152,11 +152,11 @@ bool IsRegistered(RemMsgT* pRemMsg) {
 }
 
 eErrorT SendToMaster(const char* pCmdString, NotifyFuncT pNotifyFunc, void* userDefined) {
-    RemMsgT* master = gpSlaveRemMsg.load(std::memory_order_acquire);
+    RemMsgT* master = gpSlaveRemMsg;
     while (!IsRegistered(master)) {
         puts("Waiting for master processor to open up message path");
         tm_wkafter(kWaitForMaster);
-        master = gpSlaveRemMsg.load(std::memory_order_acquire);
+        master = gpSlaveRemMsg;
     }
     return master->SendCmd(master, pCmdString, pNotifyFunc, userDefined);
 }
@@ -168,7 +168,7 @@ eErrorT RemMsgInit() {
         return kSemUnavail;
     }
     for (std::atomic<int>& enabled : CommandSendProcs) {
-        enabled.store(1, std::memory_order_relaxed);
+        enabled = 1;
     }
     if (ModDBAdd("remmsg", sizeof(RemMsgT), RemMsgModInit, kRemMsgFuncs) == nullptr) {
         return kOutOfMemory;
@@ -196,7 +196,7 @@ eErrorT RemMsgModInit(ModT* pMod, const char* pName, int instance, void* pOwner)
     if (ProxyProcessorNum() == 0) {
         return RegisterServers(pMod);
     }
-    gpSlaveRemMsg.store(pRemMsg, std::memory_order_release);
+    gpSlaveRemMsg = pRemMsg;
     return kNoError;
 }
 
@@ -220,12 +220,12 @@ eErrorT RemMsgSetEnable(UInt32 proc, int enable) {
     if (proc >= ProcessorCount()) {
         return kBadParameter;
     }
-    CommandSendProcs[proc].store(enable, std::memory_order_relaxed);
+    CommandSendProcs[proc] = enable;
     return kNoError;
 }
 
 int RemMsgGetEnable(UInt32 proc) {
-    return proc < ProcessorCount() ? CommandSendProcs[proc].load(std::memory_order_relaxed) : 0;
+    return proc < ProcessorCount() ? CommandSendProcs[proc].load() : 0;
 }
 
 int SendCommandToProc(UInt32 proc) {

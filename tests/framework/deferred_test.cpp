@@ -1,6 +1,8 @@
 // Deferred function calls and callbacks: order, pools, and what happens when tasks go.
 #include <string.h>
 
+#include <random>
+
 #include "Common/framework/timer.h"
 #include "tests/framework/module_task.h"
 
@@ -43,6 +45,171 @@ UInt32 DeafTask() {
     return Spawn("deaf", [] { tm_wkafter(1000000); });
 }
 
+struct CallT {
+    int function;  // negative: taken back
+    int user;
+    int number;
+    bool operator==(const CallT&) const = default;
+};
+
+template <int kFunction>
+void Told(void* user, void* pArgs);
+constexpr DeferredFuncPtrT kFunctions[] = {Told<0>, Told<1>};
+int gUsers[4];
+
+// Two tasks, this one and one that never runs and is made anew now and then, and what waits for
+// them. Served calls tell the model, which queues and takes back from within them too.
+class ModelT {
+  public:
+    void Step(std::minstd_rand& random) {
+        const auto operation = random() % 16;
+        const int function = static_cast<int>(random() % 2);
+        const int user = static_cast<int>(random() % 4);
+        if (operation < 9) {
+            if (InUse() < 300) {
+                Queue(random() % 4 == 0, function, user);
+            }
+        } else if (operation < 11) {
+            TakeBack(function, user);
+        } else if (operation == 11) {
+            Serve(-1, 0);
+        } else if (operation < 14) {
+            Serve(user, static_cast<int>(random() % 5));
+        } else if (operation == 14 && lost_.size() < 50) {
+            lost_.insert(lost_.end(), pending_[1].begin(), pending_[1].end());
+            pending_[1].clear();
+            t_delete(idle_);
+            idle_ = Make();
+        }
+        Check();
+    }
+
+    // A call runs: it is the next; some bring others, some take others back.
+    void Run(int function, int user, int number) {
+        while (!work_.empty() && work_.front().function < 0) {
+            work_.pop_front();
+        }
+        ASSERT_FALSE(work_.empty());
+        ASSERT_EQ(work_.front(), (CallT{function, user, number}));
+        work_.pop_front();
+        running_ = {function, user, number};
+        if (number % 5 == 0) {
+            Queue(false, function, (user + 1) % 4);
+        } else if (number % 7 == 0) {
+            TakeBack(1 - function, user);
+        }
+        running_.function = -1;
+    }
+
+    void End() {
+        Serve(-1, 0);
+        Serve(-1, 0);
+        t_delete(idle_);
+        const auto lost = static_cast<int>(lost_.size() + pending_[1].size());
+        UInt32 deaf = DeafTask();  // a pool that runs low takes back what no task serves
+        Fill(deaf, gFreeDeferredFuncsAvailable - 47);
+        EXPECT_EQ(gFreeDeferredFuncsAvailable, 47 + lost);
+        t_delete(deaf);
+    }
+
+  private:
+    static UInt32 Make() {
+        UInt32 id = 0;
+        t_create("idle", 0, 0, 0, 0, &id);
+        return id;
+    }
+
+    void Queue(bool idle, int function, int user) {
+        char args[kModMaxArgs] = {};
+        memcpy(args + sizeof(args) - sizeof(number_), &++number_, sizeof(number_));
+        EXPECT_EQ(ModDeferFunctionCall(idle ? idle_ : 0, kFunctions[function], &gUsers[user], args,
+                                       sizeof(args)),
+                  kNoError);
+        pending_[idle].push_back({function, user, number_});
+        most_ = std::max(most_, InUse());
+    }
+
+    void TakeBack(int function, int user) {
+        int count = 0;
+        for (auto* list : {&pending_[0], &pending_[1], &lost_, &work_}) {
+            for (auto at = list->begin(); at != list->end();) {
+                const bool match = at->function == function && at->user == user;
+                count += match;
+                if (match && list == &work_) {
+                    at->function = -1;  // its block goes when its turn comes
+                }
+                at = match && list != &work_ ? list->erase(at) : at + 1;
+            }
+        }
+        EXPECT_EQ(ModCancelDeferredFunctions(kFunctions[function], &gUsers[user]), count);
+    }
+
+    // Serves the calls with that user data (negative: all) up to a number of calls looked at.
+    void Serve(int user, int limit) {
+        static int looked;
+        looked = 0;
+        work_.clear();
+        for (auto at = pending_[0].begin(); at != pending_[0].end();) {
+            const bool take = user < 0 || at->user == user;
+            if (take) {
+                work_.push_back(*at);
+            }
+            at = take ? pending_[0].erase(at) : at + 1;
+            if (user >= 0 && ++looked > limit) {
+                break;
+            }
+        }
+        looked = 0;
+        const auto compare = [](ListT* at, void* wanted, void* most) -> int {
+            const void* data = reinterpret_cast<ModDeferredFuncT*>(at)->userDefined;
+            return (++looked > *static_cast<int*>(most) ? kModSearchStop : 0) |
+                   (data == wanted ? kModSearchTake : 0);
+        };
+        const int count = static_cast<int>(work_.size());
+        EXPECT_EQ(user < 0 ? ModProcessDeferredFunctions()
+                           : ModSearchDeferredFunction(compare, &gUsers[user], &limit),
+                  count);
+        work_.clear();
+    }
+
+    int InUse() const {
+        const auto waiting = pending_[0].size() + pending_[1].size() + lost_.size() + work_.size();
+        return static_cast<int>(waiting) + (running_.function >= 0);
+    }
+
+    void Check() const {
+        const auto is = [](const CallT& call) { return call.function == 1 && call.user == 2; };
+        ASSERT_EQ(gFreeDeferredFuncsAvailable, kModNumDeferredFuncs - InUse());
+        ASSERT_EQ(ModCountDeferredFunctions(kFunctions[1], &gUsers[2]),
+                  std::ranges::count_if(pending_[0], is) + std::ranges::count_if(pending_[1], is) +
+                      std::ranges::count_if(lost_, is));
+        ASSERT_EQ(DFCListMax, most_);
+        for (const DFStatsT& stats : DFStats) {
+            if (stats.taskID == ModSelf()) {
+                ASSERT_EQ(stats.queued, pending_[0].size());
+                ASSERT_TRUE(!pending_[0].empty() || stats.eventTime == 0);
+            }
+        }
+    }
+
+    std::deque<CallT> pending_[2];
+    std::deque<CallT> lost_;  // of tasks that went without serving them
+    std::deque<CallT> work_;
+    CallT running_ = {-1, 0, 0};
+    UInt32 idle_ = Make();
+    int number_ = 0;
+    int most_ = 0;
+};
+
+ModelT& gModel = *new ModelT;
+
+template <int kFunction>
+void Told(void* user, void* pArgs) {
+    int number;
+    memcpy(&number, static_cast<char*>(pArgs) + kModMaxArgs - sizeof(number), sizeof(number));
+    gModel.Run(kFunction, static_cast<int>(static_cast<int*>(user) - gUsers), number);
+}
+
 class Deferred : public TaskTest {
   protected:
     Deferred() { ModInit(&gMod, "firer", 0, nullptr); }
@@ -74,20 +241,18 @@ TEST_F(Deferred, EventsAreServedTimersFirstThenCallbacksThenCalls) {
     TimerExit(&timer);
 }
 
-TEST_F(Deferred, ACallQueuedByAHandlerIsServedInTheNextPass) {
-    static DeferredFuncPtrT again;
-    again = [](void*, void* pArgs) {
-        int* left = static_cast<int*>(pArgs);
-        if (--*left > 0) {
-            ModDeferFunctionCall(0, again, nullptr, left, sizeof(*left));
-        }
-    };
-    int count = 3;
-    ModDeferFunctionCall(0, again, nullptr, &count, sizeof(count));
-    for (const int served : {1, 1, 1, 0}) {
-        EXPECT_EQ(ModProcessDeferredFunctions(), served);
+// Calls with data of their own do more when they run: see ModelT::Run.
+TEST_F(Deferred, AnyOrderOfQueueingServingAndTakingBackRunsWhatIsLeftInOrder) {
+    gModStatsAfter = 0;
+    ASSERT_TRUE(Eventually([] { return RealTimeMilliSeconds() > 0; }));
+    std::minstd_rand random(1);
+    for (int step = 0; step < 20000 && !HasFailure(); step++) {
+        SCOPED_TRACE(step);
+        gModel.Step(random);
     }
-    EXPECT_EQ(count, 3);  // the handlers worked on copies
+    if (!HasFailure()) {
+        gModel.End();
+    }
 }
 
 TEST_F(Deferred, CallsToTasksThatDoNotExistTakeNoBlock) {
@@ -145,9 +310,11 @@ TEST_F(DeferredDeathTest, AnExhaustedPoolWaitsReportsAndEndsTheProgram) {
                            "[0-9]+mS\n(.|\n)*failed: pDeferredCallback,"}});
 }
 
+// What waits when a task is cut off in a call or a callback still runs, whoever ends the task.
 TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
-    static std::atomic<bool> stuck;
+    static std::atomic<int> stage;  // 1: in the one that is cut off, 2: it may go on
     static std::atomic<int> refused;
+    static bool by_itself;
     static DeferredFuncPtrT for_ever;
     for_ever = [](void*, void*) {
         t_delete(0);  // a task that is ending goes on ending
@@ -155,13 +322,17 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
     };
     static const DeferredFuncPtrT work = [](void*, void* pArgs) {
         Trace(nullptr, pArgs);
-        while (gTrace.back() == "cut") {
-            stuck = true;
-            tm_wkafter(100);
+        if (gTrace.back() == "cut") {
+            for (stage = 1; stage == 1 || !by_itself;) {
+                tm_wkafter(1);
+            }
+            t_delete(0);
         }
     };
     const auto callback = [](ModT*, UInt32, void*, void* pArgs) { work(nullptr, pArgs); };
-    for (const bool in_callback : {false, true}) {
+    for (const int variant : {0, 1, 2, 3}) {
+        const bool in_callback = variant % 2 != 0;
+        by_itself = variant >= 2;
         ModuleTask task("cut ");
         ModAddCallbackToTask(&gMod, 1, callback, nullptr, kModCallbackDeferred, task.Id());
         const auto queue = [&](bool as_callback, const char* text) {
@@ -174,14 +345,17 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
             queue(in_callback, text);
         }
         task.Release();
-        ASSERT_TRUE(Eventually([] { return stuck.exchange(false); }));
+        ASSERT_TRUE(Eventually([] { return stage == 1; }));
         queue(false, "call");
         Queue(task.Id(), for_ever, "");
         queue(true, "callback");
+        stage = 2;
+        ASSERT_TRUE(!by_itself || Eventually([&] { return t_exists(task.Id()) == 0; }));
         task.Delete();
         EXPECT_EQ(gTrace, in_callback ? (TextsT{"cut", "1", "2", "callback", "call"})
                                       : (TextsT{"cut", "callback", "1", "2", "call"}));
         EXPECT_EQ(refused.exchange(0), 1);
+        EXPECT_EQ(ModCountDeferredCallbacks(&gMod), 0);
         EXPECT_TRUE(PoolsAreFull());
         gTrace.clear();
         ModDeleteAllCallbacks(&gMod);

@@ -31,22 +31,3 @@ TEST(Ending, ATimerStartedByATasksLastCallsDoesNotOutliveTheTask) {
     TimerExit(&gTimer);
     TimerExit(&keeps_the_timer_task);
 }
-
-TEST(Ending, CallsThatAreTakenBackAreNoLongerCountedAsQueued) {
-    Attach();
-    ModSetUp();
-    gModStatsAfter = 0;
-    ASSERT_TRUE(Eventually([] { return RealTimeMilliSeconds() > 0; }));
-    UInt32 idle;
-    ASSERT_EQ(t_create("idle", 0, 0, 0, 0, &idle), kTaskOk);
-    const auto call = [](void*, void*) {};
-    ModDeferFunctionCall(idle, call, nullptr, nullptr, 0);
-    ModDeferFunctionCall(idle, call, &gTimer, nullptr, 0);
-    ASSERT_EQ(DFStats[0].queued, 2U);
-    EXPECT_EQ(ModCancelDeferredFunctions(call, &gTimer), 1);
-    EXPECT_EQ(DFStats[0].queued, 1U);
-    EXPECT_EQ(ModCancelDeferredFunctions(call, nullptr), 1);
-    EXPECT_EQ(DFStats[0].queued, 0U);
-    EXPECT_EQ(DFStats[0].eventTime, 0U);
-    t_delete(idle);
-}

@@ -22,6 +22,7 @@ void ExpectSame(ListT* head, const std::deque<ListT*>& model) {
     ASSERT_EQ(forward, model);
     ASSERT_EQ(backward, model);
     ASSERT_EQ(ListLen(&head), static_cast<int>(model.size()));
+    ASSERT_EQ(ListIsEmpty(&head), model.empty() ? 1 : 0);
 }
 
 }  // namespace
@@ -37,7 +38,10 @@ TEST(List, AnyOrderOfOperationsKeepsTheRingAndTheOrder) {
         auto at = std::find(model.begin(), model.end(), element);
         const bool absent = at == model.end();
         ASSERT_EQ(ListSearch(head, is, element, nullptr), absent ? nullptr : element);
-        ListT* other = model.empty() ? nullptr : model[random() % model.size()];
+        // Beside which it goes; nowhere for none, unless the list is empty.
+        ListT* other =
+            model.empty() || random() % 8 == 0 ? nullptr : model[random() % model.size()];
+        const bool nowhere = other == nullptr && !model.empty();
         const auto place = std::find(model.begin(), model.end(), other);
         const auto operation = random() % 7;
         if (operation == 0) {
@@ -54,6 +58,7 @@ TEST(List, AnyOrderOfOperationsKeepsTheRingAndTheOrder) {
             at = model.erase(at);
             ListT* next = ListExtract(&head, element);
             ASSERT_EQ(next, at == model.end() ? head : *at);
+            ASSERT_TRUE(element->next == element && element->prev == element);
         } else if (operation == 3) {
             ListPush(&head, element);
             model.push_front(element);
@@ -62,11 +67,12 @@ TEST(List, AnyOrderOfOperationsKeepsTheRingAndTheOrder) {
             model.push_back(element);
         } else if (operation == 5) {
             ListInsertAfter(&head, other, element);
-            model.insert(other == nullptr ? place : place + 1, element);
+            model.insert(other == nullptr ? place : place + 1, nowhere ? 0 : 1, element);
         } else {
             ListInsertBefore(&head, other, element);
-            model.insert(place, element);
+            model.insert(place, nowhere ? 0 : 1, element);
         }
+        ListPush(&head, random() % 2 == 0 ? ListDequeue(&head) : nullptr);
         ExpectSame(head, model);
     }
 }
@@ -77,10 +83,16 @@ TEST(ListDeathTest, AnElementOfAnotherListEndsTheProgramAndIsNamed) {
     ListT* elsewhere = nullptr;
     ListEnqueue(&elsewhere, &busy[0]);
     ListEnqueue(&elsewhere, &busy[1]);
-    const auto enqueue = [] { ListEnqueue(&head, busy); };
-    ExpectDeaths("list,.*List", {{enqueue,
-                                  "LIST: InsertAfter: element 0x[0-9a-f]+ already on another list! "
-                                  "\\(next 0x[0-9a-f]+ prev 0x[0-9a-f]+\\)\n(.|\n)* 0,"}});
+    ExpectDeaths("list,.*List",
+                 {{[] { ListEnqueue(&head, busy); },
+                   "LIST: InsertAfter: element 0x[0-9a-f]+ already on another list! "
+                   "\\(next 0x[0-9a-f]+ prev 0x[0-9a-f]+\\)\n(.|\n)* 0,"},
+                  {[] { ListPush(&head, busy); },
+                   "LIST: InsertBefore: element already on another list!\n(.|\n)* 0,"},
+                  {[] { ListEnqueueIfAbsent(&head, nullptr); }, "pElem"},
+                  {[] { ListExtractIfPresent(&head, nullptr); }, "pElem"},
+                  {[] { ListDequeue(nullptr); }, "ppList"},
+                  {[] { ListSearch(busy, nullptr, nullptr, nullptr); }, "pCompare"}});
 }
 
 TEST(List, ProtectedFormsLoseNothingBetweenThreads) {

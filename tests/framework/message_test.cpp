@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include "tests/framework/commands.h"
@@ -85,25 +86,138 @@ TEST_F(Message, LinesAreSplitIntoWords) {
     EXPECT_EQ(MsgSendCmd(("words x" + fits).c_str(), Notify, nullptr), kBadParameter);
 }
 
-TEST_F(Message, AbbreviationsFindTheFirstNameThatTheyBegin) {
-    const std::string list =
-        "Main commands:\n"
-        "?               a name over sixtalias           count           \n"
-        "help            script          shellHelp       sync            \n"
-        "Two             words           \nmsgn: no error, ";
-    MsgAddCmd(&gLong);
-    for (const char* line : {"he", "H", "", "   ", "# comment"}) {
-        EXPECT_EQ(Send(line), list) << line;
+// The table is shown sorted, four names to a line, and a word stands for the first name that it
+// begins, in any case.
+TEST_F(Message, AnyOrderOfAddingAndRemovingKeepsTheTableSorted) {
+    static constexpr const char* kNames[] = {"a",    "he",   "HELP", "hel", "helper",
+                                             "scri", "two4", "Zz",   "z",   "an"};
+    struct LessT {
+        bool operator()(const std::string& a, const std::string& b) const {
+            return strcasecmp(a.c_str(), b.c_str()) < 0;
+        }
+    };
+    std::map<std::string, CmdEntryT*, LessT> model;
+    for (const char* name :
+         {"alias", "help", "?", "shellHelp", "words", "Two", "count", "sync", "script"}) {
+        model[name] = nullptr;
     }
-    EXPECT_EQ(Send("help al"), "alias <name> <cmd>\nmsgn: no error, ");
-    EXPECT_EQ(Send("help zz"), "msgn: item not found, ");
-    CmdEntryT help = {{}, "HELP", WordsCmd, 1, nullptr, 0, 0};
-    EXPECT_EQ(MsgAddCmd(&help), kAlreadyExists);
-    MsgAddCmd(&gHe);
-    EXPECT_EQ(Send("h x"), "msgn: no error, x|");
-    EXPECT_EQ(MsgDeleteCmd(&gHe), kNoError);
-    EXPECT_EQ(MsgDeleteCmd(&gHe), kItemNotFound);
-    EXPECT_EQ(Send("h"), list);
+    const std::string too_long(600, 'l');
+    CmdEntryT long_name = {{}, too_long.c_str(), CountCmd, 1, nullptr, 0, 0};
+    EXPECT_EQ(MsgAddCmd(&long_name), kNoError);
+    model[too_long] = &long_name;
+    std::deque<CmdEntryT> entries;
+    std::minstd_rand random(1);
+    for (int step = 0; step < 2000; step++) {
+        const char* name = kNames[random() % 10];
+        const auto at = model.find(name);
+        if (random() % 2 == 0) {
+            entries.push_back({{}, name, CountCmd, 1, nullptr, kMsgCmdSync, 0});
+            ASSERT_EQ(MsgAddCmd(&entries.back()), at == model.end() ? kNoError : kAlreadyExists);
+            model.emplace(name, &entries.back());
+        } else if (at != model.end() && at->second != nullptr) {
+            ASSERT_EQ(MsgDeleteCmd(at->second), kNoError);
+            ASSERT_EQ(MsgDeleteCmd(at->second), kItemNotFound);
+            model.erase(at);
+        }
+        std::string word = kNames[random() % 10];
+        word.resize(random() % (word.size() + 1));
+        const auto found = std::ranges::find_if(model, [&word](const auto& known) {
+            return strncasecmp(known.first.c_str(), word.c_str(), word.size()) == 0;
+        });
+        const CmdEntryT* entry = MsgLookup(reinterpret_cast<CmdEntryT*>(gCmdTable), word.c_str());
+        ASSERT_EQ(entry != nullptr ? entry->name : "", found != model.end() ? found->first : "");
+        if (step % 100 == 0) {
+            std::string list = "Main commands:\n";
+            size_t column = 0;
+            for (const auto& [known, unused] : model) {
+                list += (known + std::string(16, ' ')).substr(0, 16);
+                list += ++column % 4 == 0 || column == model.size() ? "\n" : "";
+            }
+            ASSERT_EQ(Send("?"), list + "msgn: no error, ");
+        }
+    }
+}
+
+TEST_F(Message, ALineWithoutWordsListsTheCommandsAndHelpTellsTheirSyntax) {
+    for (const char* line : {"", "   ", "# comment"}) {
+        EXPECT_THAT(Send(line), testing::StartsWith("Main commands:\n?    ")) << line;
+    }
+    ExpectStories({{"help al", "alias <name> <cmd>\nmsgn: no error, "},
+                   {"help count", "\nmsgn: no error, "},
+                   {"help zz", "msgn: item not found, "}});
+}
+
+// A command belongs to the task that added it, not to a later one with the same id; and a second
+// start of the messages leaves the first one's task in its place.
+TEST_F(Message, CommandsOfATaskThatIsGoneRunNowhere) {
+    static CmdEntryT entry = {{}, "theirs", CountCmd, 1, nullptr, 0, 0};
+    auto task = std::make_unique<ModuleTask>("own1");
+    task->Run([] { EXPECT_EQ(MsgAddCmd(&entry), kNoError); });
+    const UInt32 id = task->Id();
+    Send("theirs");
+    task = nullptr;
+    task = std::make_unique<ModuleTask>("own2");
+    EXPECT_EQ(task->Id(), id);
+    EXPECT_EQ(Send("theirs"), "main: bad parameter, ");
+    task->Run([] {
+        EXPECT_EQ(MsgAddCmd(&entry), kNoError);  // what is left of the other gives way
+        EXPECT_EQ(MsgAddCmd(&entry), kAlreadyExists);
+    });
+    Send("theirs");
+    EXPECT_EQ(gRan, 2);
+    const UInt32 msgn = notifyTaskID;
+    EXPECT_EQ(MsgInit(), kCantStartTask);
+    EXPECT_EQ(notifyTaskID, msgn);
+    EXPECT_EQ(Send("words a"), "msgn: no error, a|");
+    MsgExit();
+    EXPECT_TRUE(Eventually([msgn] { return t_exists(msgn) == 0; }));
+    EXPECT_EQ(MsgSendNotification("news"), kNotInitialized);
+    EXPECT_EQ(MsgInit(), kNoError);
+    EXPECT_EQ(Send("words b"), "msgn: no error, b|");
+}
+
+// What was sent to a task that deletes itself in a command is run and answered.
+TEST_F(Message, CommandsBehindOneThatEndsItsTaskAreAnswered) {
+    static CmdEntryT cmds[] = {
+        {{}, "end", [](int, char**, char*) { return t_delete(0), kNoError; }, 1, nullptr, 0, 0},
+        {{}, "later", WordsCmd, 1, nullptr, 0, 0},
+        {{}, nullptr, nullptr, 0, nullptr, 0, 0},
+    };
+    ModuleTask task("ends");
+    task.Run([] { MsgAddCmdTable(cmds); });
+    task.Block();
+    for (const char* line : {"end", "later 1", "later 2"}) {
+        MsgSendCmd(line, Notify, &gOutcomes);
+    }
+    task.Release();
+    EXPECT_TRUE(WaitForOutcomes(2));
+    EXPECT_THAT(gOutcomes, ElementsAre("msgn: no error, 1|", "msgn: no error, 2|"));
+    EXPECT_TRUE(Eventually(PoolsAreFull));
+}
+
+TEST_F(Message, SubCommandsAreFoundByTheirBeginnings) {
+    static CmdEntryT rows[] = {{{}, "set", WordsCmd, 2, "set <value>", 0, 0},
+                               {{}, "settle", WordsCmd, 1, nullptr, 0, 0},
+                               {{}, "none", nullptr, 1, nullptr, 0, 0},
+                               {{}, nullptr, nullptr, 0, nullptr, 0, 0}};
+    static CmdEntryT cmd = {{},
+                            "main",
+                            [](int argc, char** argv, char* pResponse) {
+                                return MsgSubCmdParse(rows, argc, argv, pResponse);
+                            },
+                            1,
+                            nullptr,
+                            kMsgCmdSync,
+                            0};
+    MsgAddCmd(&cmd);
+    ExpectStories({{"main SE x y", "main: no error, x|y|"},
+                   {"main sett 1", "main: no error, 1|"},
+                   {"main se", "Usage: set <value>\nmain: bad parameter, "},
+                   {"main none", "main: bad parameter, "},
+                   {"main", "\"main\" - takes at least one argument\nmain: bad parameter, "},
+                   {"main x", "valid subcommands: set settle none\nmain: item not found, "}});
+    EXPECT_EQ(Printed([] { EXPECT_EQ(MsgSubCmdParse(rows, 0, nullptr, nullptr), kBadParameter); }),
+              "SUBCMD - Don't know what to do?\n");
 }
 
 TEST_F(Message, OutcomesArriveInTheNotificationTaskOrAtOnceAndAreEchoed) {
@@ -194,7 +308,8 @@ TEST_F(Message, ScriptsRunTheirLinesInOrderAndComeToAnEnd) {
     const std::string fits = "words " + std::string(506, 'x');
     script("lines", "words a\nnonsense\n" + fits + "\n" + fits + "x\nwords b", 1);
     script("huge", "count\n", 1000);  // more lines than the pool has blocks
-    script("self", "count\nscript self\nscript self\n", 1);
+    script("self", "count\nscript self\nscript self\nscript self\n", 1);
+    script("free", "sync a\nnonsense\ncount\n", 1);
     ExpectStories(
         {{"script none", "msgn: item not found, "},
          {"script lines", "Executing \"lines\" script\nwords a\nnonsense\n" + fits + "\n" + fits +
@@ -203,8 +318,25 @@ TEST_F(Message, ScriptsRunTheirLinesInOrderAndComeToAnEnd) {
     Send("script huge");
     EXPECT_EQ(gRan.exchange(0), 1000);
     Send("script self");
-    EXPECT_EQ(gRan.exchange(0), 255);  // 8 deep, each calling two
+    EXPECT_EQ(gRan.exchange(0), 3280);  // 8 deep, each calling three
     ExpectLines({"ERROR, script \"self\" not run: aliases and scripts nest at most 8 deep\n"});
+    EXPECT_FALSE(out_.Has("stopped"));
+    // Others hold most of the pool for good: a script runs where its lines need no block.
+    const UInt32 deaf = Spawn("deaf", [] { tm_wkafter(1000000); });
+    const auto fill = [deaf](int left) {
+        while (gFreeDeferredFuncsAvailable > left) {
+            ModDeferFunctionCall(
+                deaf, [](void*, void*) {}, nullptr, nullptr, 0);
+        }
+    };
+    fill(100);
+    EXPECT_THAT(Send("script free"), testing::EndsWith("count\nmsgn: no error, "));
+    fill(50);
+    EXPECT_THAT(Send("script free"),
+                testing::EndsWith("count\nERROR, script \"free\" stopped: its commands are not "
+                                  "served\nmsgn: out of resources, "));
+    EXPECT_EQ(gRan, 1);
+    t_delete(deaf);
     std::filesystem::remove_all(dir);
 }
 

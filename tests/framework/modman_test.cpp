@@ -1,6 +1,8 @@
 // The module manager and the name hash.
 #include "Common/framework/modman.h"
 
+#include <random>
+
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/semaphores.h"
 #include "tests/framework/module_task.h"
@@ -19,29 +21,126 @@ eErrorT ServiceInit(ModT* pMod, const char* pName, int instance, void* pOwner) {
     return ModInit(pMod, pName, instance, pOwner);
 }
 
-ModDBEntryT* Add(const std::string& name) {
-    return ModDBAdd(name.c_str(), sizeof(ServiceT), ServiceInit, nullptr);
+ModDBEntryT* Add(const std::string& name, size_t size = sizeof(ServiceT)) {
+    return ModDBAdd(name.c_str(), static_cast<UInt32>(size), ServiceInit, nullptr);
 }
 
-ServiceT* Clone(const char* name) {
-    ModT* pMod = ModCloneLocal(name);
-    EXPECT_TRUE(pMod == nullptr || ModClone(pMod, 0) == kNoError);
-    return reinterpret_cast<ServiceT*>(pMod);
+TextsT gAnnounced;
+int gAddAgain;
+
+void Announced(ModT*, UInt32, void*, void* pArgs) {
+    const auto* args = static_cast<ModAddDelArgsT*>(pArgs);
+    gAnnounced.push_back((args->add != 0 ? "+" : "-") + std::string(args->name));
+    if (args->add == 0 && gAddAgain-- > 0) {
+        ModAddFromRemote(args->name, 2);
+    }
 }
 
 class ModManager : public TaskTest {
   protected:
     ModManager() {
-        StartLog();
         EXPECT_EQ(ModManInit(), kNoError);
+        ModAddCallback(&ModMan()->mod, 0, Announced, nullptr, 0);
     }
-    // The count of instances of "service" that the dump shows.
-    void ExpectCounts(int used, int free) {
-        char row[80];
-        snprintf(row, sizeof(row), "\n%-32s %5zu %5d %5d\n", "service", sizeof(ServiceT), used,
-                 free);
-        EXPECT_THAT(Printed(ModDBDump), testing::HasSubstr(row));
+};
+
+// Types and instances of them in any order of adding, cloning and giving back.
+class ManagerModelT {
+  public:
+    void Step(std::minstd_rand& random) {
+        static constexpr const char* kCases[][2] = {{"type%d", "TYPE%d"}, {"Type%d", "tyPE%d"}};
+        char name[20];
+        const auto number = static_cast<int>(random() % 12);
+        snprintf(name, sizeof(name), kCases[random() % 2][random() % 2], number);
+        const auto operation = random() % 20;
+        const auto type = Find(name);
+        if (operation == 0) {
+            AddType(name, type, random() % 4 == 0);
+        } else if (operation < 12) {
+            Clone(name, type);
+        } else if (!instances_.empty()) {
+            GiveBack(random() % instances_.size(), operation);
+        }
+        ModDBEntryT* entry = ModDBFind(nullptr, name);
+        ASSERT_EQ(entry != nullptr, Find(name) != types_.end());
+        ASSERT_TRUE(entry == nullptr || strcasecmp(entry->name, name) == 0);
     }
+
+    std::string Dump() const {
+        std::string text =
+            "name                              size  used  free\n"
+            "-------------------------------- ----- ----- -----\n";
+        for (const TypeT& type : types_) {
+            char row[80];
+            snprintf(row, sizeof(row), "%-32s %5zu %5d %5d\n", type.name.c_str(), sizeof(ServiceT),
+                     type.used, type.free);
+            text += row;
+        }
+        return text;
+    }
+
+  private:
+    struct TypeT {
+        std::string name;
+        int used = 0;
+        int free = 0;
+    };
+    struct InstanceT {
+        ServiceT* service;
+        size_t type;
+        bool used;
+    };
+
+    std::vector<TypeT>::iterator Find(const std::string& name) {
+        return std::ranges::find_if(types_, [&](const TypeT& type) {
+            return strcasecmp(type.name.c_str(), name.c_str()) == 0;
+        });
+    }
+
+    void AddType(const char* name, std::vector<TypeT>::iterator type, bool small) {
+        gAnnounced.clear();
+        ModDBEntryT* known = ModDBFind(nullptr, name);
+        ModDBEntryT* entry = Add(name, small ? sizeof(ModT) - 1 : sizeof(ServiceT));
+        const bool fits = !small && type == types_.end() && types_.size() < kModEmptyEntries;
+        ASSERT_EQ(entry != nullptr, fits || (!small && known != nullptr));
+        ASSERT_TRUE(known == nullptr || small || entry == known);
+        ASSERT_EQ(gAnnounced, fits ? TextsT{std::string("+") + name} : TextsT{});
+        if (fits) {
+            types_.push_back({name});
+        }
+    }
+
+    void Clone(const char* name, std::vector<TypeT>::iterator type) {
+        auto* service = reinterpret_cast<ServiceT*>(ModCloneLocal(name));
+        ASSERT_EQ(service != nullptr, type != types_.end() && instances_.size() < kModMaxInstances);
+        if (service != nullptr) {
+            ASSERT_EQ(service->inits, 0);
+            service->mod.instance = 5;
+            for (int i = 0; i < 2; i++) {  // the second time it is initialised already
+                ASSERT_EQ(ModClone(&service->mod, 0), kNoError);
+                ASSERT_EQ(service->inits, 1);
+            }
+            ASSERT_EQ(ModName(&service->mod), type->name + "[5]");
+            type->used++;
+            instances_.push_back({service, static_cast<size_t>(type - types_.begin()), true});
+        }
+    }
+
+    void GiveBack(size_t index, unsigned long operation) {
+        InstanceT& instance = instances_[index];
+        ModT* pMod = &instance.service->mod;
+        ModAddCallback(pMod, 1, Announced, nullptr, 0);
+        // ModFree: lives here, so the same, once.
+        ASSERT_EQ(instance.used && operation % 2 == 0 ? ModFree(pMod) : ModFreeLocal(pMod),
+                  kNoError);
+        ASSERT_EQ(pMod->numCallbacks, 0);
+        types_[instance.type].used -= instance.used;
+        types_[instance.type].free += instance.used;
+        instance.used = false;
+    }
+
+    std::vector<TypeT> types_;
+    std::vector<InstanceT> instances_;
 };
 
 }  // namespace
@@ -63,38 +162,74 @@ TEST(Hash, FillsToTheLastEntryReplacesAndRefuses) {
     }
 }
 
-TEST_F(ModManager, TheEleventhTypeIsRefusedAndKnownOnesAreFoundInAnyCase) {
-    const std::string cut(31, 'x');
-    ModDBEntryT* first = Add(cut + "yz");
-    EXPECT_EQ(ModDBFind(nullptr, cut.c_str()), first);
-    for (int i = 1; i < kModEmptyEntries; i++) {
-        EXPECT_NE(Add("type" + std::to_string(i)), nullptr);
-    }
-    EXPECT_EQ(Add("TYPE1"), ModDBFind(nullptr, "type1"));
-    EXPECT_EQ(Add("eleventh"), nullptr);
-    ExpectLines({"WARN  pc[0]: MODMAN: ModDBAdd: can't add module:eleventh table is full\n"});
-}
-
-TEST_F(ModManager, CloningInitialisesOnceAndFreeingKeepsThePlace) {
+TEST_F(ModManager, AnyOrderOfTypesAndInstancesIsFoundAndCounted) {
     const size_t before = LowBytesInUse();
-    Add("service");
-    Add("other");
-    EXPECT_EQ(Clone("unknown"), nullptr);
-    ServiceT* first = Clone("SERVICE");
-    EXPECT_EQ(ModClone(&first->mod, 0), kNoError);
-    EXPECT_EQ(first->inits, 1);
-    ExpectCounts(1, 0);
-    EXPECT_EQ(ModFree(&first->mod), kNoError);  // lives here: the same as ModFreeLocal
-    ExpectCounts(0, 1);
-    for (int i = 1; i < kModMaxInstances; i++) {
-        ASSERT_NE(Clone("service"), nullptr);
+    std::minstd_rand random(1);
+    ManagerModelT model;
+    for (int step = 0; step < 3000 && !HasFailure(); step++) {
+        SCOPED_TRACE(step);
+        model.Step(random);
+        if (step % 300 == 299) {
+            EXPECT_EQ(Printed(ModDBDump), model.Dump());
+        }
     }
-    ExpectCounts(kModMaxInstances - 1, 1);
-    EXPECT_EQ(Clone("other"), nullptr);  // no place is left but that of another type
-    EXPECT_EQ(Clone("service"), first);
-    EXPECT_EQ(first->inits, 1);  // zeroed in between
-    EXPECT_EQ(Clone("service"), nullptr);
+    const ModT stranger = {};
+    EXPECT_EQ(ModFreeLocal(const_cast<ModT*>(&stranger)), kItemNotFound);
     EXPECT_EQ(ModManExit(), kNoError);
     EXPECT_LT(LowBytesInUse(), before + sizeof(ServiceT));
     EXPECT_EQ(numMods, 0);  // nothing in the table refers to what was freed
+}
+
+TEST_F(ModManager, NamesAreCutAndTablesOfTypesAreTenAtMost) {
+    static ModDBEntryT table[2] = {{"small", sizeof(ModT) - 1, ServiceInit, nullptr, {}, {}},
+                                   {"none", sizeof(ModT), nullptr, nullptr, {}, {}}};
+    const std::string cut(31, 'x');
+    StartLog();
+    EXPECT_EQ(ModDBFind(nullptr, cut.c_str()), nullptr);
+    const ModDBEntryT* entry = Add(cut + "yz");
+    EXPECT_STREQ(entry->name, cut.c_str());
+    EXPECT_EQ(ModDBFind(nullptr, cut.c_str()), entry);
+    EXPECT_EQ(Add(""), nullptr);
+    for (int i = 1; i < gModDBSize; i++) {
+        EXPECT_EQ(ModDBAddTable(table, 2), kNoError);
+    }
+    EXPECT_EQ(ModDBAddTable(table, 2), kOutOfMemory);
+    EXPECT_EQ(ModCloneLocal("small"), nullptr);
+    EXPECT_EQ(ModClone(ModCloneLocal("none"), 0), kNotImplemented);
+    ModT stranger = {};
+    strcpy(stranger.name, "stranger");
+    EXPECT_EQ(ModClone(&stranger, 0), kBadParameter);
+    ExpectLines({"CRIT  pc[0]: MODMAN: can't init module:none, NULL Init function\n"});
+}
+
+TEST_F(ModManager, ModulesOfOtherProcessorsComeAndGoAndMayComeBackMeanwhile) {
+    TestModule one("one");
+    TestModule two("two");
+    EXPECT_EQ(ModAddFromRemote(nullptr, 2), kBadParameter);
+    EXPECT_EQ(ModAddFromRemote("three", 2), kItemNotFound);
+    for (const auto& [name, processor] :
+         {std::pair("one", 2), {"two", 3}, {"two", 2}, {"ONE", 2}}) {
+        EXPECT_EQ(ModAddFromRemote(name, processor), kNoError);
+    }
+    const auto places = [](int processor) {
+        return TextsT{std::to_string(FindModByProc(processor, 0)),
+                      std::to_string(FindModByProc(processor, 1)),
+                      std::to_string(FindModByProc(processor, 2))};
+    };
+    EXPECT_THAT(places(2), ElementsAre("0", "2", "3"));
+    EXPECT_THAT(places(3), ElementsAre("1", "-1", "-1"));
+    EXPECT_EQ(ModDeleteFromRemote(0), kBadParameter);
+    gAddAgain = 2;
+    EXPECT_EQ(ModDeleteFromRemote(2), kNoError);
+    EXPECT_THAT(gAnnounced, ElementsAre("+one", "+two", "+two", "+one", "-one", "+one", "-two",
+                                        "+two", "-one"));
+    EXPECT_THAT(places(2), ElementsAre("0", "2", "-1"));
+    EXPECT_THAT(places(255), ElementsAre("3", "-1", "-1"));
+    gAddAgain = 1000000;  // a listener that brings everything back
+    EXPECT_EQ(ModDeleteFromRemote(2), kNoError);
+    EXPECT_THAT(places(2), ElementsAre("0", "2", "-1"));
+    while (ModAddFromRemote("one", 4) == kNoError) {
+    }
+    EXPECT_EQ(FindModByProc(4, kModMaxInstances - 4), kModMaxInstances - 1);
+    EXPECT_EQ(ModAddFromRemote("one", 4), kOutOfResources);
 }
