@@ -40,8 +40,10 @@ struct Units {
     ImageSink sink = [this](Image image, const Bytes& data) {
         kept += std::string(ImageText(image)) + " " + std::to_string(data.size()) + ";";
     };
-    MicroUnit micro{0x12, verdict, sink};
-    CameraUnit camera{&versions, verdict, sink};
+    EraseSink erase = [this](Image image) { kept += std::string(ImageText(image)) + " erased;"; };
+    uint8_t version = 0x12;
+    MicroUnit micro{&version, verdict, erase, sink};
+    CameraUnit camera{&versions, verdict, erase, sink};
 };
 
 TEST(MicroUnit, RefusesBlocksOutOfOrderAndMessagesOfTheOtherLine) {
@@ -54,6 +56,7 @@ TEST(MicroUnit, RefusesBlocksOutOfOrderAndMessagesOfTheOtherLine) {
         "out of order;out of order;4806;out of order;out of order;4806;out of order;wrong line;;");
     EXPECT_EQ(units.micro.OnLineClosed(), "microcontroller image: 2 of 12 blocks");
     EXPECT_EQ(Replies(&units.micro, {Block(0x48, 0, 512)}), "4806;") << "the next run's";
+    EXPECT_EQ(units.kept, "microcontroller erased;microcontroller erased;");
 }
 
 TEST(CameraUnit, HoldsTheSenderToTheAnnouncedCounts) {
@@ -68,7 +71,7 @@ TEST(CameraUnit, HoldsTheSenderToTheAnnouncedCounts) {
                                       Block(0x88, 1, 0), Block(0x88, 1, 1), Block(0x88, 2, 1),
                                       Block(0x89, 0, 9), Frame(0x44, {1})}),
               "out of order;out of order;4806;out of order;4806;out of order;4806;wrong line;");
-    EXPECT_EQ(units.kept, "camera 64513;system 9;");
+    EXPECT_EQ(units.kept, "camera erased;camera 64513;system erased;system 9;");
 }
 
 }  // namespace

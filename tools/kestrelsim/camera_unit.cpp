@@ -85,6 +85,9 @@ Outcome CameraUnit::OnBlock(const Message& message) {
     }
     const AnswerId id = transfer.Id(UnitName::kCamera);
     const size_t size = transfer.offered();
+    if (transfer.next() == 0 && id.attempt == 1) {
+        erase_(image);
+    }
     const bool ack = verdict_(id);
     transfer.Settle(ack);
     if (ack && !transfer.Running()) {

@@ -18,8 +18,11 @@ struct CameraVersions {
 class CameraUnit : public Unit {
   public:
     // `versions` is read at every device-type request; the owner changes it when an image came.
-    CameraUnit(const CameraVersions* versions, Verdict verdict, ImageSink sink)
-        : versions_(versions), verdict_(std::move(verdict)), sink_(std::move(sink)) {}
+    CameraUnit(const CameraVersions* versions, Verdict verdict, EraseSink erase, ImageSink sink)
+        : versions_(versions),
+          verdict_(std::move(verdict)),
+          erase_(std::move(erase)),
+          sink_(std::move(sink)) {}
 
     Outcome OnMessage(const Message& message) override;
     std::string OnLineClosed() override;
@@ -32,6 +35,7 @@ class CameraUnit : public Unit {
 
     const CameraVersions* versions_;
     Verdict verdict_;
+    EraseSink erase_;
     ImageSink sink_;
     Transfer camera_{Image::kCamera};
     Transfer system_{Image::kSystem};

@@ -38,6 +38,8 @@ constexpr FaultName kFaultNames[] = {
      "a device-type reply that begins with another byte"},
     {"close", FaultKind::kClose, "at", "", "the line goes away after that many received bytes"},
     {"hold", FaultKind::kHold, "at", "at=0", "no byte from the host is taken after that many"},
+    {"freeze", FaultKind::kFreeze, "at sent", "",
+     "all stands still after that many bytes received, or sent (see kestrelsim's page)"},
     {"silent", FaultKind::kSilent, "", "", "no answer from the matching one on"},
     {"slow-erase", FaultKind::kSlowErase, "ms", "answer=block block=0 ms=1000",
      "the answer to an image's first block that much later"},
@@ -122,7 +124,7 @@ json FromWords(const std::string& words, bool name_first) {
 // Whether the fault changes answers, and not the line or the unit's verdict.
 bool IsOfAnswers(FaultKind kind) {
     return kind != FaultKind::kNack && kind != FaultKind::kClose && kind != FaultKind::kHold &&
-           kind != FaultKind::kSteadyNoise;
+           kind != FaultKind::kFreeze && kind != FaultKind::kSteadyNoise;
 }
 
 const FaultName& FindName(const json& item) {
@@ -193,6 +195,7 @@ void Faults::AddItem(const json& given) {
                 SmallNumber(item, "byte").value_or(0),
                 SmallNumber(item, "value", UINT8_MAX).value_or(0),
                 Number(item, "at", INT64_MAX).value_or(0),
+                Number(item, "sent", INT64_MAX).value_or(0),
                 {}};
     if (item.contains("bytes")) {
         const auto bytes =
@@ -204,6 +207,9 @@ void Faults::AddItem(const json& given) {
     }
     if (fault.kind == FaultKind::kClose && fault.at == 0) {
         throw std::invalid_argument("close needs at=N, a number of received bytes");
+    }
+    if (fault.kind == FaultKind::kFreeze && (!fault.unit || (fault.at == 0) == (fault.sent == 0))) {
+        throw std::invalid_argument("freeze needs a unit, and either at=N or sent=N");
     }
     if (fault.image || fault.block || fault.attempt) {
         fault.answer = AnswerKind::kBlock;
@@ -315,6 +321,16 @@ std::optional<int64_t> Faults::CloseAt(UnitName unit) const {
 std::optional<int64_t> Faults::HoldAt(UnitName unit) const {
     const Fault* fault = Find(FaultKind::kHold, unit);
     return fault != nullptr ? std::optional(fault->at) : std::nullopt;
+}
+
+std::optional<int64_t> Faults::FreezeAt(UnitName unit) const {
+    const Fault* fault = Find(FaultKind::kFreeze, unit);
+    return fault != nullptr && fault->at > 0 ? std::optional(fault->at) : std::nullopt;
+}
+
+std::optional<int64_t> Faults::FreezeSent(UnitName unit) const {
+    const Fault* fault = Find(FaultKind::kFreeze, unit);
+    return fault != nullptr && fault->sent > 0 ? std::optional(fault->sent) : std::nullopt;
 }
 
 std::optional<int> Faults::SteadyNoise(UnitName unit) const {

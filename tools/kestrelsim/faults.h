@@ -27,6 +27,7 @@ enum class FaultKind {
     kWrongType,    // a device-type reply that begins with `value`
     kClose,        // the line goes away when `at` bytes have been received
     kHold,         // the host's writes are held when `at` bytes have been received
+    kFreeze,       // all stands still when `at` bytes have been received, or `sent` bytes sent
     kSilent,       // no answer from here on
     kSlowErase,    // the answer to an image's first block `ms` later
     kSteadyNoise,  // one byte each `ms` from the first message on
@@ -47,6 +48,7 @@ struct Fault {
     int byte = 0;
     int value = 0;
     int64_t at = 0;
+    int64_t sent = 0;
     Bytes bytes;
 };
 
@@ -78,6 +80,10 @@ class Faults {
 
     // After how many received bytes the host's writes are held.
     std::optional<int64_t> HoldAt(UnitName unit) const;
+
+    // After how many received or sent bytes the simulator freezes.
+    std::optional<int64_t> FreezeAt(UnitName unit) const;
+    std::optional<int64_t> FreezeSent(UnitName unit) const;
 
     // Milliseconds between two bytes of steady noise.
     std::optional<int> SteadyNoise(UnitName unit) const;

@@ -1,7 +1,9 @@
 // kestrelsim, a simulated unit: the microcontroller on serial port 1 and the camera on port 0, on
 // pseudo-terminals that any program can open in place of the board's serial lines.
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -66,6 +68,12 @@ void Describe(CLI::App* app, Options* options) {
     app->add_option("--system-new-version", options->state.system_new_version,
                     "the system version after an update")
         ->check(four);
+    app->add_flag("--power-fail", options->state.power_fail,
+                  "an image under way has erased the one before: until it is complete, its target "
+                  "reports version 0xff or FFFF");
+    app->add_flag("--hang-when-cut", options->simulator.hang_when_cut,
+                  "a unit whose transfer was given up answers nothing until it is switched off, "
+                  "which is this program's end");
     app->add_option("--baud", options->simulator.baud, "pace the lines, 11 bit times a byte")
         ->check(CLI::Range(1, 10000000));
     app->add_option("--patience", options->simulator.patience_ms,
@@ -134,9 +142,16 @@ int StopSignals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    const int fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd < 0) {
+        throw std::runtime_error(std::string("signalfd: ") + strerror(errno));
+    }
+    // What lets a frozen simulator go on.
+    sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGUSR2);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    return fd;
 }
 
 int Run(Options* options) {

@@ -50,7 +50,7 @@ Outcome MicroUnit::OnStatusRequest(const Message& message) {
     }
     // A new run starts with this, also where nobody sees the line being closed between two runs.
     OnLineClosed();
-    return {"version request", VersionReply(version_), {}};
+    return {"version request", VersionReply(*version_), {}};
 }
 
 Outcome MicroUnit::OnGeneralPurpose(const Message& message) const {
@@ -75,13 +75,13 @@ Outcome MicroUnit::OnBlock(const Message& message) {
     }
     const AnswerId id = transfer_.Id(UnitName::kMicro);
     const size_t size = transfer_.offered();
+    if (transfer_.next() == 0 && id.attempt == 1) {
+        erase_(Image::kMicro);
+    }
     const bool ack = verdict_(id);
     ended_short_ = ended_short_ || size < kBlockSize;
     transfer_.Settle(ack);
     if (ack && !transfer_.Running()) {
-        if (!transfer_.data().empty()) {
-            version_ = transfer_.data()[0];
-        }
         sink_(Image::kMicro, transfer_.data());
     }
     const std::string attempt = id.attempt > 1 ? ", attempt " + std::to_string(id.attempt) : "";

@@ -11,20 +11,24 @@ namespace kestrelsim {
 
 class MicroUnit : public Unit {
   public:
-    MicroUnit(uint8_t version, Verdict verdict, ImageSink sink)
-        : version_(version), verdict_(std::move(verdict)), sink_(std::move(sink)) {}
+    // `version` is read at every version request; the owner changes it when an image came.
+    MicroUnit(const uint8_t* version, Verdict verdict, EraseSink erase, ImageSink sink)
+        : version_(version),
+          verdict_(std::move(verdict)),
+          erase_(std::move(erase)),
+          sink_(std::move(sink)) {}
 
     Outcome OnMessage(const Message& message) override;
     std::string OnLineClosed() override;
-    uint8_t version() const { return version_; }
 
   private:
     Outcome OnStatusRequest(const Message& message);
     Outcome OnGeneralPurpose(const Message& message) const;
     Outcome OnBlock(const Message& message);
 
-    uint8_t version_;
+    const uint8_t* version_;
     Verdict verdict_;
+    EraseSink erase_;
     ImageSink sink_;
     Transfer transfer_{Image::kMicro};
     bool ended_short_ = false;  // a block came that was not full: only empty ones may follow

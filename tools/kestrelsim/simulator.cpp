@@ -3,7 +3,9 @@
 #include "tools/kestrelsim/simulator.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -23,6 +25,9 @@ struct Simulator::Port {
     std::unique_ptr<Line> gone;  // kept, so that a closing that is seen is the host's
     int64_t bytes_left = INT64_MAX;
     int64_t bytes_to_hold = INT64_MAX;
+    int64_t bytes_to_freeze = INT64_MAX;
+    int64_t sent_to_freeze = INT64_MAX;
+    bool hung = false;  // until the unit is switched off, which is the simulator's end
     std::multimap<Nanos, Piece> scheduled;
     std::optional<int> noise_ms;
     Nanos next_noise = kNever;
@@ -34,6 +39,7 @@ Simulator::Simulator(const SimulatorOptions& options, State* state, Faults* faul
       faults_(faults),
       log_(log),
       exit_when_idle_(static_cast<Nanos>(options.exit_when_idle * static_cast<double>(kSecond))),
+      hang_when_cut_(options.hang_when_cut),
       nodes_(options.folder),
       last_event_(MonotonicNow()) {
     for (int number = 0; number < kPorts; number++) {
@@ -51,6 +57,8 @@ void Simulator::AddPort(int number, const SimulatorOptions& options) {
         port->unit = MakeUnit(*port->name);
         port->bytes_left = faults_->CloseAt(*port->name).value_or(INT64_MAX);
         port->bytes_to_hold = faults_->HoldAt(*port->name).value_or(INT64_MAX);
+        port->bytes_to_freeze = faults_->FreezeAt(*port->name).value_or(INT64_MAX);
+        port->sent_to_freeze = faults_->FreezeSent(*port->name).value_or(INT64_MAX);
         port->noise_ms = faults_->SteadyNoise(*port->name);
     }
     const auto attached = options.attach.find(number);
@@ -76,10 +84,11 @@ std::unique_ptr<Unit> Simulator::MakeUnit(UnitName name) {
         state_->Keep(image, data);
         completed_ = state_->received().back();
     };
+    const EraseSink erase = [this](Image image) { state_->Erase(image); };
     if (name == UnitName::kMicro) {
-        return std::make_unique<MicroUnit>(state_->micro_version(), verdict, sink);
+        return std::make_unique<MicroUnit>(state_->micro_version(), verdict, erase, sink);
     }
-    return std::make_unique<CameraUnit>(state_->camera_versions(), verdict, sink);
+    return std::make_unique<CameraUnit>(state_->camera_versions(), verdict, erase, sink);
 }
 
 void Simulator::Run(int stop_fd) {
@@ -160,7 +169,12 @@ void Simulator::Serve(Port* port, Nanos now) {
     }
     // A host that opened the line a moment ago may have written already; its opening is told first.
     if (port->opened > 0 || !nodes_.Watches(port->number)) {
-        Receive(port, port->line->Receive(now, static_cast<size_t>(port->bytes_left)), now);
+        const int64_t limit = std::min(port->bytes_left, port->bytes_to_freeze);
+        Receive(port, port->line->Receive(now, static_cast<size_t>(limit)), now);
+    }
+    if (port->bytes_to_freeze == 0) {
+        port->bytes_to_freeze = INT64_MAX;
+        Freeze(port);
     }
     if (port->bytes_left == 0) {
         EndOfHost(port, now);
@@ -168,6 +182,9 @@ void Simulator::Serve(Port* port, Nanos now) {
         return;
     }
     SendDue(port, now);
+    if (!port->line) {
+        return;
+    }
     port->line->Advance(now);
     if (port->line->ended() && port->line->terminal().path().empty()) {
         EndOfHost(port, now);
@@ -182,6 +199,10 @@ void Simulator::Receive(Port* port, const Bytes& bytes, Nanos now) {
     last_event_ = now;
     port->bytes_left -= static_cast<int64_t>(bytes.size());
     port->bytes_to_hold -= static_cast<int64_t>(bytes.size());
+    if (port->bytes_to_freeze != INT64_MAX) {
+        port->bytes_to_freeze =
+            std::max<int64_t>(0, port->bytes_to_freeze - static_cast<int64_t>(bytes.size()));
+    }
     if (port->bytes_to_hold <= 0 && port->line) {
         port->line->terminal().HoldHost(true);
     }
@@ -212,7 +233,9 @@ void Simulator::Take(Port* port, const Decoded& decoded, Nanos now) {
     if (port->noise_ms && port->next_noise == kNever) {
         port->next_noise = now;
     }
-    if (outcome.answer) {
+    if (port->hung) {
+        log_->Event(port->number, "hangs until it is switched off");
+    } else if (outcome.answer) {
         Schedule(port, *outcome.answer, now);
     }
 }
@@ -236,9 +259,23 @@ void Simulator::SendDue(Port* port, Nanos now) {
         last_event_ = now;
     };
     while (!port->scheduled.empty() && port->scheduled.begin()->first <= now) {
-        const Piece piece = port->scheduled.begin()->second;
+        Piece piece = port->scheduled.begin()->second;
         port->scheduled.erase(port->scheduled.begin());
-        send(piece.bytes, piece.meaning);
+        if (port->sent_to_freeze <= static_cast<int64_t>(piece.bytes.size())) {
+            const auto cut = piece.bytes.begin() + port->sent_to_freeze;
+            port->sent_to_freeze = INT64_MAX;
+            send(Bytes(piece.bytes.begin(), cut), piece.meaning);
+            piece.bytes.erase(piece.bytes.begin(), cut);
+            Freeze(port);
+            if (!port->line) {
+                return;
+            }
+        } else if (port->sent_to_freeze != INT64_MAX) {
+            port->sent_to_freeze -= static_cast<int64_t>(piece.bytes.size());
+        }
+        if (!piece.bytes.empty()) {
+            send(piece.bytes, piece.meaning);
+        }
     }
     if (port->next_noise <= now) {
         send(faults_->Noise(1), "noise");
@@ -268,6 +305,27 @@ void Simulator::EndOfHost(Port* port, Nanos now) {
     if (!broken.empty()) {
         given_up_.push_back(broken);
         log_->Event(port->number, "transfer given up", broken);
+        port->hung = hang_when_cut_;
+    }
+}
+
+// Whoever runs a fault campaign does meanwhile what it wants to happen at just this byte.
+void Simulator::Freeze(Port* port) {
+    log_->Event(port->number, "frozen");
+    printf("kestrelsim: frozen on port %d\n", port->number);
+    fflush(stdout);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGUSR1, SIGUSR2, SIGINT, SIGTERM}) {
+        sigaddset(&signals, number);
+    }
+    int number = 0;
+    sigwait(&signals, &number);
+    if (number == SIGUSR2) {
+        EndOfHost(port, MonotonicNow());
+        CloseLine(port, "the line went away");
+    } else if (number != SIGUSR1) {
+        kill(getpid(), number);  // for the loop, which ends by it
     }
 }
 

@@ -22,6 +22,7 @@ struct SimulatorOptions {
     int baud = 0;                       // 0: not paced
     int patience_ms = 40;               // of the microcontroller's line when paced
     double exit_when_idle = 0;          // seconds without any event; 0: never
+    bool hang_when_cut = false;         // a unit whose transfer was given up answers no more
     std::map<int, std::string> attach;  // port to device, "fd:N" or "unix:PATH"
 };
 
@@ -54,11 +55,13 @@ class Simulator {
     void Refuse(const Port& port, const Refusal& refusal, const std::string& what);
     void EndOfHost(Port* port, Nanos now);
     void CloseLine(Port* port, const char* why);
+    void Freeze(Port* port);
 
     State* const state_;
     Faults* const faults_;
     EventLog* const log_;
     const Nanos exit_when_idle_;
+    const bool hang_when_cut_;
     Nodes nodes_;
     std::vector<std::unique_ptr<Port>> ports_;
     Nanos last_event_;  // or the beginning

@@ -93,13 +93,32 @@ std::optional<std::string> State::NewVersion(Image image) const {
                            (is_camera ? "/overlookcamver" : "/overlooksysver"));
 }
 
+std::string& State::CameraVersion(Image image) {
+    return image == Image::kCamera ? camera_.camera : camera_.system;
+}
+
+void State::Erase(Image image) {
+    if (!options_.power_fail) {
+        return;
+    }
+    if (image == Image::kMicro) {
+        micro_version_ = 0xFF;
+    } else {
+        CameraVersion(image) = "FFFF";
+    }
+    if (!options_.folder.empty()) {
+        std::filesystem::remove(options_.folder + "/" + ImageFileName(image));
+        Save();
+    }
+}
+
 void State::Keep(Image image, const Bytes& data) {
     received_.push_back(std::string(ImageText(image)) + " image, " + std::to_string(data.size()) +
                         " bytes");
     if (image == Image::kMicro) {
         micro_version_ = data.empty() ? micro_version_ : data[0];
     } else {
-        std::string& version = image == Image::kCamera ? camera_.camera : camera_.system;
+        std::string& version = CameraVersion(image);
         version = NewVersion(image).value_or(version);
     }
     if (!options_.folder.empty()) {

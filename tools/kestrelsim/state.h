@@ -24,6 +24,8 @@ struct StateOptions {
     // Versions that the camera reports after an image came, since image bytes do not tell.
     std::optional<std::string> camera_new_version;
     std::optional<std::string> system_new_version;
+    // An image that is under way has erased the one before, and is none until it is complete.
+    bool power_fail = false;
 };
 
 class State {
@@ -31,8 +33,12 @@ class State {
     // Creates the folder when it is missing. Throws std::runtime_error when it cannot be used.
     explicit State(StateOptions options);
 
-    uint8_t micro_version() const { return micro_version_; }
+    const uint8_t* micro_version() const { return &micro_version_; }
     const CameraVersions* camera_versions() const { return &camera_; }
+
+    // An image's first block came. With power_fail the image before it is gone, also from the
+    // folder, and its version is the one of a target without firmware: 0xFF or "FFFF".
+    void Erase(Image image);
 
     // Keeps a finished image and moves on the version that it brings.
     void Keep(Image image, const Bytes& data);
@@ -44,6 +50,7 @@ class State {
     void Load();
     void Save() const;
     std::optional<std::string> NewVersion(Image image) const;
+    std::string& CameraVersion(Image image);
 
     const StateOptions options_;
     uint8_t micro_version_ = 0x10;

@@ -44,6 +44,9 @@ using Verdict = std::function<bool(const AnswerId&)>;
 // Takes a finished image. Called once per image that is complete.
 using ImageSink = std::function<void(Image, const Bytes&)>;
 
+// Told that an image's first block has come: what the unit held before is being erased.
+using EraseSink = std::function<void(Image)>;
+
 class Unit {
   public:
     virtual ~Unit() = default;
