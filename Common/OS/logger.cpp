@@ -31,7 +31,7 @@ struct RingT {
 };
 
 bool Recording() {
-    return log_state.load(std::memory_order_relaxed) == 0;
+    return log_state == 0;
 }
 
 void InstallDefaultRing() {
@@ -41,8 +41,8 @@ void InstallDefaultRing() {
     }
     {
         InterruptsOffT off;
-        if (orig_log_buffer.load(std::memory_order_relaxed) == nullptr) {
-            orig_log_buffer.store(ring, std::memory_order_relaxed);
+        if (orig_log_buffer == nullptr) {
+            orig_log_buffer = ring;
             max_entries = kDefaultEntries;
             currix = 0;
             max_logged = 0;
@@ -54,13 +54,13 @@ void InstallDefaultRing() {
 
 RingT LookAtRing() {
     InterruptsOffT off;
-    return {orig_log_buffer.load(std::memory_order_relaxed), max_entries, currix, max_logged};
+    return {orig_log_buffer, max_entries, currix, max_logged};
 }
 
 // Copies an entry; false when the ring is no longer the installed one.
 bool CopyEntry(const RingT& ring, int index, logger_entry* entry) {
     InterruptsOffT off;
-    if (orig_log_buffer.load(std::memory_order_relaxed) != ring.entries || index >= max_entries) {
+    if (orig_log_buffer != ring.entries || index >= max_entries) {
         return false;
     }
     *entry = ring.entries[index];
@@ -73,8 +73,8 @@ char pchar(UInt32 word, int byte) {
 }
 
 void PrintAndWait(const char* line) {
-    pLogPrint.load()("%s", line);
-    udelay(static_cast<UInt32>(print_delay.load()));
+    pLogPrint("%s", line);
+    udelay(static_cast<UInt32>(print_delay));
 }
 
 void PrintEntry(const logger_entry& entry, float time, float elapsed) {
@@ -131,8 +131,8 @@ class PauseT {
 Plogger_entry init_logger(Plogger_entry buffer, int max_log_entries) {
     const bool usable = buffer != nullptr && max_log_entries > 0;
     InterruptsOffT off;
-    Plogger_entry previous = orig_log_buffer.load(std::memory_order_relaxed);
-    orig_log_buffer.store(usable ? buffer : nullptr, std::memory_order_relaxed);
+    Plogger_entry previous = orig_log_buffer;
+    orig_log_buffer = usable ? buffer : nullptr;
     max_entries = usable ? max_log_entries : 0;
     currix = 0;
     max_logged = 0;
@@ -143,12 +143,12 @@ void logger(UInt32 e1, UInt32 e2, UInt32 e3, UInt32 e4) {
     if (!Recording()) {
         return;
     }
-    if (orig_log_buffer.load(std::memory_order_relaxed) == nullptr) {
+    if (orig_log_buffer == nullptr) {
         InstallDefaultRing();
     }
     const UInt32 time = CYCLES();
     InterruptsOffT off;
-    Plogger_entry ring = orig_log_buffer.load(std::memory_order_relaxed);
+    Plogger_entry ring = orig_log_buffer;
     if (ring == nullptr || !Recording()) {
         return;
     }
@@ -163,16 +163,16 @@ void logger(UInt32 e1, UInt32 e2, UInt32 e3, UInt32 e4) {
 }
 
 void pause_log() {
-    log_state.fetch_add(1, std::memory_order_relaxed);
+    log_state++;
 }
 
 void resume_log() {
-    log_state.fetch_sub(1, std::memory_order_relaxed);
+    log_state--;
 }
 
 void dump_log() {
-    pLogPrint.store(printf);
-    print_delay.store(kDumpDelay);
+    pLogPrint = printf;
+    print_delay = kDumpDelay;
     const float frequency = GetProcessorFrequency();
     PauseT pause;
     const RingT ring = LookAtRing();

@@ -26,15 +26,15 @@ std::atomic<const SysCapsProductT*> gProduct{nullptr};
 
 // The section's rows, the table built first if need be; null for none.
 sysCapsT* SectionTable(UInt32 section) {
-    if (pSystemCapsTbl.load(std::memory_order_acquire) == nullptr) {
+    if (pSystemCapsTbl == nullptr) {
         initSysCapsTbl(GetSystemHardwareType());
     }
-    sysCapsT** table = pSystemCapsTbl.load(std::memory_order_acquire);
+    sysCapsT** table = pSystemCapsTbl;
     return table != nullptr && section < eSysCapNumSections ? table[section] : nullptr;
 }
 
 void* ValueOf(sysCapsT* row) {
-    return std::atomic_ref<void*>(row->val).load(std::memory_order_acquire);
+    return std::atomic_ref<void*>(row->val).load();
 }
 
 void FormatValue(const sysCapsT* row, void* val, char* out) {
@@ -70,20 +70,20 @@ int MaximumRate(const char* board) {
 }  // namespace
 
 void sysCapsSetProduct(const SysCapsProductT* product) {
-    gProduct.store(product, std::memory_order_release);
-    pSystemCapsTbl.store(nullptr, std::memory_order_release);
+    gProduct = product;
+    pSystemCapsTbl = nullptr;
 }
 
 void initSysCapsTbl(hwTypeT hwType) {
-    const SysCapsProductT* product = gProduct.load(std::memory_order_acquire);
+    const SysCapsProductT* product = gProduct;
     if (product != nullptr && product->build != nullptr) {
-        pSystemCapsTbl.store(product->build(hwType), std::memory_order_release);
+        pSystemCapsTbl = product->build(hwType);
     }
 }
 
 const sysCapsT* getRateCaps(hwTypeT hwType, int maxRate, Boolean asymmetricVideo,
                             Boolean encryptionEnabled) {
-    const SysCapsProductT* product = gProduct.load(std::memory_order_acquire);
+    const SysCapsProductT* product = gProduct;
     if (product == nullptr || product->rateCaps == nullptr) {
         return nullptr;
     }
@@ -105,7 +105,7 @@ eErrorT setCapability(UInt32 section, const char* keyName, unsigned int instance
     if (row == nullptr) {
         return kFuncReturnedError;
     }
-    std::atomic_ref<void*>(row->val).store(pVal, std::memory_order_release);
+    std::atomic_ref<void*>(row->val).store(pVal);
     return kNoError;
 }
 
@@ -146,6 +146,6 @@ Boolean setRateCapabilities(Boolean asymmetricVideo, Boolean encryptionEnabled) 
     for (; row->keyName != nullptr; row++) {
         setCapability(eSysCapComm, row->keyName, row->instance, row->val);
     }
-    crntTableRate.store(rate, std::memory_order_relaxed);
+    crntTableRate = rate;
     return 1;
 }

@@ -73,7 +73,7 @@ bool IsCategory(gRtCategoryT category) {
 }
 
 UInt8 Status(UInt32 index) {
-    return gRtCategoryStatusWord[index].load(std::memory_order_relaxed);
+    return gRtCategoryStatusWord[index];
 }
 
 // The value of an upper-case hexadecimal digit, -1 for any other character.
@@ -158,8 +158,7 @@ eErrorT CmDebgCategoryEnable(gRtCategoryT category) {
                 static_cast<int>(category));
         return kBadParameter;
     }
-    gRtCategoryStatusWord[category].fetch_or(kTraceDebugEnabled | kTraceEnabled,
-                                             std::memory_order_relaxed);
+    gRtCategoryStatusWord[category] |= kTraceDebugEnabled | kTraceEnabled;
     return kNoError;
 }
 
@@ -169,8 +168,7 @@ eErrorT CmDebgCategoryDisable(gRtCategoryT category) {
                 static_cast<int>(category));
         return kBadParameter;
     }
-    gRtCategoryStatusWord[category].fetch_and(static_cast<UInt8>(~kTraceDebugEnabled),
-                                              std::memory_order_relaxed);
+    gRtCategoryStatusWord[category] &= static_cast<UInt8>(~kTraceDebugEnabled);
     return kNoError;
 }
 
@@ -196,7 +194,7 @@ void CmDebgSetDefaultSettings() {
     status[CM_DEBG_VARIABLE_WORD_WRAP] = 255;
     status[CM_DEBG_FILTER_END_SENTINEL] = 255;
     for (UInt32 i = 0; i < sizeof(status); i++) {
-        gRtCategoryStatusWord[i].store(status[i], std::memory_order_relaxed);
+        gRtCategoryStatusWord[i] = status[i];
     }
     CmDebgRebuildHeaderFormatString();
     puts("Trace set to default settings.");
@@ -302,8 +300,8 @@ eErrorT CmDebgRtCategoryStatusWordWrite() {
 }
 
 eErrorT CmDebgRtCategoryStatusWordInit() {
-    if (GetProcessorNum() == 0 && gRtTraceSyslogEchoAtStartup.load() == 1) {
-        gRtTraceSyslogEcho.store(1);
+    if (GetProcessorNum() == 0 && gRtTraceSyslogEchoAtStartup == 1) {
+        gRtTraceSyslogEcho = 1;
     }
     return kNoError;
 }
