@@ -1,5 +1,9 @@
 // Assembling lines, the repeat filter, the show and cull filters, and the configuration's part.
+#include <string.h>
+
+#include <algorithm>
 #include <map>
+#include <random>
 
 #include "Common/OS/syslogf.h"
 #include "tests/Common_OS_log/logfixture.h"
@@ -8,105 +12,166 @@ namespace {
 
 class LogLines : public LogFixtureT {};
 
-TEST_F(LogLines, AnEntryPointPrintsUnderAForeignLevelOrTearsALine) {
+TEST_F(LogLines, AnEntryPointPrintsUnderAForeignLevel) {
     logmsg_set_format(kLogFormatLevel);
     logcrit("a", "x%d\n", 1);
     logerr("a", "x%d\n", 2);
     logwarn("a", "x%d\n", 3);
     loginfo("a", "x%d\n", 4);
     EXPECT_EQ(logdebug("a", "x%d\n", 5), 19);
-    for (const int level : {-1, 2, 5, 9}) {
-        logmsg(level, "a", "y%d\n", level);
-    }
     EXPECT_EQ(cm_syslog(4, "%s", "z\n"), 15);
     EXPECT_EQ(loginfo(nullptr, "n\n"), 15);
     EXPECT_EQ(syslogf(9, SYS_TERM_NULL, 7, "t%d\n", 9), 16);
     syslogf(3, static_cast<gRtCategoryT>(500), 7, "t3\n");
     EXPECT_EQ(category_printf(UI_JVM_NULL, "c%s\n", "x"), 16);
-    logwarn("a", "abc");
-    loginfo("b", "def\n");
-    loginfo("b", "one\ntwo");
-    loginfo("b", "three\n");
     EXPECT_EQ(Printed(),
               "CRIT  pc[0]: a: x1\nERROR pc[0]: a: x2\nWARN  pc[0]: a: x3\nINFO  pc[0]: a: x4\n"
-              "DEBUG pc[0]: a: x5\nCRIT  pc[0]: a: y-1\nCRIT  pc[0]: a: y2\nINFO  pc[0]: a: y5\n"
-              "DEBUG pc[0]: a: y9\nWARN  pc[0]: z\nINFO  pc[0]: n\n"
-              "DEBUG pc[0]: t9\nERROR pc[0]: t3\nDEBUG pc[0]: cx\n"
-              "WARN  pc[0]: a: abcdef\nINFO  pc[0]: b: one\ntwoINFO  pc[0]: b: three\n");
+              "DEBUG pc[0]: a: x5\nWARN  pc[0]: z\nINFO  pc[0]: n\n"
+              "DEBUG pc[0]: t9\nERROR pc[0]: t3\nDEBUG pc[0]: cx\n");
 }
 
-TEST_F(LogLines, TextsThatAreTooLongSpillOver) {
-    const std::string xs(3000, 'x');
-    const std::string cut = "pc[0]: a: " + xs.substr(0, 511 - 16);  // and the level field's six
-    EXPECT_EQ(loginfo("a", "%.600s\n", xs.c_str()), 16 + 601);
-    // Longer than the formatting buffer: the end is cut off, so the line waits for another.
-    EXPECT_EQ(loginfo("a", "%s\n", xs.c_str()), 16 + 3001);
-    for (int i = 0; i < 100; i++) {
-        loginfo("b", "never ends");
+// What the log makes of the same calls, written as plainly as can be.
+struct ModelT {
+    static constexpr const char* kLevels[] = {"CRIT  ", "CRIT  ", "CRIT  ", "ERROR ",
+                                              "WARN  ", "INFO  ", "INFO  ", "DEBUG "};
+    struct TableT {
+        std::string kind;
+        std::string slots[kLogFilterCount];
+    } tables[2] = {{"show", {}}, {"cull", {}}};
+    std::string current, last, printed;
+    int spew = 0, held_back = 0, level_limit = 7;
+
+    static std::string Header(int level, const char* component) {
+        const std::string name = component != nullptr ? component + std::string(": ") : "";
+        return (kLevels[std::clamp(level, 0, 7)] + ("pc[0]: " + name)).substr(0, 1023);
     }
-    loginfo("b", "tail\n");
-    // A component that leaves no room for the message.
-    loginfo(xs.c_str(), "message");
-    loginfo(nullptr, "\n");
-    loginfo("a", "clean\n");
-    EXPECT_EQ(Printed(), cut + cut + "pc[0]: " + xs.substr(0, 511 - 13) + "pc[0]: a: clean\n");
-}
 
-TEST_F(LogLines, RepeatsAreCountedWrongOrSwallowTheNextLine) {
+    // Which of a table's filters are in the line: 0 none, 1 some; -1 when there are no filters.
+    static int Contains(const TableT& table, const std::string& line) {
+        int found = -1;
+        for (const std::string& slot : table.slots) {
+            if (!slot.empty()) {
+                found = std::max(found, line.find(slot) != std::string::npos ? 1 : 0);
+            }
+        }
+        return found;
+    }
+
+    void Print(const std::string& line) {
+        const int level =
+            std::map<char, int>{{'C', 2}, {'E', 3}, {'W', 4}, {'I', 6}, {'D', 7}}[line[0]];
+        if (Contains(tables[0], line) != 0 && Contains(tables[1], line) != 1 &&
+            level <= level_limit) {
+            printed += line;
+        }
+    }
+
+    int Log(int level, const char* component, const std::string& text) {
+        const std::string header = Header(level, component);
+        const std::string call = (header + text).substr(0, 1023);
+        current = (current + (current.empty() ? call : call.substr(header.size()))).substr(0, 511);
+        if (call.find('\n') != std::string::npos) {
+            const std::string line = std::exchange(current, "");
+            if (spew != 0 && line == last) {
+                held_back++;
+            } else {
+                if (spew != 0 && held_back > 0) {
+                    Print("DEBUG pc[0]: ...last line repeated " + std::to_string(held_back + 1) +
+                          " times\n");
+                }
+                held_back = spew != 0 ? 0 : held_back;
+                Print(last = line);
+            }
+        }
+        return static_cast<int>(header.size() + text.size());
+    }
+
+    int Add(TableT* table, const std::string& filter) {
+        for (std::string& slot : table->slots) {
+            if (slot.empty() && !filter.empty()) {
+                slot = filter.substr(0, 369);
+                return 0;
+            }
+        }
+        printed += filter.empty()
+                       ? ""
+                       : "\"" + filter + "\" " + table->kind + " filter not added, table full\n";
+        return -1;
+    }
+
+    int Delete(TableT* table, const std::string& filter) {
+        for (std::string& slot : table->slots) {
+            if (filter == "*") {
+                slot.clear();
+            } else if (!slot.empty() &&
+                       strcasecmp(slot.c_str(), filter.substr(0, 369).c_str()) == 0) {
+                slot.clear();
+                return 0;
+            }
+        }
+        printed += filter == "*" ? "" : "\"" + filter + "\" " + table->kind + " filter not found\n";
+        return 0;
+    }
+
+    int Dump(const TableT& table) {
+        printed += table.kind + " filters:\n";
+        for (const std::string& slot : table.slots) {
+            printed += slot.empty() ? "" : "  \"" + slot + "\"\n";
+        }
+        return 0;
+    }
+};
+
+TEST_F(LogLines, AnySequenceOfCallsDiffersFromTheModel) {
+    const struct {
+        int (*add)(const char*);
+        int (*remove)(const char*);
+        int (*dump)();
+    } kCalls[] = {{logmsg_showfilter_add, logmsg_showfilter_delete, logmsg_showfilter_dump},
+                  {logmsg_cullfilter_add, logmsg_cullfilter_delete, logmsg_cullfilter_dump}};
+    const std::string kFilters[] = {
+        "a", "ab", "AB", "b\n", "c: ", "pc", "", std::string(369, 'x'), std::string(400, 'x'),
+        "*", "**"};
+    const std::string kTexts[] = {
+        "a", "ab", "B", "b", "", std::string(400, 'x'), std::string(1100, 'y'), "%d\n", "\nq"};
+    const std::string kLong(1030, 'n');
+    const char* const kComponents[] = {nullptr, "c", "c", "c", kLong.c_str()};
+    std::mt19937 random(7);
+    const auto pick = [&](const auto& from) { return from[random() % std::size(from)]; };
     logmsg_set_format(kLogFormatLevel);
-    for (const int filtered : {0, 1}) {
-        loginfo("a", "%d\n", filtered);
-        loginfo("a", "%d\n", filtered);
-        logmsg_set_spewfilter(1);
+    ModelT model;
+    for (int step = 0; step < 30000; step++) {
+        const unsigned what = static_cast<unsigned>(random() % 64);
+        const unsigned which = what % 2;
+        const std::string filter = pick(kFilters);
+        ModelT::TableT* const table = &model.tables[which];
+        if (what < 6) {
+            ASSERT_EQ(model.Add(table, filter), kCalls[which].add(filter.c_str()));
+        } else if (what < 10) {
+            ASSERT_EQ(model.Delete(table, filter), kCalls[which].remove(filter.c_str()));
+        } else if (what < 12) {
+            ASSERT_EQ(model.Dump(*table), kCalls[which].dump());
+        } else if (what < 14) {
+            logmsg_set_spewfilter(model.spew = static_cast<int>(random() % 3));
+        } else if (what < 15) {
+            syslogSetLogLevel(model.level_limit = static_cast<int>(3 + random() % 5));
+        } else {
+            const int level = static_cast<int>(random() % 12) - 2;
+            const char* const component = pick(kComponents);
+            const std::string text = pick(kTexts) + (random() % 4 != 0 ? "\n" : "");
+            for (int times = what < 40 ? 1 : 3; times > 0; times--) {
+                ASSERT_EQ(model.Log(level, component, text),
+                          logmsg(level, component, "%s", text.c_str()));
+            }
+        }
+        syslogDrainQueue();
     }
-    loginfo("a", "%d", 1);
-    loginfo("a", "\n");
-    loginfo("a", "last\n");
-    logerr("a", "last\n");  // equal but for the level
-    EXPECT_EQ(Printed(),
-              "INFO  pc[0]: a: 0\nINFO  pc[0]: a: 0\nINFO  pc[0]: a: 1\n"
-              "DEBUG pc[0]: ...last line repeated 3 times\n"
-              "INFO  pc[0]: a: last\nERROR pc[0]: a: last\n");
-}
-
-TEST_F(LogLines, AFilterDropsOrPassesTheWrongLine) {
-    const auto passes = [this](const char* text) {
-        loginfo("a", "%s\n", text);
-        return Printed() == std::string("pc[0]: a: ") + text + "\n";
-    };
-    EXPECT_TRUE(passes("any"));
-    logmsg_showfilter_add("foo");
-    EXPECT_TRUE(passes("food") && passes("no Foo's but foo's case") && !passes("FOO"));
-    logmsg_cullfilter_add("bar");
-    EXPECT_TRUE(!passes("foobar") && passes("foo"));
-    logmsg_showfilter_add("baz");
-    logmsg_showfilter_delete("FOO");  // ignores case
-    EXPECT_TRUE(!passes("foo") && passes("baz"));
-    logmsg_showfilter_delete("*");
-    EXPECT_TRUE(passes("foo") && !passes("bar"));
+    EXPECT_TRUE(Printed() == model.printed);
     // Judged is what will be printed, not what stands behind it.
-    EXPECT_EQ(logmsg_print("INFO  ok, bar", 8), 8);
-    EXPECT_EQ(Printed(), "ok");
-}
-
-TEST_F(LogLines, BadFiltersBreakTheTable) {
-    const std::string longest(400, 'L');
-    for (size_t i = 0; i < kLogFilterCount; i++) {
-        EXPECT_EQ(logmsg_cullfilter_add(i == 0 ? longest.c_str() : std::string(i, 'q').c_str()), 0);
-    }
-    EXPECT_EQ(logmsg_cullfilter_add("eleventh"), -1);
-    logmsg_cullfilter_delete("QQQ");
-    logmsg_cullfilter_add("z");  // into the free slot, with nothing left of the longer one
-    EXPECT_EQ(logmsg_cullfilter_delete("absent") + logmsg_cullfilter_delete(nullptr), 0);
-    logmsg_cullfilter_dump();
+    logmsg_showfilter_delete("*");
     logmsg_cullfilter_delete("*");
-    logmsg_cullfilter_dump();
-    EXPECT_THAT(Printed(),
-                testing::MatchesRegex(
-                    "\"eleventh\" cull filter not added, table full\n"
-                    "\"absent\" cull filter not found\n\"\" cull filter not found\n"
-                    "cull filters:\n  \"L{369}\"\n  \"q\"\n  \"qq\"\n  \"z\"\n(  \"q{4,9}\"\n){6}"
-                    "cull filters:\n"));
+    logmsg_cullfilter_add("bar");
+    EXPECT_EQ(logmsg_print("INFO  ok, bar", 8), 8);
 }
 
 TEST_F(LogLines, SettingsChangeOnTheirWayThroughTheStore) {

@@ -3,7 +3,9 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <deque>
 #include <functional>
+#include <random>
 
 #include "tests/Common_OS_log/logfixture.h"
 
@@ -24,25 +26,6 @@ namespace {
 using namespace logqueue;
 using testing::ElementsAre;
 
-// Queues a line that takes `size` bytes.
-int Add(int number, int size) {
-    const std::string line = "INFO  " + Numbered(number, static_cast<size_t>(size) - 7);
-    return syslogAdd(line.c_str(), size - 1);
-}
-
-void SetIndexes(int head, int tail) {
-    log_buffer_head = head;
-    log_buffer_tail = tail;
-}
-
-// What `action` writes to standard error.
-template <typename ActionT>
-std::string Errors(ActionT action) {
-    testing::internal::CaptureStderr();
-    action();
-    return testing::internal::GetCapturedStderr();
-}
-
 class LogQueue : public LogFixtureT {};
 
 TEST_F(LogQueue, LevelsAreReadWrongFromTheFirstLetter) {
@@ -59,81 +42,100 @@ TEST_F(LogQueue, LevelsAreReadWrongFromTheFirstLetter) {
     EXPECT_EQ(syslogAdd("x", 1), -1);
 }
 
-TEST_F(LogQueue, AWrapNearTheEndTearsOrReordersLines) {
-    for (int tail = kWrapLimit - 140; tail <= kWrapLimit; tail++) {
-        for (const int size : {30, 62, 131}) {
-            memset(buf, 'Z', sizeof(buf));
-            SetIndexes(tail, tail);
-            ASSERT_EQ(Add(0, size), 0);
-            const bool wraps = tail + size > kWrapLimit;
-            ASSERT_EQ(log_buffer_tail, wraps ? size : tail + size);
-            ASSERT_EQ(std::count(buf + tail, buf + kUsedSize, '\0'), wraps ? kUsedSize - tail : 1);
-            ASSERT_EQ(Add(1, size) + Add(2, size), 0);
-            ASSERT_EQ(std::count(buf + kUsedSize, std::end(buf), 'Z'), kStorageSize - kUsedSize);
-            ASSERT_THAT(NumbersIn(Printed()), ElementsAre(0, 1, 2)) << tail << " " << size;
+// What the queue holds and loses, told line by line.
+struct ModelT {
+    struct LineT {
+        int start;
+        int size;
+        std::string text;
+    };
+    std::deque<LineT> unread;
+    int tail = 0;
+    bool in_place = false;  // the oldest is being printed and still keeps its room
+    std::string errors;
+
+    int head() const { return unread.empty() ? tail : unread.front().start; }
+
+    void Store(int start, int size, const std::string& text) {
+        unread.push_back({start, size, text});
+        tail = start + size;
+    }
+
+    int Add(int size, const std::string& text) {
+        const bool wraps = tail + size > kWrapLimit;
+        const bool beyond = head() > tail;
+        const bool covers = wraps && !unread.empty() && (beyond || head() <= size);
+        if (size > kWrapLimit || (!wraps && beyond && head() <= tail + size) ||
+            (covers && in_place)) {
+            if (tail + kOverflowSize < head()) {
+                Store(tail, kOverflowSize, OVERFLOW_MSG);
+            }
+            errors += OVERFLOW_MSG;
+            return -1;
         }
-    }
-}
-
-TEST_F(LogQueue, AWrapOverUnreadLinesLeavesTornOnesOrHidesTheRest) {
-    std::vector<int> starts = {0};
-    for (int i = 0; log_buffer_tail + 40 + i * 7 % 60 <= kWrapLimit; i++) {
-        ASSERT_EQ(Add(i, 40 + i * 7 % 60), 0);
-        starts.push_back(log_buffer_tail);
-    }
-    const std::vector<char> filled(buf, std::end(buf));
-    const int tail = log_buffer_tail;
-    // The first unread line is one of the first, or in the padding with all before the tail unread.
-    for (const int head : {0, starts[1], starts[3], starts[7], tail + 1}) {
-        for (int size = kWrapLimit - tail + 1; size < 500; size += 3) {
-            std::copy(filled.begin(), filled.end(), buf);
-            SetIndexes(head, tail);
-            const std::string errors = Errors([&] { EXPECT_EQ(Add(999999, size), 0); });
-            const bool keeps = head > size && head <= tail;
-            // The first line that starts behind the new one, never where the indexes meet.
-            ASSERT_EQ(log_buffer_head,
-                      keeps ? head : *std::upper_bound(starts.begin(), starts.end(), size));
-            ASSERT_EQ(log_buffer_tail, size);
-            ASSERT_EQ(errors, keeps ? "" : OVERFLOW_MSG);
+        for (const int end = tail; covers && !unread.empty() &&
+                                   (unread.front().start > end || unread.front().start <= size);) {
+            unread.pop_front();
         }
+        errors += covers ? OVERFLOW_MSG : "";
+        Store(wraps ? 0 : tail, size, text);
+        return 0;
     }
-    const std::vector<int> numbers = NumbersIn(Printed());
-    EXPECT_EQ(numbers.size() + static_cast<size_t>(numbers[0]), starts.size());
-    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));  // the new one is the last
-    // A line so long that it leaves none, and one that has no room at all.
-    SetIndexes(300, 200);
-    EXPECT_EQ(Errors([] { EXPECT_EQ(Add(5, kWrapLimit - 10), 0); }), OVERFLOW_MSG);
-    EXPECT_THAT(NumbersIn(Printed()), ElementsAre(5));
-    EXPECT_EQ(Errors([] { EXPECT_EQ(Add(6, kWrapLimit + 1), -1); }), OVERFLOW_MSG);
-}
+};
 
-TEST_F(LogQueue, AFullQueueOverrunsUnreadLinesOrHidesTheLoss) {
-    for (int room = 1; room <= 160; room++) {  // from the write index to the read index
-        memset(buf, 'Z', sizeof(buf));
-        SetIndexes(1000, 1000 - room);
-        const bool fits = room > 100;
-        const bool reports = !fits && room > kOverflowSize;
-        EXPECT_EQ(Errors([&] { EXPECT_EQ(Add(1, 100), fits ? 0 : -1) << room; }),
-                  fits ? "" : OVERFLOW_MSG);
-        EXPECT_EQ(log_buffer_tail, 1000 - room + (fits ? 100 : reports ? kOverflowSize : 0));
-        EXPECT_EQ(std::count(buf + log_buffer_tail, std::end(buf), 'Z'),
-                  kStorageSize - log_buffer_tail);
-        EXPECT_TRUE(!reports || strcmp(buf + 1000 - room, OVERFLOW_MSG) == 0);
-    }
-}
-
-TEST_F(LogQueue, AWrapTearsTheLineThatTheWriterIsAt) {
-    ASSERT_EQ(Add(0, 200000) + Add(1, 300000), 0);
-    std::vector<int> added;
-    gOnEcho = [&] {  // the writer is at line 0, which must stay, then at line 1
-        if (added.size() < 2) {
-            added.push_back(Add(2, 100000));
+TEST_F(LogQueue, AnySequenceOfAddsAndDrainsDiffersFromTheModel) {
+    std::mt19937 random(11);
+    const auto below = [&](int limit) {
+        return static_cast<int>(random() % static_cast<unsigned>(limit));
+    };
+    ModelT model;
+    std::string expected;
+    int number = 0;
+    const auto add = [&] {
+        const int room = model.head() - model.tail;
+        const int left = kWrapLimit - model.tail;
+        const int sizes[] = {40 + below(100),
+                             1020 + below(20),
+                             below(60000),
+                             room - 1 + below(3),
+                             room - kOverflowSize - 1 + below(3),
+                             left < 99999 ? left - 1 + below(3) : 0,
+                             below(20) == 0 ? kWrapLimit - below(3) + 1 : 0};
+        const int size = std::max(sizes[below(7)], 40);
+        const std::string line = "INFO  " + Numbered(number++, static_cast<size_t>(size) - 7);
+        ASSERT_EQ(model.Add(size, line), syslogAdd(line.c_str(), size - 1));
+        ASSERT_EQ(model.head(), log_buffer_head);
+        ASSERT_EQ(model.tail, log_buffer_tail);
+    };
+    int budget = 0;
+    gOnEcho = [&] {  // more lines come while one is printed
+        const ModelT::LineT line = model.unread.front();
+        expected += line.text.substr(6);
+        model.in_place = line.size > 2 * kLogLineSize;
+        if (!model.in_place) {
+            model.unread.pop_front();
+        }
+        for (int i = below(3); i > 0 && budget > 0; i--, budget--) {
+            add();
+        }
+        if (std::exchange(model.in_place, false)) {
+            model.unread.pop_front();
         }
     };
     logmsg_set_syslog_echo(1);
-    EXPECT_EQ(Errors(syslogDrainQueue), OVERFLOW_MSG);
-    EXPECT_THAT(added, ElementsAre(-1, 0));
-    EXPECT_THAT(NumbersIn(Printed()), ElementsAre(0, 1, 2));
+    testing::internal::CaptureStderr();
+    for (int round = 0; round < 200 && !HasFailure(); round++) {
+        StdoutFile out;
+        for (int i = below(40); i > 0; i--) {
+            add();
+        }
+        budget = below(40);
+        expected.clear();
+        syslogDrainQueue();
+        ASSERT_TRUE(out.Text() == expected) << round;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), model.errors);
+    EXPECT_EQ(std::count(buf + kUsedSize, std::end(buf), '\0'), kStorageSize - kUsedSize);
 }
 
 TEST_F(LogQueue, TwoThreadsThatDrainMixLinesOrReturnBeforeTheyAreOut) {
@@ -169,7 +171,8 @@ TEST_F(LogQueue, ACallerWithoutALossWaitsForStandardError) {
     logmsg_set_spewfilter(1);
     loginfo("a", "again\n");
     loginfo("a", "again\n");
-    SetIndexes(1000, 999);
+    log_buffer_head = 1000;
+    log_buffer_tail = 999;
     std::atomic<int> step{0};
     std::jthread loser([&] {
         step = 1;
