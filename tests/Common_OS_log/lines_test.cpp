@@ -21,13 +21,14 @@ TEST_F(LogLines, AnEntryPointPrintsUnderAForeignLevel) {
     EXPECT_EQ(logdebug("a", "x%d\n", 5), 19);
     EXPECT_EQ(cm_syslog(4, "%s", "z\n"), 15);
     EXPECT_EQ(loginfo(nullptr, "n\n"), 15);
-    EXPECT_EQ(syslogf(9, SYS_TERM_NULL, 7, "t%d\n", 9), 16);
+    EXPECT_EQ(syslogf(9, SYS_TERM_NULL, 7, "t%d\n", 9) + syslogf(-1, SYS_OS_NULL, 0, nullptr), 16);
+    syslogf(-1, SYS_TERM_NULL, 7, "t-1\n");
     syslogf(3, static_cast<gRtCategoryT>(500), 7, "t3\n");
     EXPECT_EQ(category_printf(UI_JVM_NULL, "c%s\n", "x"), 16);
     EXPECT_EQ(Printed(),
               "CRIT  pc[0]: a: x1\nERROR pc[0]: a: x2\nWARN  pc[0]: a: x3\nINFO  pc[0]: a: x4\n"
               "DEBUG pc[0]: a: x5\nWARN  pc[0]: z\nINFO  pc[0]: n\n"
-              "DEBUG pc[0]: t9\nERROR pc[0]: t3\nDEBUG pc[0]: cx\n");
+              "DEBUG pc[0]: t9\nDEBUG pc[0]: t-1\nERROR pc[0]: t3\nDEBUG pc[0]: cx\n");
 }
 
 // What the log makes of the same calls, written as plainly as can be.

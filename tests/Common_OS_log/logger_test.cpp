@@ -18,7 +18,7 @@ class EventLogger : public LogFixtureT {};
 TEST_F(EventLogger, ADumpGetsTimesOrCharactersWrong) {
     logger_entry ring[3] = {{66666664, 0x64636261, 0, 0x7F7E201F, 0xFFFFFFFF},
                             {33333332, 0xDEADBEEF, 0x0A304139, 0, 0}};
-    init_logger(ring, 3);
+    EXPECT_EQ(init_logger(ring, 3), nullptr);
     // Not full: the newest entry is the first one's predecessor. The last one has the counter start
     // anew before it.
     currix = max_logged = 2;
@@ -28,14 +28,14 @@ TEST_F(EventLogger, ADumpGetsTimesOrCharactersWrong) {
     EXPECT_EQ(Printed(),
               Head("2", "02") + "  1.000000  0.500000" + first + "  0.500000 63.924019" + second);
     // Full: from the oldest entry, whose elapsed time is 0.
-    ring[2] = {50000000, 0x41, 0, 0, 0};
+    ring[2] = {33333332, 0x41, 0, 0, 0};
     currix = 1;
     max_logged = 3;
     dump_log();
     EXPECT_EQ(Printed(),
               Head("3", "01") + "  0.500000  0.000000" + second +
-                  "  0.750000  0.250000 00000041 00000000 00000000 00000000 : A... .... .... ....\n"
-                  "  1.000000  0.250000" +
+                  "  0.500000  0.000000 00000041 00000000 00000000 00000000 : A... .... .... ....\n"
+                  "  1.000000  0.500000" +
                   first);
     EXPECT_EQ(log_state, 0);
 }

@@ -1,4 +1,5 @@
 // Trace categories, their tables and helpers.
+#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/syslogf.h"
 #include "tests/Common_OS_log/logfixture.h"
 
@@ -15,7 +16,31 @@ TEST_F(Traces, ACategoryIsOutOfPlaceOrMisnamed) {
     EXPECT_EQ(names,
               "0(NOCAT)|4SYS  TERM CMD|17AUD  ZZ14|32COMM CAPS MAN|62COMM H320 H242|"
               "82COMM H323 GK|116COMM SIP  PROX|122WEB  NOTF|");
-    EXPECT_STREQ(gRtCategoryLut[122].description, "Web NOTIFY messages");
+    // The small tables as one text.
+    std::string tables = std::to_string(gRtCategoryStatusWord[0]) + " ";
+    for (const char* level : syslogf_level_str) {
+        tables += level;
+    }
+    for (const char* field : gRtTraceFormatNames) {
+        tables += std::string(" ") + field;
+    }
+    for (const LutT* row :
+         {gRtExecScripts, gRtScriptCmds, gRtGroups, gRtGroupMap, &gRtCategoryLut[122]}) {
+        for (; row->name != nullptr; row++) {
+            tables += "\n" + std::string(row->name) + " " + std::to_string(row->value) + " " +
+                      (row->description != nullptr ? row->description : "");
+        }
+    }
+    EXPECT_EQ(tables,
+              "15 FFEEIIID TIMESTAMP LOGLEVEL CATEGORY ID\n"
+              "A_DEFAULT 0 full headers, text wrap 80, debug disable *, category enable *\n 0 \n"
+              "A_DEFAULT 0 trace category listen *\nA_DEFAULT 1 trace format enable *\n"
+              "A_DEFAULT 2 trace text wrap 80\nA_DEFAULT 3 trace debug disable *\n 0 \n"
+              "CONTENT 0 \n 0 \nCONTENT 37 \n 0 \nWEB  NOTF 122 Web NOTIFY messages");
+    for (const int wanted : {0, 1}) {
+        gRtTraceSyslogEchoAtStartup = wanted;
+        EXPECT_EQ(CmDebgRtCategoryStatusWordInit() + gRtTraceSyslogEcho, wanted);
+    }
 }
 
 TEST_F(Traces, SwitchingACategoryTouchesTheWrongBits) {
@@ -58,6 +83,12 @@ TEST_F(Traces, DefaultsOrTheHeaderFormatAreWrong) {
     char stamp[16];
     CmDebgCheckTime(stamp);
     EXPECT_THAT(stamp, testing::MatchesRegex("([0-9]{2}\\.){3}[0-9]{3}"));
+    UInt32 before;
+    do {  // until the clock stands still meanwhile, at three digits
+        before = RealTimeMilliSeconds();
+        CmDebgMakeHeaderTimestamp(stamp);
+    } while (before != RealTimeMilliSeconds() || before % 1000 < 100);
+    EXPECT_EQ(stamp + 9, std::to_string(before % 1000));
 }
 
 TEST_F(Traces, ASearchFindsTheWrongRowOrRunsOffTheTable) {
@@ -72,8 +103,11 @@ TEST_F(Traces, ASearchFindsTheWrongRowOrRunsOffTheTable) {
         EXPECT_EQ(LutGetString(table, 4711), nullptr);
     }
 
+    char tab[] = "CONTENT\t ";
+    EXPECT_EQ(LutGetValue(gRtGroups, tab), -1);
+
     UInt8 bytes[4] = {0xEE, 0xEE, 0xEE, 0xEE};
-    EXPECT_EQ(CmDebgHexToBinCopy("12AF7", bytes, 5), 0);  // half a byte is none
+    EXPECT_EQ(CmDebgHexToBinCopy("12AF77", bytes, 5), 0);  // half a byte is none
     EXPECT_EQ(CmDebgHexToBinCopy("12a4", bytes, 4), 'a');
     char text[] = "?????????";
     EXPECT_EQ(CmDebgBinToHexCopy(bytes, text, 3), 0);
