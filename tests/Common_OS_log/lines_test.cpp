@@ -202,6 +202,22 @@ TEST_F(LogLines, SettingsChangeOnTheirWayThroughTheStore) {
     EXPECT_EQ(Printed(), "show filters:\n  \"one\"\ncull filters:\n  \"" +
                              std::string(kLogFilterSize - 1, 'c') +
                              "\"\nINFO  pc[0]: config: asked\nINFO  pc[0]: a: one\n");
+
+    stored = {{"logformat0", "  level bogus proc date"}};
+    EXPECT_EQ(logmsg_format_load() + logmsg_get_format() * 10, 130);
+    EXPECT_EQ(logmsg_format_dump() + logmsg_format_save(), 0);
+    std::string spew = stored["logformat0"];
+    for (const char* value : {"tRUE", "", "1"}) {  // no variable changes nothing
+        stored["spewfilter0"] = value;
+        logmsg_spewfilter_load();
+        spew += std::to_string(logmsg_get_spewfilter());
+    }
+    for (const int on : {2, 0}) {
+        logmsg_set_spewfilter(on);
+        spew += stored["spewfilter0"];
+    }
+    EXPECT_EQ(spew, "date level proc 110TrueFalse");
+    EXPECT_THAT(Printed(), testing::StartsWith("date level proc \n"));
 }
 
 }  // namespace

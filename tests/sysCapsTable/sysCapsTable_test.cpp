@@ -21,7 +21,7 @@ sysCapsT gVideo[] = {{"zoom", &gZoom, 0, " %f "}, {}};
 sysCapsT gAudio[] = {{"codec", gCodec, 0, "%s"}, {}};
 sysCapsT gComm[] = {{"rate", Number(64), 0, "%d"}, {"rate", Number(128), 1, "%d"}, {}};
 sysCapsT gSystem[] = {{"ports", Number(7), 0, "0x%02x"}, {}};
-sysCapsT* gTable[] = {gVideo, gAudio, gComm, nullptr, gSystem};
+sysCapsT* gTable[] = {gVideo, gAudio, gComm, nullptr, gSystem, gComm};  // the last is no section
 
 sysCapsT** Build(hwTypeT hwType) {
     EXPECT_EQ(hwType, kHarbor);
@@ -68,8 +68,12 @@ TEST_F(SysCaps, RowsAreFoundByExactNameAndInstance) {
                   Formatted(7, "rate", 0),
               "(none)(none)(none)");
     EXPECT_EQ(setCapability(eSysCapComm, "rate", 1, Number(99)), kNoError);
-    EXPECT_EQ(Formatted(eSysCapComm, "rate", 0) + Formatted(eSysCapComm, "rate", 1), "6499");
-    EXPECT_EQ(setCapability(5, "rate", 1, Number(99)), kFuncReturnedError);
+    EXPECT_EQ(setCapability(5, "rate", 1, Number(98)), kFuncReturnedError);
+    testing::internal::CaptureStdout();
+    dumpCapabilities(nullptr, eSysCapComm);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Section: comm\tKey: rate\tInstance: 0\tValue: 64\n"
+              "Section: comm\tKey: rate\tInstance: 1\tValue: 99\n");
 }
 
 TEST_F(SysCaps, ADumpBeyondTheSectionsShowsAll) {
@@ -90,7 +94,8 @@ TEST_F(SysCaps, TheRateFollowsBoardAndSecurityAndChangesNothingWhenRefused) {
         const char* board;
         const char* secure;
         const char* rate;
-    } cases[] = {{"Tamarisk", "True", "8192"}, {"oak", "False", "6144"}, {"oak", "TRUE", "4096"}};
+    } cases[] = {
+        {"Tamarisk", "True", "8192"}, {"willow", "False", "6144"}, {"oak", "TRUE", "4096"}};
     for (const auto& c : cases) {
         setenv("CORVANE_BOARDID", c.board, 1);
         ConfigWrite("securemode", 0, c.secure);
