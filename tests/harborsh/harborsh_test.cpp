@@ -112,6 +112,26 @@ TEST(Harborsh, AShowFilterOfOneRunWorksInTheNext) {
     std::filesystem::remove_all(store);
 }
 
+TEST(Harborsh, AScriptThatCallsItselfThreeTimesHoldsUpNeitherTheNextLineNorTheEnd) {
+    const std::string name = testing::TempDir() + "harborsh_script" + std::to_string(getpid());
+    const std::string calls = "script " + name + "\nscript " + name + "\nscript " + name + "\n";
+    const auto run = [&](const std::string& first, const std::string& behind) {
+        std::ofstream(name + ".scr") << first << calls;
+        return RunShell("-w 120 -c 'script " + name + "; " + behind + "'");
+    };
+    const ResultT result = run("", "devices");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(Has(result.text, "Ser         8 closed")) << result.text.size();
+    // A script a second until the shell ends: what waits then is dropped.
+    const std::string slow = run("sleep 1000\n", "").text;
+    size_t begun = 0;
+    for (size_t at = 0; (at = slow.find("Executing", at)) != std::string::npos; at++) {
+        begun++;
+    }
+    EXPECT_LT(begun, 20U);
+    unlink((name + ".scr").c_str());
+}
+
 TEST(Harborsh, ATerminalGetsAPromptCompletionAndHistory) {
     Session session;
     session.Run("noti\tfirst\r", {"notify first", "NOTIFY: first\r\n"});

@@ -198,8 +198,9 @@ void LineOutcome(eErrorT err, const char* text, void*) {
     }
 }
 
+// A shell that ends does not wait for the scripts that scripts have left waiting.
 eErrorT ScriptCmd(int, char** argv, char*) {
-    return MsgExecuteScript(argv[1], LineOutcome, nullptr);
+    return Stopping() ? kBadState : MsgExecuteScript(argv[1], LineOutcome, nullptr);
 }
 
 CmdEntryT* Commands() {
