@@ -5,11 +5,17 @@
 #include <sys/syscall.h>
 #include <time.h>
 
+#include <functional>
+#include <map>
+#include <random>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Common/OS/linux/intsoff.h"
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/os_init.h"
+#include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/syslogq.h"
 #include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
@@ -51,15 +57,97 @@ TEST(Semaphore, IdsThatAreNoSemaphoreAreRefusedByEveryCall) {
     }
 }
 
-TEST(Semaphore, ItsOneTokenIsGivenTwiceOrByOneWhoDoesNotHoldIt) {
-    const UInt32 id = Create(5);  // any count makes one
-    const auto taken = [id] { EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmTaken); };
-    EXPECT_EQ(sm_p(id, kSmNoWait, 0), kSmOk);
-    taken();
-    InAnotherThread([&] { EXPECT_EQ(sm_v(id), kSmOk); });
-    InAnotherThread(taken);
-    EXPECT_EQ(sm_v(id), kSmOk);
-    EXPECT_EQ(sm_v(id), kSmOk);
+namespace {
+
+// A task that does one thing after the other, told by the test.
+class WorkerT {
+  public:
+    WorkerT() { Start(); }
+    ~WorkerT() { t_delete(id_); }
+    void Start() {
+        id_ = Spawn("work", [this] {
+            for (UInt32 event;;) {
+                ev_receive(1, 0, 0, &event);
+                job_();
+                done_ = true;
+            }
+        });
+    }
+    void Do(std::function<void()> job) {
+        job_ = std::move(job);
+        done_ = false;
+        ev_send(id_, 1);
+        ASSERT_TRUE(Eventually([this] { return done_.load(); }));
+    }
+    // The task ends, and another one takes its place.
+    void End() {
+        t_delete(id_);
+        Start();
+    }
+
+  private:
+    UInt32 id_ = 0;
+    std::function<void()> job_;
+    std::atomic<bool> done_{false};
+};
+
+}  // namespace
+
+TEST(Semaphore, RandomUseByTasksThatEndDiffersFromAModel) {
+    constexpr int kNobody = -1;
+    os_init();
+    WorkerT workers[3];
+    std::map<UInt32, int> holders;  // of each semaphore
+    std::vector<UInt32> deleted;
+    int inside = kNobody;  // who has switched interrupts off, and how often
+    UInt32 depth = 0;
+    std::mt19937 random(9);
+    for (int step = 0; step < 3000; step++) {
+        const int who = static_cast<int>(random() % 3);
+        auto chosen = holders.begin();
+        std::advance(chosen, holders.empty() ? 0 : random() % holders.size());
+        const UInt32 id = chosen != holders.end() ? chosen->first : 0;
+        const int holder = chosen != holders.end() ? chosen->second : kNobody;
+        const UInt32 what = static_cast<UInt32>(random() % 16);
+        if (id == 0 || (what == 0 && holders.size() < 40)) {
+            const UInt32 tokens = static_cast<UInt32>(random() % 3);
+            workers[who].Do([&] {
+                const UInt32 made = Create(tokens);
+                EXPECT_EQ(holders.count(made), 0U);
+                holders[made] = tokens == 0 ? who : kNobody;
+            });
+        } else if (what < 5) {
+            const UInt32 opt = holder == kNobody && what < 3 ? 0 : kSmNoWait;
+            workers[who].Do(
+                [&] { EXPECT_EQ(sm_p(id, opt, 0), holder == kNobody ? kSmOk : kSmTaken); });
+            chosen->second = holder == kNobody ? who : holder;
+        } else if (what < 10) {
+            workers[who].Do([&] { EXPECT_EQ(sm_v(id), kSmOk); });
+            chosen->second = holder == who ? kNobody : holder;
+        } else if (what == 10 && (holder == kNobody || holder == who)) {
+            workers[who].Do([&] { EXPECT_EQ(sm_delete(id), kSmOk); });
+            holders.erase(chosen);
+            deleted.push_back(id);
+        } else if (what < 13 && (inside == who || inside == kNobody)) {
+            workers[who].Do([&] { EXPECT_EQ(interruptsOff(), depth + 1); });
+            inside = who;
+            depth++;
+        } else if (what < 15) {
+            workers[who].Do([&] { interruptsRestore(depth + step % 2); });
+            depth -= inside == who ? 1 : 0;
+            inside = depth == 0 ? kNobody : inside;
+        } else if (step % 4 == 0) {
+            workers[who].End();
+            for (auto& [smid, held_by] : holders) {
+                held_by = held_by == who ? kNobody : held_by;
+            }
+            depth = inside == who ? 0 : depth;
+            inside = inside == who ? kNobody : inside;
+        }
+        for (const UInt32 old : deleted) {
+            ASSERT_TRUE(holders.count(old) != 0 || sm_p(old, 0, 0) == kSmBadId);
+        }
+    }
 }
 
 TEST(Semaphore, ZeroTokensMeanTakenByTheCreatorAndAWaiterCanBeDeleted) {

@@ -3,7 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <random>
+#include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Common/OS/linux/lowmem.h"
@@ -49,37 +52,179 @@ TEST(Tasks, TheEntryGetsItsFourWordsAndTheTaskEndsWithIt) {
     EXPECT_THAT(seen, testing::ElementsAre(args[0], args[1], args[2], args[3], id, 77));
 }
 
-TEST(Tasks, NamesAreFoundInCreationOrderAndUnknownOnesStoreZero) {
-    UInt32 ids[3];
-    UInt32 found = 99;
-    for (UInt32& id : ids) {
-        ASSERT_EQ(t_create(&id == ids + 2 ? nullptr : "same", 1, 0, 0, 0, &id), kTaskOk);
-    }
-    for (const UInt32 id : {ids[0], ids[1]}) {
-        EXPECT_EQ(t_ident("same", 0, &found), kTaskOk);
-        EXPECT_EQ(found, id);
-        t_delete(id);
-    }
-    for (const char* unknown : {"same", static_cast<const char*>(nullptr)}) {
-        found = 99;
-        EXPECT_EQ(t_ident(unknown, 0, &found), kTaskNotFound);  // this thread is no task
-        EXPECT_EQ(found, 0U);
-    }
-    EXPECT_STREQ(t_name(ids[2]), "");
+namespace {
+
+// What is known of one task, from outside.
+struct TaskModelT {
+    UInt32 id;
+    std::string name;  // four characters at most
+    UInt32 priority;
+    UInt32 incarnation;
+    bool started = false;
+    UInt32 refcon = 0;
+    int policy = SCHED_OTHER;
+};
+
+bool MayBeRealTime() {
+    const sched_param round_robin = {1};
+    const sched_param shared = {0};
+    return sched_setscheduler(0, SCHED_RR, &round_robin) == 0 &&
+           sched_setscheduler(0, SCHED_OTHER, &shared) == 0;
 }
 
-TEST(Tasks, PrioritiesOutOfRangeBecomeZeroWithAWarning) {
-    const StdoutFile out;
-    InitSyslogInterface();
-    const UInt32 id = Spawn(
-        "prio", [] { tm_wkafter(1000); }, 150);
-    EXPECT_TRUE(out.WaitFor("os: t_start priority 150 out of range, setting to 0\n")) << out.Text();
-    for (const auto& [priority, before] : {std::pair{20U, 0U}, {100, 20}, {5, 0}}) {
-        UInt32 old = 99;
-        EXPECT_EQ(t_setpri(id, priority, &old), kTaskOk);
-        EXPECT_EQ(old, before);
+// Does random operations on tasks and on what is known of them.
+class TaskModelsT {
+  public:
+    std::string text;  // what must be printed
+    std::string log;   // what must be logged
+
+    TaskModelsT() {
+        UInt32 writer;
+        t_ident("logw", 0, &writer);
+        tasks_.push_back({writer, "logw", static_cast<UInt32>(from_id<TCB>(writer)->priority),
+                          t_incarnation(writer), true});
     }
-    t_delete(id);
+
+    void Create(const char* name, UInt32 priority) {
+        UInt32 id = 0;
+        EXPECT_EQ(t_create(name, priority, 1, 2, 3, &id), kTaskOk);
+        tasks_.push_back(
+            {id, std::string(name != nullptr ? name : "", 0, 4), priority, t_incarnation(id)});
+        EXPECT_TRUE(uses_.insert({id, t_incarnation(id)}).second) << "a number used again";
+    }
+
+    void Start(TaskModelT& task) {
+        Checked("t_start", &task.priority);
+        EXPECT_EQ(t_start(task.id, 0, Sleep, nullptr), kTaskOk);
+        task.started = true;
+        EXPECT_TRUE(Eventually([&] { return t_is_open(task.id) != 0 && Tid(task) != 0; }));
+    }
+
+    void Delete(size_t at) {
+        const TaskModelT task = tasks_[at];
+        Print(&log, "pc[0]: os: task ???? deleted task:%4.4s, pid %d\n", task.name.c_str(),
+              Pid(task));
+        Print(&log, "pc[0]: os: deleted task:%s\n", Padded(task.name).c_str());
+        EXPECT_EQ(t_delete(task.id), kTaskOk);
+        EXPECT_EQ(t_exists(task.id) + t_is_open(task.id) + t_incarnation(task.id), 0U);
+        EXPECT_EQ(t_start(task.id, 0, Sleep, nullptr), kTaskNotFound);
+        tasks_.erase(tasks_.begin() + static_cast<long>(at));
+    }
+
+    void SetPriority(TaskModelT& task, UInt32 priority) {
+        const UInt32 before = task.priority;
+        UInt32 old = 999;
+        EXPECT_EQ(t_setpri(task.id, priority, &old), kTaskOk);
+        EXPECT_EQ(old, before);
+        if (priority == before) {
+            return;
+        }
+        task.priority = priority;
+        Checked("t_setpri", &task.priority);
+        if (task.started && real_time_) {
+            task.policy = before == 0 && task.priority != 0 ? SCHED_RR : SCHED_OTHER;
+            EXPECT_EQ(sched_getscheduler(Tid(task)), task.policy);
+        }
+    }
+
+    void Look() {
+        const std::string names[] = {"same", "b", "none", ""};
+        for (const std::string& name : names) {
+            UInt32 first = 0;
+            for (const TaskModelT& task : tasks_) {
+                first = first == 0 && task.name == name ? task.id : first;
+            }
+            UInt32 found = 99;
+            EXPECT_EQ(t_ident(name.c_str(), 7, &found), first != 0 ? kTaskOk : kTaskNotFound);
+            EXPECT_EQ(found, first) << name;
+        }
+        Print(&text, "T[%d] Task:  ID    Name  Priority PID\n", static_cast<int>(tasks_.size()));
+        for (size_t i = 0; i < tasks_.size(); i++) {
+            const TaskModelT& task = tasks_[i];
+            EXPECT_STREQ(t_name(task.id), task.name.c_str());
+            EXPECT_EQ(t_getRefCon(task.id), task.refcon);
+            EXPECT_EQ(t_incarnation(task.id), task.incarnation);
+            Print(&text, "T[%zu]    %08x  %4s    %3u    %3d\n", i, task.id, task.name.c_str(),
+                  task.priority, Pid(task));
+        }
+        osTaskDump();
+    }
+
+    void Step(UInt32 what, UInt32 number) {
+        const size_t at = tasks_.size() == 1 ? 0 : 1 + number % (tasks_.size() - 1);
+        const char* const names[] = {"same", "sameAsThat", "b", nullptr};
+        if (at == 0 || (what < 3 && tasks_.size() < 70)) {
+            Create(names[number % 4], number / 4 % 130);
+        } else if (what < 5 && !tasks_[at].started) {
+            Start(tasks_[at]);
+        } else if (what < 7) {
+            Delete(at);
+        } else if (what < 9) {
+            SetPriority(tasks_[at], number % 3 == 0 ? tasks_[at].priority : number / 7 % 130);
+        } else {
+            tasks_[at].refcon = number;
+            EXPECT_EQ(t_setRefCon(tasks_[at].id, number), kTaskOk);
+        }
+    }
+
+    void DeleteAll() {
+        while (tasks_.size() > 1) {
+            Delete(tasks_.size() / 2);
+        }
+    }
+
+  private:
+    static int Tid(const TaskModelT& task) { return from_id<TCB>(task.id)->tid; }
+    static int Pid(const TaskModelT& task) { return task.started ? getpid() : 0; }
+    static std::string Padded(const std::string& name) {
+        return std::string(4 - name.size(), ' ') + name;
+    }
+
+    template <typename... ArgsT>
+    static void Print(std::string* text, const char* format, ArgsT... args) {
+        char line[200];
+        snprintf(line, sizeof(line), format, args...);
+        *text += line;
+    }
+
+    void Checked(const char* caller, UInt32* priority) {
+        if (*priority > 99) {
+            Print(&log, "pc[0]: os: %s priority %u out of range, setting to 0\n", caller,
+                  *priority);
+            *priority = 0;
+        }
+    }
+
+    const bool real_time_ = MayBeRealTime();
+    std::vector<TaskModelT> tasks_;
+    std::set<std::pair<UInt32, UInt32>> uses_;  // ids and incarnations so far
+};
+
+}  // namespace
+
+TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
+    StdoutFile out;
+    InitSyslogInterface();
+    syslogSetLogLevel(4);
+    TaskModelsT model;
+    std::string text;
+    std::string log;
+    std::mt19937 random(5);
+    for (int step = 0; step < 800; step++) {
+        const UInt32 what = static_cast<UInt32>(random() % 10);
+        model.Step(what, static_cast<UInt32>(random() % 100000));
+        if (step % 20 == 0) {
+            EXPECT_TRUE(Eventually([&] {
+                log += out.Fresh();
+                return log.size() >= model.log.size();
+            }));
+            model.Look();
+            text += out.Fresh();
+        }
+    }
+    EXPECT_EQ(text, model.text);
+    EXPECT_EQ(log, model.log.substr(0, log.size()));
+    model.DeleteAll();
 }
 
 TEST(Tasks, StaleIdsTouchNothing) {
@@ -223,32 +368,39 @@ TEST(Tasks, ReportsNameEveryTask) {
     t_delete(id);
 }
 
-TEST(Events, OnlyTheMatchedBitsAreConsumedAndATimedWaitLeavesNoTimer) {
+TEST(Events, RandomSendsAndReceivesDifferFromAModelOrATimedWaitLeavesItsTimer) {
     UInt32 captured = 0;
     EXPECT_EQ(ev_receive(1, 0, 0, &captured), kTaskNotATask);
     ASSERT_EQ(t_attach("main", 0, nullptr), kTaskOk);
     EXPECT_EQ(ev_send(0, 0x80000033), kTaskOk);
-    const struct {
-        UInt32 mask, opt, ticks, result, captured;
-    } cases[] = {
-        {0x1, 0, 0, kTaskOk, 0x1},
-        {0, 0, 0, kTaskOk, 0x80000032},  // only looks
-        {0x6, kEvNoWait, 0, kTaskNoEvents, 0},
-        {0x6, kEvNoWait | kEvAny, 0, kTaskOk, 0x2},
-        {0x80000020, kEvNoWait, 0, kTaskOk, 0x80000020},
-        {0x30, 0, 5, kTaskTimeOut, 0},
-        {0x30, 0, 5, kTaskTimeOut, 0},
-        {0x30, kEvAny, 5, kTaskOk, 0x10},
-        {0xFFFFFFFF, kEvNoWait | kEvAny, 0, kTaskNoEvents, 0},
-    };
-    for (const auto& c : cases) {
-        captured = 0;
-        const double ms = MillisecondsOf(
-            [&] { EXPECT_EQ(ev_receive(c.mask, c.opt, c.ticks, &captured), c.result); });
-        EXPECT_EQ(captured, c.captured) << c.mask;
-        // The first of the five ticks may be almost over when it is armed.
-        EXPECT_TRUE(c.result != kTaskTimeOut || ms >= 39) << ms;
+    std::mt19937 random(3);
+    UInt32 present = 0x80000033;
+    for (int step = 0; step < 20000; step++) {
+        const UInt32 mask = static_cast<UInt32>(random() & random());
+        const UInt32 opt = static_cast<UInt32>(random() % 4);
+        if (step % 2 == 0) {
+            const UInt32 few = mask & static_cast<UInt32>(random());
+            EXPECT_EQ(ev_send(random() % 2 == 0 ? 0 : Self(), few), kTaskOk);
+            present |= few;
+            continue;
+        }
+        // A mask of no events only looks; waiting for what is not there takes a tick.
+        const UInt32 wanted = step % 37 == 0 ? 0 : step % 3 == 0 ? mask & present : mask;
+        const bool all = (present & wanted) == wanted;
+        const UInt32 match = (opt & kEvAny) != 0 ? present & wanted : all ? wanted : 0;
+        const bool waits = match == 0 && wanted != 0 && (opt & kEvNoWait) == 0;
+        captured = 99;
+        const UInt32 result = ev_receive(wanted, opt, 1, &captured);
+        EXPECT_EQ(events_matched(present, wanted, opt), match);
+        EXPECT_EQ(result, wanted == 0 || match != 0 ? kTaskOk
+                          : waits                   ? kTaskTimeOut
+                                                    : kTaskNoEvents);
+        ASSERT_EQ(captured, wanted == 0 ? present : match != 0 ? match : 99) << step;
+        present &= ~match;
+        step += waits ? 600 : 0;
     }
+    // The first of the five ticks may be almost over when it is armed.
+    EXPECT_GE(MillisecondsOf([&] { ev_receive(1U << 31 | present, 0, 5, &captured); }), 39);
     EXPECT_EQ(timerList, nullptr);
 }
 
