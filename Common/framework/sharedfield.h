@@ -10,22 +10,22 @@
 // The field's value; what its writer stored before it is visible too.
 template <typename T>
 inline T FieldRead(const T& field) {
-    return std::atomic_ref<T>(const_cast<T&>(field)).load(std::memory_order_acquire);
+    return std::atomic_ref<T>(const_cast<T&>(field)).load();
 }
 
 // Stores a value and makes everything stored before it visible to who reads the value.
 template <typename T>
 inline void FieldWrite(T& field, std::type_identity_t<T> value) {
-    std::atomic_ref<T>(field).store(value, std::memory_order_release);
+    std::atomic_ref<T>(field).store(value);
 }
 
 // Sets bits of a field that other tasks may set and clear too.
 template <typename T>
 inline void FieldSetBits(T& field, std::type_identity_t<T> bits) {
-    std::atomic_ref<T>(field).fetch_or(bits, std::memory_order_acq_rel);
+    std::atomic_ref<T>(field).fetch_or(bits);
 }
 
 template <typename T>
 inline void FieldClearBits(T& field, std::type_identity_t<T> bits) {
-    std::atomic_ref<T>(field).fetch_and(static_cast<T>(~bits), std::memory_order_acq_rel);
+    std::atomic_ref<T>(field).fetch_and(static_cast<T>(~bits));
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/taskinfo.h"
@@ -174,7 +175,10 @@ class TaskModelsT {
     }
 
   private:
-    static int Tid(const TaskModelT& task) { return from_id<TCB>(task.id)->tid; }
+    static int Tid(const TaskModelT& task) {
+        const MutexGuardT guard(&tcblistmutex);
+        return from_id<TCB>(task.id)->tid;
+    }
     static int Pid(const TaskModelT& task) { return task.started ? getpid() : 0; }
     static std::string Padded(const std::string& name) {
         return std::string(4 - name.size(), ' ') + name;
@@ -205,7 +209,9 @@ class TaskModelsT {
 TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
     StdoutFile out;
     InitSyslogInterface();
+    ASSERT_TRUE(out.WaitFor("os: task:logw "));  // from here on it shows its process
     syslogSetLogLevel(4);
+    out.Fresh();
     TaskModelsT model;
     std::string text;
     std::string log;

@@ -34,7 +34,7 @@ class BlockPoolT {
 
     // The block, in use or free, that `id` names; null when the id is not one of the pool's.
     T* Find(UInt32 id) const {
-        const int count = count_.load(std::memory_order_acquire);
+        const int count = count_;
         for (int i = 0; i < count; i++) {
             const UInt32 offset = id - chunks_[i].first_id;
             if (offset < chunks_[i].bytes) {
@@ -47,7 +47,7 @@ class BlockPoolT {
     // Calls `visit` for every block, in use or free.
     template <typename VisitT>
     void ForEach(VisitT visit) {
-        for (int i = 0; i < count_.load(std::memory_order_relaxed); i++) {
+        for (int i = 0; i < count_; i++) {
             for (UInt32 offset = 0; offset < chunks_[i].bytes; offset += kStride) {
                 visit(from_id<T>(chunks_[i].first_id + offset));
             }
@@ -66,7 +66,7 @@ class BlockPoolT {
     };
 
     bool Grow() {
-        const int i = count_.load(std::memory_order_relaxed);
+        const int i = count_;
         if (i == kMaxChunks) {
             return false;
         }
@@ -80,7 +80,7 @@ class BlockPoolT {
             Give(from_id<T>(first + offset - kStride));
         }
         chunks_[i] = {first, bytes};
-        count_.store(i + 1, std::memory_order_release);
+        count_ = i + 1;
         return true;
     }
 

@@ -11,7 +11,8 @@ pthread_mutex_t intsoffmutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-// Written inside the section only; read outside it to report misuse.
+// Written inside the section only; read outside it to report misuse. Explicit orders for the same
+// reason as in semaphores.cpp.
 std::atomic<pthread_t> intsoffthread{};
 std::atomic<int> intsoffcount{0};
 

@@ -14,19 +14,19 @@ std::atomic<size_t> gInUse{0};
 void* LowCalloc(size_t size) {
     void* block = calloc(1, size != 0 ? size : 1);
     if (block != nullptr) {
-        gInUse.fetch_add(malloc_usable_size(block), std::memory_order_relaxed);
+        gInUse += malloc_usable_size(block);
     }
     return block;
 }
 
 void LowFree(void* block) {
     if (block != nullptr) {
-        gInUse.fetch_sub(malloc_usable_size(block), std::memory_order_relaxed);
+        gInUse -= malloc_usable_size(block);
         memset(block, 0, malloc_usable_size(block));
         free(block);
     }
 }
 
 size_t LowBytesInUse() {
-    return gInUse.load(std::memory_order_relaxed);
+    return gInUse;
 }

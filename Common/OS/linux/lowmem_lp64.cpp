@@ -113,7 +113,7 @@ void* LowCalloc(size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
-    gInUse.fetch_add(payload, std::memory_order_relaxed);
+    gInUse += payload;
     if (reused) {
         if (__asan_unpoison_memory_region != nullptr) {
             __asan_unpoison_memory_region(header + 1, payload);
@@ -128,7 +128,7 @@ void LowFree(void* block) {
         return;
     }
     HeaderT* header = static_cast<HeaderT*>(block) - 1;
-    gInUse.fetch_sub(header->payload, std::memory_order_relaxed);
+    gInUse -= header->payload;
     memset(block, 0, header->payload);
     if (__asan_poison_memory_region != nullptr) {
         __asan_poison_memory_region(block, header->payload);
@@ -140,5 +140,5 @@ void LowFree(void* block) {
 }
 
 size_t LowBytesInUse() {
-    return gInUse.load(std::memory_order_relaxed);
+    return gInUse;
 }

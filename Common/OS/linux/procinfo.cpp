@@ -68,12 +68,12 @@ int read_command(const char* command, char* buff, int max) {
 }
 
 int is_NFS() {
-    int answer = gIsNfs.load(std::memory_order_relaxed);
+    int answer = gIsNfs;
     if (answer == kUnknown) {
         char line[256];
         const bool found = read_command("mount | grep \"on / type nfs\"", line, sizeof(line)) == 0;
         answer = found && line[0] != '\0' ? -1 : 0;
-        gIsNfs.store(answer, std::memory_order_relaxed);
+        gIsNfs = answer;
     }
     return answer;
 }

@@ -15,6 +15,10 @@ namespace {
 constexpr char kSignature[4] = {'S', 'E', 'M', 'A'};
 constexpr long kWaitSlice = 50 * 1000 * 1000;  // ns; how late a waiting task sees its deletion
 
+// Who holds a semaphore is written under its mutex and read by others only to see that they do not.
+// With the default order taking and giving back took four fifths longer on a workstation.
+constexpr auto kHolderOrder = std::memory_order_relaxed;
+
 BlockPoolT<SMCB> gPool;
 pthread_mutex_t gPoolMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -83,7 +87,7 @@ UInt32 sm_create(const SInt8* name, UInt32 tokencount, UInt32, UInt32* smid) {
         }
         holder = pthread_self();
     }
-    sm->holder.store(holder, std::memory_order_relaxed);
+    sm->holder.store(holder, kHolderOrder);
     sm->signature = SignatureWord();
     *smid = id_of(sm);
     return kSmOk;
@@ -106,7 +110,7 @@ UInt32 sm_p(UInt32 smid, UInt32 opt, UInt32) {
         logcrit("os", "sm_p pthread_mutex_lock error %d\n", err);
         return kSmOk;
     }
-    sm->holder.store(pthread_self(), std::memory_order_relaxed);
+    sm->holder.store(pthread_self(), kHolderOrder);
     return kSmOk;
 }
 
@@ -116,8 +120,8 @@ UInt32 sm_v(UInt32 smid) {
         return kSmBadId;
     }
     int err = EPERM;
-    if (sm->holder.load(std::memory_order_relaxed) == pthread_self()) {
-        sm->holder.store(pthread_t{}, std::memory_order_relaxed);
+    if (sm->holder.load(kHolderOrder) == pthread_self()) {
+        sm->holder.store(pthread_t{}, kHolderOrder);
         err = pthread_mutex_unlock(&sm->mutex);
     }
     if (err != 0) {
@@ -132,8 +136,8 @@ UInt32 sm_delete(UInt32 smid) {
         return kSmBadId;
     }
     sm->signature = 0;
-    if (sm->holder.load(std::memory_order_relaxed) == pthread_self()) {
-        sm->holder.store(pthread_t{}, std::memory_order_relaxed);
+    if (sm->holder.load(kHolderOrder) == pthread_self()) {
+        sm->holder.store(pthread_t{}, kHolderOrder);
         pthread_mutex_unlock(&sm->mutex);
     }
     const int err = pthread_mutex_destroy(&sm->mutex);
@@ -149,8 +153,8 @@ void sm_release_all() {
     const pthread_t self = pthread_self();
     MutexGuardT guard(&gPoolMutex);
     gPool.ForEach([self](SMCB* sm) {
-        if (sm->holder.load(std::memory_order_relaxed) == self) {
-            sm->holder.store(pthread_t{}, std::memory_order_relaxed);
+        if (sm->holder.load(kHolderOrder) == self) {
+            sm->holder.store(pthread_t{}, kHolderOrder);
             pthread_mutex_unlock(&sm->mutex);
         }
     });

@@ -90,12 +90,12 @@ class TimeOutT {
 
 // Takes the matched events if the wait is over; 0 while it is not.
 UInt32 Match(const TCB* tcb, UInt32 mask, UInt32 opt) {
-    return events_matched(tcb->events_captured.load(std::memory_order_acquire), mask, opt);
+    return events_matched(tcb->events_captured, mask, opt);
 }
 
 void Consume(TCB* tcb, UInt32 matched, UInt32* captured) {
     *captured = matched;
-    tcb->events_captured.fetch_and(~matched, std::memory_order_acq_rel);
+    tcb->events_captured &= ~matched;
 }
 
 // Waits with the event mutex held. Returns the matched events, or 0 when `timedout` was set.
@@ -159,10 +159,10 @@ UInt32 events_matched(UInt32 captured, UInt32 mask, UInt32 opt) {
 
 UInt32 ev_send(UInt32 tid, UInt32 new_events) {
     TCB* tcb = t_resolve(tid);
-    if (tcb == nullptr || tcb->closed.load(std::memory_order_acquire)) {
+    if (tcb == nullptr || tcb->closed) {
         return kTaskNotFound;
     }
-    tcb->events_captured.fetch_or(new_events, std::memory_order_acq_rel);
+    tcb->events_captured |= new_events;
     int err = pthread_mutex_lock(&tcb->event_mutex);
     if (err != 0) {
         logerr("os", "ev_send mutex_lock failed %d, potential reentrancy problem\n", err);
@@ -187,7 +187,7 @@ UInt32 ev_receive(UInt32 mask, UInt32 opt, UInt32 max_wait, UInt32* captured) {
         return kTaskNotATask;
     }
     if (mask == 0) {
-        *captured = tcb->events_captured.load(std::memory_order_acquire);
+        *captured = tcb->events_captured;
         return kTaskOk;
     }
     EventLockT lock(tcb);

@@ -38,11 +38,11 @@ thread_local bool gEnding;  // the task has begun to end
 pthread_cond_t gGone = PTHREAD_COND_INITIALIZER;  // a claimed task became kTaskGone
 
 TaskLifeT Life(const TCB* tcb) {
-    return tcb->life.load(std::memory_order_acquire);
+    return tcb->life;
 }
 
 void SetLife(TCB* tcb, TaskLifeT life) {
-    tcb->life.store(life, std::memory_order_release);
+    tcb->life = life;
 }
 
 bool MakeSync(TCB* tcb) {
@@ -72,12 +72,12 @@ void Reset(TCB* tcb, const SInt8* name, UInt32 priority) {
     tcb->priority = static_cast<int>(priority);
     tcb->task_start = nullptr;
     tcb->mode = tcb->event_mask = tcb->events_pending = 0;
-    tcb->refcon.store(0, std::memory_order_relaxed);
-    tcb->events_captured.store(0, std::memory_order_relaxed);
-    tcb->incarnation.fetch_add(1, std::memory_order_relaxed);
-    tcb->closed.store(false, std::memory_order_relaxed);
+    tcb->refcon = 0;
+    tcb->events_captured = 0;
+    tcb->incarnation++;
+    tcb->closed = false;
     tcb->thread = pthread_t{};
-    tcb->deleter.store(pthread_t{}, std::memory_order_relaxed);
+    tcb->deleter = pthread_t{};
     tcb->prv_pri = {};
     tcb->tmid = 0;
     tcb->pid = tcb->tid = 0;
@@ -144,7 +144,7 @@ void EndOfTask(void* arg) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
     gSelf = tcb;
     gEnding = true;
-    if (void (*callback)() = gDeleteCallback.load(std::memory_order_acquire)) {
+    if (void (*callback)() = gDeleteCallback) {
         callback();
     }
     sm_release_all();
@@ -244,7 +244,7 @@ class GoneWaitT {
             }
             t_free_tcb(tcb_);
         } else {
-            tcb_->deleter.store(pthread_t{}, std::memory_order_release);
+            tcb_->deleter = pthread_t{};
             SetLife(tcb_, kTaskEnding);
         }
     }
@@ -281,7 +281,7 @@ class GoneWaitT {
 void DeleteOther(TCB* tcb, UInt32 use) {
     {
         MutexGuardT guard(&tcblistmutex);
-        if (tcb->incarnation.load(std::memory_order_relaxed) != use) {
+        if (tcb->incarnation != use) {
             return;
         }
         switch (Life(tcb)) {
@@ -290,7 +290,7 @@ void DeleteOther(TCB* tcb, UInt32 use) {
                 return;
             case kTaskRunning:
                 SetLife(tcb, kTaskBeingDeleted);
-                tcb->deleter.store(pthread_self(), std::memory_order_release);
+                tcb->deleter = pthread_self();
                 pthread_cancel(tcb->thread);
                 break;
             default:  // gone, or on its way
@@ -393,7 +393,7 @@ UInt32 t_delete(UInt32 tid) {
         if (tcb != nullptr) {
             memcpy(name, tcb->taskname, sizeof(name));
             pid = tcb->pid;
-            use = tcb->incarnation.load(std::memory_order_relaxed);
+            use = tcb->incarnation;
         }
     }
     logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n",
@@ -481,13 +481,13 @@ UInt32 t_setRefCon(UInt32 taskID, UInt32 refCon) {
     if (tcb == nullptr) {
         return kTaskNotFound;
     }
-    tcb->refcon.store(refCon, std::memory_order_release);
+    tcb->refcon = refCon;
     return kTaskOk;
 }
 
 UInt32 t_getRefCon(UInt32 taskID) {
     TCB* tcb = t_resolve(taskID);
-    return tcb != nullptr ? tcb->refcon.load(std::memory_order_acquire) : 0;
+    return tcb != nullptr ? tcb->refcon.load() : 0;
 }
 
 Boolean t_exists(UInt32 tid) {
@@ -497,30 +497,30 @@ Boolean t_exists(UInt32 tid) {
 void t_close() {
     TCB* tcb = t_self();
     if (tcb != nullptr) {
-        tcb->closed.store(true, std::memory_order_release);
+        tcb->closed = true;
     }
 }
 
 Boolean t_is_open(UInt32 tid) {
     const TCB* tcb = t_resolve(tid);
-    return tcb != nullptr && !tcb->closed.load(std::memory_order_acquire) ? 1 : 0;
+    return tcb != nullptr && !tcb->closed ? 1 : 0;
 }
 
 UInt32 t_incarnation(UInt32 tid) {
     const TCB* tcb = t_resolve(tid);
-    return tcb != nullptr ? tcb->incarnation.load(std::memory_order_acquire) : 0;
+    return tcb != nullptr ? tcb->incarnation.load() : 0;
 }
 
 int get_sched_policy() {
-    return sched_policy.load(std::memory_order_relaxed);
+    return sched_policy;
 }
 
 void set_sched_policy(int policy) {
-    sched_policy.store(policy, std::memory_order_relaxed);
+    sched_policy = policy;
 }
 
 void t_set_delete_callback(void (*callback)()) {
-    gDeleteCallback.store(callback, std::memory_order_release);
+    gDeleteCallback = callback;
 }
 
 const char* t_name_and_pri_from_pid(int pid, int* priority) {
