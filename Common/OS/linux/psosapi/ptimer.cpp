@@ -200,7 +200,6 @@ UInt32 Arm(const TMCB& wanted, UInt32* tmid) {
     freetimerList = timer->next;
     *timer = wanted;
     timer->taskID = self;
-    timer->next = nullptr;
     *tmid = id_of(timer);
     TMCB** link = &timerList;
     while (*link != nullptr) {
