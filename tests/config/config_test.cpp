@@ -91,8 +91,8 @@ class ModelT {
         static void (ModelT::*const kSteps[])() = {
             &ModelT::Write, &ModelT::Write,   &ModelT::Write, &ModelT::Read, &ModelT::Read,
             &ModelT::Read,  &ModelT::Delete,  &ModelT::Watch, &ModelT::Text, &ModelT::Unwatch,
-            &ModelT::Edit,  &ModelT::Restore, &ModelT::Dump,  &ModelT::Away, &ModelT::Store,
-            &ModelT::Fetch, &ModelT::Erase,   &ModelT::Edit,  &ModelT::Flush};
+            &ModelT::Edit,  &ModelT::Restore, &ModelT::Dump,  &ModelT::Away, &ModelT::Fetch,
+            &ModelT::Edit,  &ModelT::Flush};
         name_ = Draw(kNames);
         key_ = {name_.substr(0, kConfigNameLen), Draw(kInstances)};
         for (char& c : key_.first) {
@@ -114,14 +114,9 @@ class ModelT {
     }
 
   private:
-    static constexpr const char* kNames[] = {"v",
-                                             "V",
-                                             "v1",
-                                             "vAZ",
-                                             "Wx",
-                                             "w",
-                                             "n2345678901234567890123456789012",
-                                             "n2345678901234567890123456789012tail"};
+    static constexpr char kLong[] = "n2345678901234567890123456789012";
+    static constexpr char kLonger[] = "n2345678901234567890123456789012tail";
+    static constexpr const char* kNames[] = {"v", "V", "v1", "vAZ", "Wx", "w", kLong, kLonger};
     static constexpr int kInstances[] = {-2, 0, 1, 7};
     static constexpr const char* kUsers[] = {"a", "b", "c"};
     using KeyT = std::pair<std::string, int>;
@@ -181,15 +176,6 @@ class ModelT {
     bool HasDefault(std::string* content) const {
         return Has(generated_, content) || Has(choice_, content);
     }
-    bool Stores(const std::string& line) {
-        if (!away_) {
-            files_[dat_] = line + "\n";
-            written_ = gNow;
-            outstanding_ = true;
-        }
-        return !away_;
-    }
-
     // What a read finds; the mark of what is not set for nothing.
     std::string Value() {
         if (Item()->value.empty()) {
@@ -208,7 +194,11 @@ class ModelT {
         std::string told = value;
         if ((flags & kConfigCacheOnly) == 0) {
             told = FirstLine(value, value.size() + 1);
-            Stores(told);
+            if (!away_) {
+                files_[dat_] = told + "\n";
+                written_ = gNow;
+                outstanding_ = true;
+            }
         }
         std::vector<const char*> users = Cached()->users;
         users.push_back("all");
@@ -335,15 +325,7 @@ class ModelT {
                                 tree_.Path(away_ ? "away" : "dat"));
     }
 
-    // The store beneath the cache, called directly.
-    void Store() {
-        const std::string value = DrawValue();
-        const std::string line = FirstLine(value, value.size() + 1);
-        std::string given = value;
-        EXPECT_EQ(ConfigStoreWrite(key_.first.c_str(), key_.second, given.data()),
-                  Stores(line) ? kNoError : kBadParameter);
-        EXPECT_EQ(given.c_str(), line) << "cut in place";
-    }
+    // The store beneath the cache, read directly.
     void Fetch() {
         const size_t size = Draw<size_t>({1, 2, 29, 31, 370});
         const bool choice = OneIn(3);
@@ -355,10 +337,6 @@ class ModelT {
                   found ? kNoError : kBadParameter);
         EXPECT_EQ(value.back(), '#') << "written behind the buffer";
         EXPECT_EQ(value.c_str(), FirstLine(content, size));
-    }
-    void Erase() {
-        EXPECT_EQ(ConfigStoreDelete(key_.first.c_str(), key_.second),
-                  !away_ && files_.erase(dat_) == 1 ? kNoError : kBadParameter);
     }
     // Several lines, as a stream; instance 0.
     void Text() {
