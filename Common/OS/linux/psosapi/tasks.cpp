@@ -378,6 +378,10 @@ UInt32 t_start(UInt32 tid, UInt32 mode, fnptr* task_start, UInt32* params) {
 }
 
 UInt32 t_delete(UInt32 tid) {
+    return t_delete_incarnation(tid, 0);
+}
+
+UInt32 t_delete_incarnation(UInt32 tid, UInt32 incarnation) {
     TCB* self = t_self();
     const bool is_self = tid == 0 || tid == id_of(self);
     if (is_self && gEnding) {
@@ -395,6 +399,9 @@ UInt32 t_delete(UInt32 tid) {
             pid = tcb->pid;
             use = tcb->incarnation;
         }
+    }
+    if (incarnation != 0 && incarnation != use) {
+        return kTaskOk;
     }
     logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n",
             self != nullptr ? self->taskname : "????", name, pid);

@@ -91,6 +91,9 @@ UInt32 t_start(UInt32 tid, UInt32 mode, fnptr* task_start, UInt32* params);
 // Always returns 0.
 UInt32 t_delete(UInt32 tid);
 
+// t_delete for the use of the id that t_incarnation named (0: any): a newer task is left alone.
+UInt32 t_delete_incarnation(UInt32 tid, UInt32 incarnation);
+
 // With a null name, stores the caller's id; otherwise the first task with that four-character
 // name. `node` is ignored. Returns kTaskOk, or kTaskNotFound with 0 stored.
 UInt32 t_ident(const SInt8* name, UInt32 node, UInt32* tid);
