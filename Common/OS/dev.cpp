@@ -33,7 +33,7 @@ DEVCB* DeviceOf(UInt32 devid) {
 }
 
 bool IsOpen(const DEVCB* pDev) {
-    return pDev->state.load(std::memory_order_acquire) == kDevOpened;
+    return pDev->state == kDevOpened;
 }
 
 DEVCB* FindDevice(const SInt8* name, UInt32 instance) {
@@ -48,7 +48,7 @@ DEVCB* FindDevice(const SInt8* name, UInt32 instance) {
 void ClearList(IORBList* pIORBList) {
     pIORBList->pHead = nullptr;
     pIORBList->pTail = nullptr;
-    pIORBList->num.store(0, std::memory_order_relaxed);
+    pIORBList->num = 0;
 }
 
 void ForgetQueuedRequests(DEVCB* pDev) {
@@ -64,14 +64,14 @@ void Unlink(IORBList* pIORBList, IORB* pIORB) {
     (pIORB->pNext != nullptr ? pIORB->pNext->pPrevious : pIORBList->pTail) = pIORB->pPrevious;
     pIORB->pNext = nullptr;
     pIORB->pPrevious = nullptr;
-    pIORBList->num.fetch_sub(1, std::memory_order_relaxed);
+    pIORBList->num--;
 }
 
 int BuildPollSet(pollfd* ufds) {
     int count = 0;
     for (DEVCB* pDev = gpDEVCBHead; pDev != nullptr && count < kMaxPolled; pDev = pDev->pNext) {
-        const int fd = pDev->fd.load(std::memory_order_acquire);
-        const UInt32 flags = pDev->flags.load(std::memory_order_acquire);
+        const int fd = pDev->fd;
+        const UInt32 flags = pDev->flags;
         if (fd != 0 && (flags & kDevFlagCompletion) != 0) {
             ufds[count++] = pollfd{fd, POLLIN, 0};
         }
@@ -99,7 +99,7 @@ void ServeReadyDevice(DEVCB* pDev) {
             continue;
         }
         for (DEVCB* pDev = gpDEVCBHead; pDev != nullptr; pDev = pDev->pNext) {
-            if (UFD_ISSET(pDev->fd.load(std::memory_order_acquire), ufds, count) != 0) {
+            if (UFD_ISSET(pDev->fd, ufds, count) != 0) {
                 ServeReadyDevice(pDev);
             }
         }
@@ -122,12 +122,12 @@ UInt32 dev_init(DEVCB* pDev, const SInt8* name, UInt32 instance, DevOpenFuncT* o
     pDev->write = write;
     pDev->ioctl = ioctl;
     pDev->instance = instance;
-    pDev->state.store(kDevClosed, std::memory_order_relaxed);
+    pDev->state = kDevClosed;
     pDev->numBytesWritten = 0;
     pDev->numBytesRead = 0;
     pDev->numOpens = 0;
     pDev->numCloses = 0;
-    pDev->fd.store(0, std::memory_order_relaxed);
+    pDev->fd = 0;
     return kDevOk;
 }
 
@@ -177,14 +177,14 @@ UInt32 dev_open(const SInt8* name, UInt32 instance, UInt32* devid) {
     if (pDev == nullptr) {
         return kDevNotFound;
     }
-    pDev->flags.store(0, std::memory_order_release);
+    pDev->flags = 0;
     ForgetQueuedRequests(pDev);
     if (!IsOpen(pDev)) {
         const UInt32 err = pDev->open != nullptr ? pDev->open(pDev) : kDevOk;
         if (err != kDevOk) {
             return err;
         }
-        pDev->state.store(kDevOpened, std::memory_order_release);
+        pDev->state = kDevOpened;
     }
     *devid = id_of(pDev);
     return kDevOk;
@@ -192,12 +192,11 @@ UInt32 dev_open(const SInt8* name, UInt32 instance, UInt32* devid) {
 
 UInt32 dev_close(UInt32 devid) {
     DEVCB* pDev = DeviceOf(devid);
-    if (!IsOpen(pDev)) {
+    // Of several that close at once one calls the entry, and no request begins meanwhile.
+    if (pDev->state.exchange(kDevClosed) != kDevOpened) {
         return kDevOk;
     }
-    const UInt32 err = pDev->close != nullptr ? pDev->close(pDev) : kDevOk;
-    pDev->state.store(kDevClosed, std::memory_order_release);
-    return err;
+    return pDev->close != nullptr ? pDev->close(pDev) : kDevOk;
 }
 
 void dev_read(UInt32 devid, IORB* pIORB) {
@@ -310,7 +309,7 @@ UInt32 iorb_list_free(IORBList* pIORBList) {
 
 UInt32 iorb_list_avail(const IORBList* pIORBList) {
     OsAssertText(pIORBList != nullptr, "pIORBList");
-    return static_cast<UInt32>(pIORBList->num.load(std::memory_order_relaxed));
+    return static_cast<UInt32>(pIORBList->num);
 }
 
 UInt32 iorb_list_enqueue(IORBList* pIORBList, IORB* pIORB) {
@@ -322,7 +321,7 @@ UInt32 iorb_list_enqueue(IORBList* pIORBList, IORB* pIORB) {
     pIORB->pPrevious = pIORBList->pTail;
     (pIORBList->pTail != nullptr ? pIORBList->pTail->pNext : pIORBList->pHead) = pIORB;
     pIORBList->pTail = pIORB;
-    pIORBList->num.fetch_add(1, std::memory_order_relaxed);
+    pIORBList->num++;
     return kDevOk;
 }
 
@@ -352,7 +351,7 @@ UInt32 iorb_list_extract(IORBList* pIORBList, IORB* pIORB) {
 
 void add_dev_to_comp_task(DEVCB* pDev) {
     OsAssertText(pDev != nullptr, "pDev");
-    pDev->flags.fetch_or(kDevFlagCompletion, std::memory_order_acq_rel);
+    pDev->flags |= kDevFlagCompletion;
     if (io_comp_task_id != 0) {
         return;
     }

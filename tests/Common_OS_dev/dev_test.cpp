@@ -1,5 +1,4 @@
-// The device table: finding, opening and closing devices, the two ways a request runs, request
-// queues, and the task that serves queued reads.
+// The list of devices, requests allocated together, and the task that serves queued reads.
 #include "Common/OS/dev.h"
 
 #include <gtest/gtest.h>
@@ -15,48 +14,22 @@
 namespace {
 
 DEVCB devices[4];
-std::string calls;  // the entry points called, a letter each
-UInt32 result;      // of opening and closing
 char buffer[4];
 std::atomic<int> completions{0};
 
-UInt32 Open(DEVCB*) {
-    calls += 'o';
-    return result;
-}
-
-UInt32 Close(DEVCB*) {
-    calls += 'c';
-    return result;
-}
-
 void Read(DEVCB* pDev, IORB* pIORB) {
-    calls += 'r';
     pIORB->actLen = static_cast<UInt32>(read(pDev->fd, pIORB->pBuffer, pIORB->reqLen));
     if (pIORB->pUserCompFunc != nullptr) {
         pIORB->pUserCompFunc(pIORB);
     }
 }
 
-void Write(DEVCB*, IORB*) {
-    calls += 'w';
-}
-
-void Ioctl(DEVCB*, IORB* pIORB) {
-    calls += 'i';
-    pIORB->err = pIORB->ctlCode + 100;
-}
-
 void Done(IORB*) {
     completions++;
 }
 
-void Control(UInt32 devid, IORB* pIORB) {
-    dev_ioctl(devid, pIORB, 3);
-}
-
 void Add(DEVCB* pDev, const char* name, UInt32 instance) {
-    dev_init(pDev, name, instance, Open, Close, Read, Write, Ioctl);
+    dev_init(pDev, name, instance, nullptr, nullptr, Read, nullptr, nullptr);
     dev_add(pDev);
 }
 
@@ -70,69 +43,6 @@ std::string Listed() {
 }
 
 }  // namespace
-
-TEST(DeviceTable, ADeviceIsOpenedOnceClosedOnceAndFoundByNameAndInstanceOnly) {
-    Add(&devices[0], "Ser", 9);
-    Add(&devices[1], "Ser", 2);
-    UInt32 id = 0;
-    EXPECT_EQ(dev_open("Ser", 3, &id), kDevNotFound);
-    EXPECT_EQ(dev_open("Se", 9, &id), kDevNotFound);
-    result = 5;
-    EXPECT_EQ(dev_open("Ser", 2, &id), 5u);  // stays closed
-    result = 0;
-    EXPECT_EQ(dev_open("Ser", 2, &id), kDevOk);
-    EXPECT_EQ(dev_open("Ser", 2, &id), kDevOk);
-    EXPECT_EQ(id, id_of(&devices[1]));
-    EXPECT_EQ(dev_close(id), kDevOk);
-    EXPECT_EQ(calls, "ooc");
-}
-
-TEST(DeviceTable, ClosedDevicesAndMissingRoutinesAreReportedInTheRequest) {
-    const StdoutFile out;
-    Add(&devices[0], "Ser", 1);
-    dev_init(&devices[1], "None", 1, nullptr, nullptr, nullptr, nullptr, Ioctl);
-    dev_add(&devices[1]);
-    UInt32 bare = 0;
-    ASSERT_EQ(dev_open("None", 1, &bare), kDevOk);
-    std::string errors;
-    for (const UInt32 device : {id_of(&devices[0]), bare}) {
-        for (const auto issue : {dev_read, dev_write, Control}) {
-            IORB iorb = {};
-            iorb.pBuffer = buffer;
-            iorb.err = iorb.actLen = iorb.reqLen = 9;
-            issue(device, &iorb);
-            errors += std::to_string(iorb.err) + " ";
-            EXPECT_EQ(iorb.actLen, 0u);
-        }
-    }
-    EXPECT_EQ(errors, "48 48 48 0 0 103 ");
-    EXPECT_EQ(out.Text(), "dev_read: not open\ndev_read: no read routine\n");
-}
-
-TEST(DeviceTable, RequestsRunAtOnceUnlessACompletionFunctionQueuesThem) {
-    UInt32 self = 0;
-    t_attach("main", 0, &self);
-    t_ident(nullptr, 0, &self);
-    Add(&devices[0], "Ser", 1);
-    UInt32 id = 0;
-    ASSERT_EQ(dev_open("Ser", 1, &id), kDevOk);
-    IORB iorb = {};
-    iorb_init(&iorb, buffer, nullptr, 0, Done, 0);
-    dev_write(id, &iorb);  // nothing to write
-    iorb.reqLen = 4;
-    dev_write(id, &iorb);
-    EXPECT_EQ(calls, "ow");  // never queued
-    EXPECT_EQ(iorb.taskID, self);
-    dev_read(id, &iorb);
-    EXPECT_EQ(iorb_list_dequeue(&devices[0].readIORBs), &iorb);
-    dev_ioctl(id, &iorb, 1);
-    EXPECT_EQ(calls, "owi");  // nothing to queue behind
-    IORB first = {};
-    iorb_list_enqueue(&devices[0].ioctlIORBs, &first);
-    dev_ioctl(id, &iorb, 2);
-    EXPECT_EQ(calls, "owi");
-    EXPECT_EQ(iorb_list_avail(&devices[0].ioctlIORBs), 2u);
-}
 
 TEST(DeviceTable, DeletingKeepsTheListWalkable) {
     for (UInt32 i = 0; i < 4; i++) {
@@ -152,19 +62,14 @@ TEST(DeviceTable, DeletingKeepsTheListWalkable) {
     EXPECT_EQ(gpDEVCBTail, nullptr);
 }
 
-TEST(RequestQueue, KeepsOrderWhereverARequestIsTakenOut) {
+TEST(RequestQueue, AnAllocationIsQueuedInOrder) {
     IORBList list = {};
-    ASSERT_EQ(iorb_list_alloc(&list, 5), kDevOk);
-    IORB* all = list.pHead;
-    for (const int i : {2, 2, 4, 4, 1, 1}) {  // middle, tail, middle; gone already: no effect
-        iorb_list_extract(&list, &all[i]);
-    }
-    EXPECT_EQ(iorb_list_avail(&list), 2u);
-    EXPECT_EQ(iorb_list_dequeue(&list), &all[0]);
-    iorb_list_enqueue(&list, &all[0]);
-    EXPECT_EQ(iorb_list_dequeue(&list), &all[3]);
-    iorb_list_enqueue(&list, &all[3]);
+    ASSERT_EQ(iorb_list_alloc(&list, 3), kDevOk);
+    EXPECT_EQ(iorb_list_avail(&list), 3u);
+    EXPECT_EQ(list.pHead->pNext, list.pHead + 1);
+    EXPECT_EQ(list.pTail, list.pHead + 2);
     EXPECT_EQ(iorb_list_free(&list), kDevOk);
+    EXPECT_EQ(iorb_list_avail(&list), 0u);
 }
 
 TEST(CompletionTask, ServesMarkedDevicesInOrderAndReportsDataThatNobodyWaitsFor) {
