@@ -103,7 +103,6 @@ AT(DevMgrSerial_CB_t, tx_enabled, 128);
 AT(DevMgrSerial_CB_t, rx_enabled, 129);
 AT(DevMgrSerial_CB_t, threadID, 132);
 AT(DevMgrSerial_CB_t, portnum, 136);
-SIZE(DevMgrSerial_CB_t, 140);
 
 AT(RS232Cfg, bitRate, 0);
 AT(RS232Cfg, dataBits, 4);

@@ -76,50 +76,43 @@ UInt32 Configure(int fd, termios* line, const DevmgrSerial_Config_t& config) {
     return SERIAL_NOERROR;
 }
 
-void ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, termios* line, UInt32 status, UInt32* err) {
+UInt32 ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, termios* line, UInt32 status) {
     if ((status & PORT_RX_ENABLE) != 0) {
         SetBits(&line->c_cflag, CREAD, true);
-        serialCB->rx_enabled.store(1, std::memory_order_release);
+        serialCB->rx_enabled = 1;
     } else if ((status & PORT_RX_DISABLE) != 0) {
         SetBits(&line->c_cflag, CREAD, false);
-        serialCB->rx_enabled.store(0, std::memory_order_release);
+        serialCB->rx_enabled = 0;
     }
     SerialLineSetTransmitter(serialCB, status);
-    *err = BoardSetTerminal(fd, line) == 0 ? SERIAL_NOERROR : SERIAL_ERROR_UNKNOWN;
-    if (!SerialLineEnabled(serialCB)) {
-        DevMgrSerial_Stop_AsyncThread(serialCB);
-    } else if (*err == SERIAL_NOERROR) {
-        DevMgrSerial_Start_AsyncThread(serialCB, err);
+    const bool applied = BoardSetTerminal(fd, line) == 0;
+    const bool enabled = serialCB->tx_enabled != 0 || serialCB->rx_enabled != 0;
+    // Refused attributes start no thread.
+    SerialLineWantThread(serialCB, enabled && (applied || serialCB->threadWanted));
+    return applied ? SERIAL_NOERROR : SERIAL_ERROR_UNKNOWN;
+}
+
+UInt32 Change(DevMgrSerial_CB_t* serialCB, int fd, UInt32 ctlCode,
+              const DevmgrSerial_IoctlData_t& data) {
+    termios line = {};
+    if (tcgetattr(fd, &line) != 0) {
+        return SERIAL_ERROR_UNKNOWN;
+    }
+    switch (ctlCode) {
+        case kSerialCtlConfig:
+            return Configure(fd, &line, data.serConfig);
+        case kSerialCtlCallbacks:
+            SerialLineSetCallbacks(serialCB, data.CBInfo);
+            return SERIAL_NOERROR;
+        case kSerialCtlStatus:
+            return ChangeStatus(serialCB, fd, &line, data.PortStatus);
+        default:
+            return SERIAL_UNKNOWN_IOCTL;
     }
 }
 
 }  // namespace
 
 void DevMgrCPUSerial_Ioctl(DEVCB* pDev, IORB* pIORB) {
-    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
-    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
-        pIORB->err = SERIAL_INVALID_PARAM;
-        return;
-    }
-    const int fd = serialCB->devCB.fd.load(std::memory_order_acquire);
-    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
-    termios line = {};
-    if (tcgetattr(fd, &line) != 0) {
-        pIORB->err = SERIAL_ERROR_UNKNOWN;
-        return;
-    }
-    switch (pIORB->ctlCode) {
-        case kSerialCtlConfig:
-            pIORB->err = Configure(fd, &line, data->serConfig);
-            break;
-        case kSerialCtlCallbacks:
-            SerialLineCallbackRequest(serialCB, pIORB);
-            break;
-        case kSerialCtlStatus:
-            ChangeStatus(serialCB, fd, &line, data->PortStatus, &pIORB->err);
-            break;
-        default:
-            pIORB->err = SERIAL_UNKNOWN_IOCTL;
-            break;
-    }
+    SerialLineControl(pDev, pIORB, Change);
 }

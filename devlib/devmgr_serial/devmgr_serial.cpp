@@ -6,8 +6,10 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/select.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 
 #include "Common/OS/linux/board.h"
@@ -41,69 +43,77 @@ constexpr EntryPointsT kCpuEntryPoints = {DevMgrCPUSerial_Open, DevMgrCPUSerial_
                                           DevMgrCPUSerial_Read, DevMgrCPUSerial_Write,
                                           DevMgrCPUSerial_Ioctl};
 
-// One per line: held from seeing that bytes are there to reading them, so that of two readers (a
-// request and the line's thread) neither blocks in read(2) for bytes that the other took.
-struct ReadLockT {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-};
-constinit ReadLockT readLocks[kSerialLines];
+// How late a request that waits may see that its line was closed.
+constexpr UInt64 kWaitSlice = 50000;  // us
 
-int DescriptorOf(const DevMgrSerial_CB_t* serialCB) {
-    return serialCB->devCB.fd.load(std::memory_order_acquire);
+UInt64 MonotonicMicros() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<UInt64>(now.tv_sec) * 1000000 + static_cast<UInt64>(now.tv_nsec) / 1000;
 }
 
-// Requests carry a 32-bit count of microseconds, read as signed: with more than 2^31 of them the
-// wait is refused by the system as on the board, whatever the width of the field here.
-timeval TimeoutOf(const IORB* pIORB) {
-    timeval timeout = {};
-    timeout.tv_usec = static_cast<SInt32>(pIORB->timeout);
-    return timeout;
-}
-
-void SetResult(IORB* pIORB, UInt32 actLen, DevMgrSerial_error_t err) {
-    pIORB->actLen = actLen;
-    pIORB->err = err;
-}
-
-// Returns the descriptor, or a negative number.
-int OpenLine(DevMgrSerial_CB_t* serialCB) {
-    int fd = BoardOpenDevice(SerialPort_DevNames[serialCB->portnum]);
+// A descriptor that select(2) can watch, else -1.
+int Watchable(int fd) {
     if (fd >= FD_SETSIZE) {
-        close(fd);  // select(2) could not watch it
-        fd = -1;
-    }
-    if (fd >= 0) {
-        serialCB->devCB.fd.store(fd, std::memory_order_release);
-        serialCB->devCB.state.store(kDevOpened, std::memory_order_release);
-        serialCB->devCB.numOpens++;
+        close(fd);
+        return -1;
     }
     return fd;
 }
 
-// The thread goes before the descriptor: once closed, the descriptor's number may be given to
-// another file at any moment, and the thread must not read that.
-UInt32 CloseLine(DevMgrSerial_CB_t* serialCB) {
-    if (serialCB == nullptr || DescriptorOf(serialCB) < 0) {
+// Returns the descriptor, or a negative number.
+int OpenLine(DevMgrSerial_CB_t* serialCB) {
+    const NoCancelT no_cancel;  // between having the descriptor and noting it
+    const int fd = Watchable(BoardOpenDevice(SerialPort_DevNames[serialCB->portnum]));
+    if (fd < 0) {
+        return fd;
+    }
+    DEVCB* device = &serialCB->devCB;
+    const MutexGuardT held(&serialCB->lock);
+    if (device->numOpens > 0 && !serialCB->closed) {
+        close(fd);  // two opened it at once, and the other was first
+    } else {
+        device->fd = fd;
+        device->numOpens++;
+        serialCB->closed = false;
+    }
+    device->state = kDevOpened;
+    return fd;
+}
+
+UInt32 CloseLine(DevMgrSerial_CB_t* serialCB, bool remember) {
+    if (serialCB == nullptr || serialCB->devCB.fd < 0) {
         return SERIAL_INVALID_PARAM;
     }
-    DevMgrSerial_Stop_AsyncThread(serialCB);
-    close(DescriptorOf(serialCB));
-    serialCB->devCB.state.store(kDevClosed, std::memory_order_release);
-    serialCB->devCB.numCloses++;
-    serialCB->cbInfo.txCBFunc.store(nullptr, std::memory_order_release);
-    serialCB->cbInfo.rxCBFunc.store(nullptr, std::memory_order_release);
+    {
+        MutexGuardT held(&serialCB->lock);
+        const int fd = serialCB->closed ? -1 : serialCB->devCB.fd.load();
+        serialCB->closed = true;
+        serialCB->devCB.state = kDevClosed;
+        serialCB->devCB.numCloses++;
+        SerialLineWantThread(serialCB, false);
+        serialCB->cbInfo.txCBFunc = nullptr;
+        serialCB->cbInfo.rxCBFunc = nullptr;
+        if (!remember) {
+            serialCB->cbInfo.Context_Data = nullptr;
+            serialCB->tx_enabled = serialCB->rx_enabled = 0;
+        }
+        held.Unlock();
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    SerialLineSettleThread(serialCB);
     return SERIAL_NOERROR;
 }
 
-DevMgrSerial_error_t WaitWritable(int fd, timeval timeout) {
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(fd, &writable);
-    const int ready = select(fd + 1, nullptr, &writable, nullptr, &timeout);
-    if (ready < 0) {
-        return SERIAL_WRITE_ERROR;
+// How long a request may wait. More than 2^31 microseconds count as negative, as on the board: not
+// at all.
+UInt64 WaitOf(const IORB* pIORB) {
+    if (pIORB->timeout == 0) {
+        return UINT64_MAX;
     }
-    return ready == 0 ? SERIAL_TIMEOUT : SERIAL_NOERROR;
+    return static_cast<SInt32>(pIORB->timeout) < 0 ? 0 : pIORB->timeout;
 }
 
 void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
@@ -111,111 +121,145 @@ void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return;
     }
-    if (serialCB->tx_enabled.load(std::memory_order_acquire) == 0) {
+    const SerialLineUseT use(serialCB);
+    if (!use.TransmitterOn()) {
         pIORB->err = SERIAL_TX_DISABLED;
         return;
     }
-    const int fd = DescriptorOf(serialCB);
+    UInt64 left = WaitOf(pIORB);
+    int ready = 1;
     if (pIORB->timeout != 0) {
-        const DevMgrSerial_error_t err = WaitWritable(fd, TimeoutOf(pIORB));
-        if (err != SERIAL_NOERROR) {
-            SetResult(pIORB, 0, err);
-            return;
-        }
+        ready = left != 0 ? use.Wait(true, &left) : -1;
     }
-    const ssize_t written = write(fd, pIORB->pBuffer, pIORB->reqLen);
-    if (written > 0) {
-        SetResult(pIORB, static_cast<UInt32>(written), SERIAL_NOERROR);
-    } else {
-        SetResult(pIORB, 0, SERIAL_WRITE_ERROR);
-    }
+    const ssize_t written = ready > 0 ? write(use.fd(), pIORB->pBuffer, pIORB->reqLen) : 0;
+    pIORB->actLen = written > 0 ? static_cast<UInt32>(written) : 0;
+    pIORB->err = written > 0 ? SERIAL_NOERROR : ready == 0 ? SERIAL_TIMEOUT : SERIAL_WRITE_ERROR;
 }
 
-// select(2) lowers the time left, which bounds the loop, and writes it back with whole seconds in
-// their own field. A line that is readable but yields nothing (hung up) would stay so without any
-// time passing: it ends the loop.
-void ReadWithTimeout(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
-    const int fd = DescriptorOf(serialCB);
-    timeval left = TimeoutOf(pIORB);
-    UInt32 received = 0;
-    while ((left.tv_sec > 0 || left.tv_usec > 0) && received < pIORB->reqLen) {
-        fd_set readable;
-        FD_ZERO(&readable);
-        FD_SET(fd, &readable);
-        if (select(fd + 1, &readable, nullptr, nullptr, &left) < 1) {
-            break;
-        }
-        const int count =
-            SerialLineReadNow(serialCB, pIORB->pBuffer + received, pIORB->reqLen - received);
-        if (count < 0) {
-            break;
-        }
-        received += static_cast<UInt32>(count);
-    }
-    SetResult(pIORB, received, SERIAL_NOERROR);
-}
-
-// Returns the result of read(2) where that failed, else 1.
+// With a time-out reads until that is over, however many pieces the bytes come in, otherwise until
+// something comes. A line that is readable but yields nothing (hung up) would stay so without any
+// time passing: it ends the loop. Returns read(2)'s result where a read without a time-out failed,
+// else 1.
 int ReadLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
     if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return 1;
     }
-    if (pIORB->timeout != 0) {
-        ReadWithTimeout(serialCB, pIORB);
-        return 1;
+    const SerialLineUseT use(serialCB);
+    const bool all = pIORB->timeout != 0;
+    UInt64 left = WaitOf(pIORB);
+    UInt32 received = 0;
+    ssize_t count = pIORB->reqLen > 0 ? -1 : 0;
+    while (left > 0 && received < pIORB->reqLen && use.Wait(false, &left) > 0) {
+        if (!use.ReadNow(pIORB->pBuffer + received, pIORB->reqLen - received, &count)) {
+            continue;
+        }
+        if (count < 1) {
+            break;
+        }
+        received += static_cast<UInt32>(count);
+        left = all ? left : 0;
     }
-    const ssize_t count = read(DescriptorOf(serialCB), pIORB->pBuffer, pIORB->reqLen);
-    if (count < 1) {
-        SetResult(pIORB, 0, SERIAL_READ_ERROR);
-        return static_cast<int>(count);
-    }
-    SetResult(pIORB, static_cast<UInt32>(count), SERIAL_NOERROR);
-    return 1;
+    const bool failed = !all && received == 0;
+    pIORB->actLen = received;
+    pIORB->err = failed ? SERIAL_READ_ERROR : SERIAL_NOERROR;
+    return failed ? static_cast<int>(count) : 1;
 }
 
 }  // namespace
 
-bool SerialLineEnabled(const DevMgrSerial_CB_t* serialCB) {
-    return serialCB->tx_enabled.load(std::memory_order_acquire) != 0 ||
-           serialCB->rx_enabled.load(std::memory_order_acquire) != 0;
+SerialLineUseT::SerialLineUseT(DevMgrSerial_CB_t* serialCB) : serialCB_(serialCB) {
+    const MutexGuardT held(&serialCB->lock);
+    closings_ = serialCB->devCB.numCloses;
+    transmitter_on_ = serialCB->tx_enabled != 0;
+    if (!serialCB->closed) {
+        fd_ = Watchable(dup(serialCB->devCB.fd));
+    }
 }
 
-void SerialLineCallbackRequest(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
-    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
-    if (data->CBInfo == nullptr) {
-        DevMgrSerial_Stop_AsyncThread(serialCB);
-        SerialLineSetCallbacks(serialCB, nullptr);
-        return;
+SerialLineUseT::~SerialLineUseT() {
+    const NoCancelT no_cancel;
+    if (fd_ >= 0) {
+        close(fd_);
     }
-    SerialLineSetCallbacks(serialCB, data->CBInfo);
-    if (SerialLineEnabled(serialCB)) {
-        DevMgrSerial_Start_AsyncThread(serialCB, &pIORB->err);
+}
+
+bool SerialLineUseT::Closed() const {
+    return fd_ < 0 || serialCB_->devCB.numCloses != closings_;
+}
+
+bool SerialLineUseT::ReadNow(SInt8* buffer, UInt32 size, ssize_t* got) const {
+    const MutexGuardT held(&serialCB_->lock);
+    pollfd ready = {fd_, POLLIN, 0};
+    *got = -1;
+    if (Closed() || poll(&ready, 1, 0) < 0) {
+        return true;
     }
+    if (ready.revents == 0) {
+        return false;
+    }
+    *got = read(fd_, buffer, size);
+    return true;
+}
+
+int SerialLineUseT::Wait(bool output, UInt64* left) const {
+    do {
+        {
+            const MutexGuardT held(&serialCB_->lock);
+            if (Closed()) {
+                return -1;
+            }
+        }
+        const UInt64 start = MonotonicMicros();
+        timeval slice = {0, static_cast<suseconds_t>(std::min(*left, kWaitSlice))};
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(fd_, &set);
+        const int ready =
+            select(fd_ + 1, output ? nullptr : &set, output ? &set : nullptr, nullptr, &slice);
+        *left -= std::min(*left, MonotonicMicros() - start);
+        if (ready != 0) {
+            return ready;
+        }
+    } while (*left > 0);
+    return 0;
+}
+
+void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info) {
+    const bool enabled = serialCB->tx_enabled != 0 || serialCB->rx_enabled != 0;
+    serialCB->cbInfo = info != nullptr ? *info : DevmgrSerial_CBInfo_t{};
+    SerialLineWantThread(serialCB, info != nullptr && (enabled || serialCB->threadWanted));
 }
 
 void SerialLineSetTransmitter(DevMgrSerial_CB_t* serialCB, UInt32 status) {
-    if ((status & PORT_TX_ENABLE) != 0) {
-        serialCB->tx_enabled.store(1, std::memory_order_release);
-    } else if ((status & PORT_TX_DISABLE) != 0) {
-        serialCB->tx_enabled.store(0, std::memory_order_release);
+    if ((status & (PORT_TX_ENABLE | PORT_TX_DISABLE)) != 0) {
+        serialCB->tx_enabled = (status & PORT_TX_ENABLE) != 0 ? 1 : 0;
     }
 }
 
-int SerialLineReadNow(DevMgrSerial_CB_t* serialCB, SInt8* buffer, UInt32 size) {
-    const CancellableMutexGuardT held(&readLocks[serialCB->portnum].mutex);
-    pollfd ready = {DescriptorOf(serialCB), POLLIN, 0};
-    const int count = poll(&ready, 1, 0);
-    if (count == 0) {
-        return 0;
+void SerialLineControl(DEVCB* pDev, IORB* pIORB, SerialLineChangeT* change) {
+    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
+    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
+        pIORB->err = SERIAL_INVALID_PARAM;
+        return;
     }
-    const ssize_t got = count < 0 ? -1 : read(ready.fd, buffer, size);
-    return got > 0 ? static_cast<int>(got) : -1;
+    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
+    {
+        const MutexGuardT held(&serialCB->lock);
+        pIORB->err = serialCB->closed ? SERIAL_ERROR_UNKNOWN
+                                      : change(serialCB, serialCB->devCB.fd, pIORB->ctlCode, *data);
+    }
+    const UInt32 err = SerialLineSettleThread(serialCB);
+    if (pIORB->err == SERIAL_NOERROR) {
+        pIORB->err = err;
+    }
 }
 
 void DevMgrSerial_Init() {
     for (DevMgrSerial_CB_t& line : CBList) {
         new (&line) DevMgrSerial_CB_t();
+        pthread_mutex_init(&line.lock, nullptr);
+        pthread_cond_init(&line.threadGone, nullptr);
     }
     Serial_Init();
     for (UInt32 port = 0; port < kSerialLines; port++) {
@@ -245,18 +289,11 @@ UInt32 DevMgrCPUSerial_Open(DEVCB* pDev) {
 }
 
 UInt32 DevMgrFPGASerial_Close(DEVCB* pDev) {
-    return CloseLine(SerialLineOf(pDev));
+    return CloseLine(SerialLineOf(pDev), true);
 }
 
 UInt32 DevMgrCPUSerial_Close(DEVCB* pDev) {
-    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
-    const UInt32 err = CloseLine(serialCB);
-    if (err == SERIAL_NOERROR) {
-        serialCB->cbInfo.Context_Data.store(nullptr, std::memory_order_release);
-        serialCB->tx_enabled.store(0, std::memory_order_release);
-        serialCB->rx_enabled.store(0, std::memory_order_release);
-    }
-    return err;
+    return CloseLine(SerialLineOf(pDev), false);
 }
 
 void DevMgrFPGASerial_Write(DEVCB* pDev, IORB* pIORB) {
@@ -271,7 +308,7 @@ void DevMgrFPGASerial_Read(DEVCB* pDev, IORB* pIORB) {
     const int result = ReadLine(SerialLineOf(pDev), pIORB);
     if (result < 1) {
         printf("DevMgrFPGASerial_Read(): Err: %d, portfd: %d buffer: 0x%x ReqLen: %d\n", result,
-               DescriptorOf(SerialLineOf(pDev)),
+               pDev->fd.load(),
                static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(pIORB->pBuffer)),
                static_cast<int>(pIORB->reqLen));
     }

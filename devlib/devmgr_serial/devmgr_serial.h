@@ -2,9 +2,18 @@
 // instances 1 to 8, and performs the requests of the serial port interface. FPGA lines are set up
 // through their driver's own requests, the others through termios.
 //
-// Requests come from any thread and run in it; those on one line may overlap. A line with an
-// enabled receiver or with callbacks has a thread of its own.
+// Requests come from any thread and run in it; those on one line may overlap. One that waits while
+// its line is closed ends: a read without a time-out with SERIAL_READ_ERROR, one with a time-out
+// with what has come, a write with SERIAL_WRITE_ERROR.
+//
+// A line that is not an FPGA line has a thread of its own while its receiver or its transmitter is
+// enabled, with callbacks or without: what nobody reads is dropped. An FPGA line gets one when a
+// direction is enabled that has a callback, or when callbacks are set while either direction is
+// enabled. The thread goes when both directions are disabled, the callbacks are taken back or the
+// line is closed.
 #pragma once
+
+#include <pthread.h>
 
 #include <atomic>
 #include <cstddef>
@@ -14,28 +23,33 @@
 
 constexpr int kSerialLines = 8;
 
-// In place of a task id: somebody is waiting for the line's thread to be gone.
-constexpr UInt32 kSerialThreadLeaving = 1;
-
 typedef enum : UInt32 { CPU_PORT = 0, FPGA_PORT = 1 } SerialPortType_t;
 
-// A line's DevmgrSerial_CBInfo_t. The line's thread reads it while control requests change it.
-typedef struct {
-    std::atomic<DevmgrSerial_TxCBFuncT> txCBFunc;
-    std::atomic<DevmgrSerial_RxCBFuncT> rxCBFunc;
-    std::atomic<void*> Context_Data;
-} DevMgrSerial_LineCBInfo_t;
+// The life of a line's thread; private to the device manager.
+typedef enum : UInt32 {
+    kLineThreadNone = 0,
+    kLineThreadServing = 1,
+    kLineThreadLeaving = 2,  // somebody deletes it
+    kLineThreadFailed = 3    // gone, because the line could not be waited for; counts as running
+} LineThreadT;
 
 // One line. Its device id is its address.
 typedef struct {
     DEVCB devCB;                // first, so that the device table's block is the record
     SerialPortType_t portType;  // always CPU_PORT: the entry points decide the kind of line
-    DevMgrSerial_LineCBInfo_t cbInfo;
-    std::atomic<UInt32> asyncThread_running;  // 1 from the thread's start until it is stopped
-    std::atomic<SInt8> tx_enabled;            // 0 or 1
-    std::atomic<SInt8> rx_enabled;
-    std::atomic<UInt32> threadID;  // the line's task while it runs, else 0 or kSerialThreadLeaving
+    DevmgrSerial_CBInfo_t cbInfo;
+    std::atomic<UInt32> asyncThread_running;  // 1 from the thread's start until it is gone
+    SInt8 tx_enabled;                         // 0 or 1
+    SInt8 rx_enabled;
+    std::atomic<UInt32> threadID;  // the line's task, 0 for none; may be read at any time
     UInt32 portnum;
+    // Private to the device manager, see line.h:
+    pthread_mutex_t lock;
+    pthread_cond_t threadGone;
+    std::atomic<LineThreadT> thread;
+    UInt32 threadIncarnation;  // with threadID: which thread
+    bool threadWanted;
+    bool closed;  // the descriptor has been given back
 } DevMgrSerial_CB_t;
 static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
 
@@ -49,8 +63,8 @@ void DevMgrSerial_Init();
 // Entry points of FPGA lines. Opening and closing return a DevMgrSerial_error_t, 0 for success; the
 // others set the request's actLen and err.
 //
-// Open may block as open(2) does. Close ends the line's thread and forgets its callbacks, but an
-// FPGA line keeps its enable flags for the next opening.
+// Open may block as open(2) does; it cannot be cancelled meanwhile. Close ends the line's thread
+// and forgets its callbacks, but an FPGA line keeps its enable flags for the next opening.
 // Write waits `timeout` microseconds (0: not) for the line to take output, then writes once, as
 // much as the line takes. Read returns what came within `timeout` microseconds, which may be
 // nothing; with a `timeout` of 0 it blocks until something comes.
@@ -72,9 +86,10 @@ void DevMgrCPUSerial_Ioctl(DEVCB* pDev, IORB* pIORB);
 void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t* serialCB, UInt32* err);
 
 // Ends the line's thread, if it has one, and waits until it is gone, whoever ends it. Called by
-// that thread itself (from a callback) it does not wait: the thread ends when the callback returns.
+// that thread itself (from a callback) it does not wait: the thread ends when the callback returns,
+// unless it was started again meanwhile.
 void DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t* serialCB);
 
 // Body of a line's thread; `arg` is the line's record. Returns when the line cannot be waited for
-// any more, or when it finds that a callback stopped it.
+// any more, or when a callback stopped it.
 void DevMgrSerial_asyncDataSendRecv(void* arg);

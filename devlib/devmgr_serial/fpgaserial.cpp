@@ -65,54 +65,44 @@ bool SetReceiver(DevMgrSerial_CB_t* serialCB, int fd, UInt32 status) {
     if (BoardFpgaSerialReceiver(fd, on ? 0 : 1) != 0) {
         return false;
     }
-    serialCB->rx_enabled.store(on ? 1 : 0, std::memory_order_release);
+    serialCB->rx_enabled = on ? 1 : 0;
     return true;
 }
 
-// A line without a callback for an enabled direction needs no thread: its client reads and writes.
-bool NeedsThread(const DevMgrSerial_CB_t* serialCB) {
-    return (serialCB->tx_enabled.load(std::memory_order_acquire) != 0 &&
-            serialCB->cbInfo.txCBFunc.load(std::memory_order_acquire) != nullptr) ||
-           (serialCB->rx_enabled.load(std::memory_order_acquire) != 0 &&
-            serialCB->cbInfo.rxCBFunc.load(std::memory_order_acquire) != nullptr);
-}
-
-void ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, UInt32 status, UInt32* err) {
+UInt32 ChangeStatus(DevMgrSerial_CB_t* serialCB, int fd, UInt32 status) {
     if (!SetReceiver(serialCB, fd, status)) {
-        *err = SERIAL_ERROR_UNKNOWN;
-        return;
+        return SERIAL_ERROR_UNKNOWN;
     }
     SerialLineSetTransmitter(serialCB, status);
-    if (NeedsThread(serialCB)) {
-        DevMgrSerial_Start_AsyncThread(serialCB, err);
-    } else if (!SerialLineEnabled(serialCB)) {
-        DevMgrSerial_Stop_AsyncThread(serialCB);
+    const bool tx = serialCB->tx_enabled != 0;
+    const bool rx = serialCB->rx_enabled != 0;
+    // Without a callback for an enabled direction the client reads and writes by itself.
+    if ((tx && serialCB->cbInfo.txCBFunc != nullptr) ||
+        (rx && serialCB->cbInfo.rxCBFunc != nullptr)) {
+        SerialLineWantThread(serialCB, true);
+    } else if (!tx && !rx) {
+        SerialLineWantThread(serialCB, false);
+    }
+    return SERIAL_NOERROR;
+}
+
+UInt32 Change(DevMgrSerial_CB_t* serialCB, int fd, UInt32 ctlCode,
+              const DevmgrSerial_IoctlData_t& data) {
+    switch (ctlCode) {
+        case kSerialCtlConfig:
+            return Configure(serialCB, fd, data.serConfig);
+        case kSerialCtlCallbacks:
+            SerialLineSetCallbacks(serialCB, data.CBInfo);
+            return SERIAL_NOERROR;
+        case kSerialCtlStatus:
+            return ChangeStatus(serialCB, fd, data.PortStatus);
+        default:
+            return SERIAL_UNKNOWN_IOCTL;
     }
 }
 
 }  // namespace
 
 void DevMgrFPGASerial_Ioctl(DEVCB* pDev, IORB* pIORB) {
-    DevMgrSerial_CB_t* serialCB = SerialLineOf(pDev);
-    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
-        pIORB->err = SERIAL_INVALID_PARAM;
-        return;
-    }
-    const int fd = serialCB->devCB.fd.load(std::memory_order_acquire);
-    const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
-    pIORB->err = SERIAL_NOERROR;
-    switch (pIORB->ctlCode) {
-        case kSerialCtlConfig:
-            pIORB->err = Configure(serialCB, fd, data->serConfig);
-            break;
-        case kSerialCtlCallbacks:
-            SerialLineCallbackRequest(serialCB, pIORB);
-            break;
-        case kSerialCtlStatus:
-            ChangeStatus(serialCB, fd, data->PortStatus, &pIORB->err);
-            break;
-        default:
-            pIORB->err = SERIAL_UNKNOWN_IOCTL;
-            break;
-    }
+    SerialLineControl(pDev, pIORB, Change);
 }

@@ -54,27 +54,26 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg* serialCfg) {
     if (!SerialPortExists(port) || serialCfg == nullptr) {
         return kBadParameter;
     }
-    const UInt32 lockErr = Serial_Lock_PortDevids();
-    if (lockErr != kSmOk) {
-        printf("SERIALAPI: In PSH OPEN, Port: %d Mutex lock failed, err: %d\n", port,
-               static_cast<int>(lockErr));
-        return kSemUnavail;
+    ReservedPortT reserved(port);
+    {
+        const PortTableLockT lock(port, "PSH OPEN");
+        if (!lock.Held()) {
+            return kSemUnavail;
+        }
+        if (port_devids[port] != kSerialPortFree) {
+            return kAlreadyInUse;
+        }
+        Serial_Stop_PSHSession(port, 1);
+        reserved.Reserve();
     }
-    if (port_devids[port].load(std::memory_order_acquire) != kSerialPortFree) {
-        Serial_Unlock_PortDevids();
-        return kAlreadyInUse;
-    }
-    Serial_Stop_PSHSession(port, 1);
-    port_devids[port].store(kSerialPortReserved, std::memory_order_release);
-    Serial_Unlock_PortDevids();
-    Serialport_Modes[port].store(1, std::memory_order_release);
+    Serialport_Modes[port] = 1;
     const int err = RunOpen(port, *serialCfg);
-    if (err == 0) {
-        return kNoError;
+    if (err != 0) {
+        printf("SERIALAPI: In PSH OPEN, Port: %d System call failed, err: %d\n", port, err);
+        return kSystemCallFailed;
     }
-    printf("SERIALAPI: In PSH OPEN, Port: %d System call failed, err: %d\n", port, err);
-    SerialFreePort(port);
-    return kSystemCallFailed;
+    reserved.Keep();
+    return kNoError;
 }
 
 eErrorT Serial_Close_PSH(int port) {
@@ -86,20 +85,13 @@ eErrorT Serial_Stop_PSHSession(int port, int port_locked) {
         return kBadParameter;
     }
     if (port_locked == 0) {
-        const UInt32 err = Serial_Lock_PortDevids();
-        if (err != kSmOk) {
-            printf("SERIALAPI: In PSH CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
-                   static_cast<int>(err));
-            return kSemUnavail;
-        }
+        const PortTableLockT lock(port, "PSH CLOSE");
+        return lock.Held() ? Serial_Stop_PSHSession(port, 1) : kSemUnavail;
     }
     char command[kCommandSize];
     snprintf(command, sizeof(command), "%s close %s", kScript, Serilport_ttynames[port]);
     system_pthread(command);
-    Serialport_Modes[port].store(0, std::memory_order_release);
-    port_devids[port].store(kSerialPortFree, std::memory_order_release);
-    if (port_locked == 0) {
-        Serial_Unlock_PortDevids();
-    }
+    Serialport_Modes[port] = 0;
+    port_devids[port] = kSerialPortFree;
     return kNoError;
 }

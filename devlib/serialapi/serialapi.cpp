@@ -93,16 +93,14 @@ void StoreConfig(int port, const RS232Cfg& cfg) {
     port_cfgs[port] = cfg;
 }
 
-UInt32 SlotOf(int port) {
-    return port_devids[port].load(std::memory_order_acquire);
+bool IsDevice(UInt32 slot) {
+    return slot != kSerialPortFree && slot != kSerialPortReserved;
 }
 
-// Opens the port's device and stores its id; the port is reserved meanwhile.
 bool OpenDevice(int port, UInt32* devid) {
     for (int attempt = 1;; attempt++) {
         const UInt32 err = dev_open("Ser", static_cast<UInt32>(port + 1), devid);
         if (err == kDevOk) {
-            port_devids[port].store(*devid, std::memory_order_release);
             return true;
         }
         if (attempt == kOpenAttempts) {
@@ -122,54 +120,29 @@ UInt32 Control(UInt32 devid, IORB* pIORB, DevmgrSerial_IoctlData_t* data, UInt32
     return pIORB->err;
 }
 
-// Sets an open device up and returns the result of the request that failed, else 0.
-UInt32 SetUpDevice(int port, UInt32 devid, const DevmgrSerial_Config_t& config,
+// Sets the device up and returns the result of the request that failed, else 0.
+UInt32 SetUpDevice(int port, ReservedPortT* reserved, const DevmgrSerial_Config_t& config,
                    DevmgrSerial_CBInfo_t* callbacks) {
     IORB iorb = {};
     DevmgrSerial_IoctlData_t data = {};
     data.serConfig = config;
-    UInt32 err = Control(devid, &iorb, &data, kSerialCtlConfig);
+    UInt32 err = Control(reserved->devid, &iorb, &data, kSerialCtlConfig);
     if (err != 0) {
         printf("SERIALAPI: In OPEN, Port: %d Device Manager config failed, err: %d\n", port,
                static_cast<int>(err));
         return err;
     }
+    reserved->Publish();  // the callbacks, which come from now on, may use the port
     if (callbacks->txCBFunc == nullptr && callbacks->rxCBFunc == nullptr) {
         return 0;
     }
     data.CBInfo = callbacks;
-    err = Control(devid, &iorb, &data, kSerialCtlCallbacks);
+    err = Control(reserved->devid, &iorb, &data, kSerialCtlCallbacks);
     if (err != 0) {
         printf("SERIALAPI: In OPEN, Port: %d Device Manager set callback failed, err: %d\n", port,
                static_cast<int>(err));
     }
     return err;
-}
-
-// The rest of opening, for a reserved port. Returns whether the port is open. After a failure the
-// device is closed again and `result` holds the code, which is 0 for a failure of the device table
-// that no code stands for.
-bool OpenReserved(int port, const RS232Cfg& cfg, DevmgrSerial_CBInfo_t* callbacks,
-                  eErrorT* result) {
-    UInt32 devid = 0;
-    if (!OpenDevice(port, &devid)) {
-        *result = kItemNotFound;
-        return false;
-    }
-    DevmgrSerial_Config_t config = {};
-    if (!TranslateConfig(cfg, &config)) {
-        dev_close(devid);
-        *result = kBadParameter;
-        return false;
-    }
-    const UInt32 err = SetUpDevice(port, devid, config, callbacks);
-    if (err != 0) {
-        dev_close(devid);
-        *result = Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
-        return false;
-    }
-    *result = kNoError;
-    return true;
 }
 
 eErrorT SendStatus(int port, UInt32 devid, UInt32 status, const char* operation) {
@@ -191,18 +164,18 @@ eErrorT ChangeDirection(int port, SerialDirectionType serialDir, const UInt32 (&
     if (!SerialPortExists(port)) {
         return kBadParameter;
     }
-    const UInt32 slot = SlotOf(port);
+    const UInt32 slot = port_devids[port];
     if (slot == kSerialPortFree) {
         return kItemNotFound;
     }
-    if (Serialport_Modes[port].load(std::memory_order_acquire) == 1) {
+    if (Serialport_Modes[port] == 1) {
         return kNoError;
     }
     UInt32 status = 0;
     if (!Translate(table, serialDir, &status)) {
         return kBadParameter;
     }
-    return slot == kSerialPortReserved ? kItemNotFound : SendStatus(port, slot, status, operation);
+    return IsDevice(slot) ? SendStatus(port, slot, status, operation) : kItemNotFound;
 }
 
 struct TransferT {
@@ -219,8 +192,8 @@ int Transfer(int port, char* buffer, int size, int numOfMicroseconds, const Tran
     if (!SerialPortExists(port) || buffer == nullptr || size < 0) {
         return kBadParameter;
     }
-    const UInt32 slot = SlotOf(port);
-    if (slot == kSerialPortFree || slot == kSerialPortReserved) {
+    const UInt32 slot = port_devids[port];
+    if (!IsDevice(slot)) {
         return kItemNotFound;
     }
     IORB iorb = {};
@@ -242,11 +215,40 @@ bool SerialPortExists(int port) {
     return port >= 0 && port < kSerialPorts;
 }
 
-void SerialFreePort(int port) {
+PortTableLockT::PortTableLockT(int port, const char* operation, const char* failed) {
     const UInt32 err = Serial_Lock_PortDevids();
-    port_devids[port].store(kSerialPortFree, std::memory_order_release);
-    if (err == kSmOk) {
+    held_ = err == kSmOk;
+    if (!held_) {
+        printf("SERIALAPI: In %s, Port: %d Mutex %s, err: %d\n", operation, port, failed,
+               static_cast<int>(err));
+    }
+}
+
+PortTableLockT::~PortTableLockT() noexcept(false) {
+    if (held_) {
         Serial_Unlock_PortDevids();
+    }
+}
+
+UInt32 ReservedPortT::Reserve() {
+    reserved_ = true;
+    entry_ = kSerialPortReserved;
+    return port_devids[port_].exchange(entry_);
+}
+
+void ReservedPortT::Publish() {
+    entry_ = devid;
+    port_devids[port_] = entry_;
+}
+
+ReservedPortT::~ReservedPortT() {
+    if (reserved_) {
+        const NoCancelT no_cancel;
+        if (devid != 0) {
+            dev_close(devid);
+        }
+        // Unless the port was taken away meanwhile: closed once published, or its session ended.
+        port_devids[port_].compare_exchange_strong(entry_, kSerialPortFree);
     }
 }
 
@@ -261,7 +263,7 @@ void Serial_Init() {
         printf("SERIALAPI: In INIT, sm_create() err: %d\n", static_cast<int>(err));
     }
     for (std::atomic<UInt32>& slot : port_devids) {
-        slot.store(kSerialPortFree, std::memory_order_release);
+        slot = kSerialPortFree;
     }
     if (GetSystemHardwareType() == kHarbor) {
         return;
@@ -285,27 +287,33 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
     if (!SerialPortExists(port) || serialCfg == nullptr) {
         return kBadParameter;
     }
-    const UInt32 err = Serial_Lock_PortDevids();
-    if (err != kSmOk) {
-        printf("SERIALAPI: In Open, Port: %d Mutex Lock failed...., err: %d\n", port,
-               static_cast<int>(err));
-        return kSemUnavail;
+    ReservedPortT reserved(port);
+    {
+        const PortTableLockT lock(port, "Open", "Lock failed....");
+        if (!lock.Held()) {
+            return kSemUnavail;
+        }
+        if (port_devids[port] != kSerialPortFree) {
+            return kAlreadyInUse;
+        }
+        reserved.Reserve();
     }
-    UInt32 slot = kSerialPortFree;
-    const bool reserved = port_devids[port].compare_exchange_strong(slot, kSerialPortReserved,
-                                                                    std::memory_order_acq_rel);
-    Serial_Unlock_PortDevids();
-    if (!reserved) {
-        return kAlreadyInUse;
+    if (!OpenDevice(port, &reserved.devid)) {
+        return kItemNotFound;
+    }
+    DevmgrSerial_Config_t config = {};
+    if (!TranslateConfig(*serialCfg, &config)) {
+        return kBadParameter;
     }
     DevmgrSerial_CBInfo_t callbacks = {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext};
-    eErrorT result;
-    if (!OpenReserved(port, *serialCfg, &callbacks, &result)) {
-        SerialFreePort(port);
-        return result;
+    Serialport_Modes[port] = 0;
+    const UInt32 err = SetUpDevice(port, &reserved, config, &callbacks);
+    if (err != 0) {
+        // 0, for a failure of the device table that no code stands for.
+        return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
     }
+    reserved.Keep();
     StoreConfig(port, *serialCfg);
-    Serialport_Modes[port].store(0, std::memory_order_release);
     return kNoError;
 }
 
@@ -329,27 +337,27 @@ eErrorT Serial_Close(int port) {
     if (!SerialPortExists(port)) {
         return kBadParameter;
     }
-    const UInt32 err = Serial_Lock_PortDevids();
-    if (err != kSmOk) {
-        printf("SERIALAPI: In CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
-               static_cast<int>(err));
-        return kSemUnavail;
+    ReservedPortT reserved(port);
+    UInt32 devid;
+    {
+        const PortTableLockT lock(port, "CLOSE");
+        if (!lock.Held()) {
+            return kSemUnavail;
+        }
+        if (!IsDevice(port_devids[port])) {
+            return kItemNotFound;
+        }
+        devid = reserved.Reserve();
     }
-    const UInt32 slot = SlotOf(port);
-    const bool open = slot != kSerialPortFree && slot != kSerialPortReserved;
-    if (open) {
-        dev_close(slot);
-        port_devids[port].store(kSerialPortFree, std::memory_order_release);
-    }
-    Serial_Unlock_PortDevids();
-    return open ? kNoError : kItemNotFound;
+    dev_close(devid);  // without the lock: it may wait for a callback
+    return kNoError;
 }
 
 eErrorT Serial_GetCfg(int port, const RS232Cfg* cfgPtr) {
     if (!SerialPortExists(port) || cfgPtr == nullptr) {
         return kBadParameter;
     }
-    if (SlotOf(port) == kSerialPortFree) {
+    if (port_devids[port] == kSerialPortFree) {
         return kItemNotFound;
     }
     StoreConfig(port, *cfgPtr);

@@ -77,13 +77,14 @@ typedef DevmgrSerial_RxCBFuncT SerialRxCallbackFuncPtrT;
 // (not on the unit's own board). Called once by the serial device manager.
 void Serial_Init();
 
-// Opens and configures a port; its receiver and transmitter are off until Serial_Enable. Callbacks
-// and context may be null. A device that cannot be opened is tried ten times, 20 ms apart. Of the
-// flow controls asked for one is used: RTS/CTS before XON/XOFF before DTR/DSR. FPGA lines (ports 0
-// to 3 and 5) take 9600 bit/s or more and no flow control.
-// Returns kNoError; kBadParameter for a null or unusable configuration; kSemUnavail; kAlreadyInUse;
-// kItemNotFound when the device cannot be opened; else the device's failure. The port is free after
-// any failure.
+// Opens and configures a port. Its receiver and transmitter are off until Serial_Enable; those of
+// an FPGA line (ports 0 to 3 and 5) that was open before are as it was left, and callbacks come at
+// once where either is on. Callbacks and context may be null. A device that cannot be opened is
+// tried ten times, 20 ms apart. Of the flow controls asked for one is used: RTS/CTS before XON/XOFF
+// before DTR/DSR. FPGA lines take 9600 bit/s or more and no flow control. Returns kNoError;
+// kBadParameter for a null or unusable configuration; kSemUnavail; kAlreadyInUse, also while the
+// port is being opened or closed; kItemNotFound when the device cannot be opened; else the device's
+// failure. The port is free after any failure, and where the caller's task is deleted meanwhile.
 eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
                     SerialRxCallbackFuncPtrT rxCallbackFuncPtr, void* rxCallbackContext,
                     const RS232Cfg* serialCfg);
@@ -104,8 +105,9 @@ int Serial_Write(int port, char* writeBuf, int writeSize, int numOfMicroseconds)
 // kBadParameter.
 int Serial_Read(int port, char* readBuf, int readSize, int numOfMicroseconds);
 
-// Closes a port and frees it. Returns kNoError, kSemUnavail, or kItemNotFound for a port that is
-// not open, which one that is being opened or in a session is not either.
+// Closes a port and frees it. Waits until no callback of it runs, except the caller itself;
+// requests that wait end. Returns kNoError, kSemUnavail, or kItemNotFound for a port that is not
+// open, which one that is being opened, being closed or in a session is not either.
 eErrorT Serial_Close(int port);
 
 // Stores the caller's configuration as the port's, despite its name; the line is not changed.

@@ -58,62 +58,13 @@ extern "C" int select(int count, fd_set* in, fd_set* out, fd_set* odd, timeval* 
     return pselect(count, in, out, odd, &wait, nullptr);
 }
 
-TEST_F(SerialLine, AThreadExistsOnlyWhereTheKindOfLineNeedsOne) {
-    struct {
-        int port;
-        bool tx, rx;
-        SerialDirectionType enabled;
-        int threads;
-    } const cases[] = {
-        {kCpu, false, false, SERIAL_DIRECTION_RX, 1},  // an enabled receiver is drained
-        {kCpu, false, false, SERIAL_DIRECTION_TX, 1},
-        {kFpga, true, false, SERIAL_DIRECTION_RX, 0},
-        {kFpga, true, false, SERIAL_DIRECTION_TX, 1},
-        {kFpga, false, true, SERIAL_DIRECTION_TX, 0},
-        {kFpga, false, true, SERIAL_DIRECTION_BOTH, 1},
-        {kFpga, false, false, SERIAL_DIRECTION_BOTH, 0},  // closing took both callbacks
-    };
-    for (const auto& c : cases) {
-        CBList[c.port].tx_enabled = CBList[c.port].rx_enabled = 0;
-        Start(c.port, c.tx, c.rx, c.enabled);
-        EXPECT_EQ(LineTasks(), c.threads);
-        ASSERT_EQ(Serial_Disable(c.port, SERIAL_DIRECTION_BOTH), kNoError);
-        EXPECT_EQ(LineTasks(), 0);
-        ASSERT_EQ(Serial_Enable(c.port, c.enabled), kNoError);
-        EXPECT_EQ(CBList[c.port].asyncThread_running, static_cast<UInt32>(c.threads));
-        EXPECT_EQ(Serial_Close(c.port), kNoError);  // ends it too
-        EXPECT_EQ(LineTasks(), 0);
-    }
-    // An FPGA line remembers its flags, so the callbacks alone start a thread.
-    Serial_Open(kFpga, nullptr, Received, nullptr, &kPlain);
-    EXPECT_EQ(LineTasks(), 1);
-}
-
-TEST_F(SerialLine, CallbacksGetEveryByteInOrderUntilTheyAreTakenBack) {
-    std::string sent(6000, '\0');
-    for (size_t i = 0; i < sent.size(); i++) {
-        sent[i] = static_cast<char>(i * 7);
-    }
-    Start(kCpu, true, true, SERIAL_DIRECTION_BOTH);
-    lines_.Send(kCpu, sent);
-    EXPECT_TRUE(WaitForBytes(sent.size()));
-    EXPECT_EQ(bytes, sent);
-    EXPECT_TRUE(Eventually([] { return asked[0] > 3; }));
-    Request(kCpu, kSerialCtlCallbacks, {.CBInfo = nullptr});
-    EXPECT_EQ(LineTasks(), 0);
-    const int before = asked[0];
-    lines_.Send(kCpu, "b");
-    char byte = 0;
-    EXPECT_EQ(Serial_Read(kCpu, &byte, 1, 60000000), 1);  // left for the client
-    EXPECT_EQ(asked[0], before);
-}
-
 TEST_F(SerialLine, ACallbackIsNeverPairedWithAnothersContext) {
     const DevmgrSerial_CBInfo_t infos[2] = {{Asked<0>, nullptr, &asked[0]},
                                             {Asked<1>, nullptr, &asked[1]}};
     Start(kCpu, false, false, SERIAL_DIRECTION_TX);
     while (asked[0] < 100000 || asked[1] < 100000) {
         for (int i = 0; i < 1000; i++) {
+            const MutexGuardT held(&CBList[kCpu].lock);
             SerialLineSetCallbacks(&CBList[kCpu], &infos[i % 2]);
         }
     }
@@ -138,19 +89,92 @@ TEST_F(SerialLine, ACallbackMayStopStartAndCloseItsOwnLine) {
     EXPECT_EQ(Open(kCpu), kNoError);
 }
 
-TEST_F(SerialLine, ClosingEndsACallbackThatWaitsForThePorts) {
+TEST_F(SerialLine, ClosingEndsACallbackWhateverPortItOpensAndLosesNone) {
+    const int before = FreeDescriptor();
     inReceive = [] {
         for (;;) {
             Open(2);
             Serial_Close(2);
         }
     };
+    for (int round = 0; round < 200; round++) {
+        Start(kCpu, false, true, SERIAL_DIRECTION_RX);
+        lines_.Send(kCpu, "x");
+        EXPECT_TRUE(WaitForBytes(static_cast<size_t>(round) + 1));
+        std::this_thread::sleep_for(std::chrono::microseconds(round));
+        ASSERT_EQ(Serial_Close(kCpu), kNoError);
+        EXPECT_EQ(LineTasks(), 0);
+        Serial_Close(2);  // where the callback ended between the two
+        ASSERT_EQ(Open(2), kNoError) << round;
+        ASSERT_EQ(Serial_Close(2), kNoError);
+    }
+    EXPECT_EQ(FreeDescriptor(), before);
+}
+
+TEST_F(SerialLine, ClosingAndEnablingKnowACallbackThatHasStoppedItsOwnLine) {
+    static std::atomic<int> inside, left;
+    inReceive = [] {
+        EXPECT_EQ(Serial_Disable(kCpu, SERIAL_DIRECTION_BOTH), kNoError);
+        const NoCancelT busy;
+        inside++;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        left++;
+    };
     Start(kCpu, false, true, SERIAL_DIRECTION_RX);
     lines_.Send(kCpu, "x");
-    EXPECT_TRUE(WaitForBytes(1));
+    EXPECT_TRUE(Eventually([] { return inside == 1; }));
+    EXPECT_EQ(Serial_Enable(kCpu, SERIAL_DIRECTION_RX), kNoError);
+    EXPECT_EQ(LineTasks(), 1);  // it goes on
+    lines_.Send(kCpu, "x");
+    EXPECT_TRUE(Eventually([] { return inside == 2; }));
     EXPECT_EQ(Serial_Close(kCpu), kNoError);
+    EXPECT_EQ(left, 2);
     EXPECT_EQ(LineTasks(), 0);
-    EXPECT_EQ(Open(5), kNoError);  // the lock is free
+}
+
+TEST_F(SerialLine, ARequestThatWaitsEndsWithItsPortAndTouchesNoOther) {
+    for (const int usecs : {0, 60000000}) {
+        ASSERT_EQ(Open(kCpu), kNoError);
+        waits = 0;
+        std::string got(9, '\0');
+        std::atomic<int> count{-1};
+        std::thread reader([&] { count = Serial_Read(kCpu, got.data(), 9, usecs); });
+        EXPECT_TRUE(Eventually([] { return waits > 0; }, std::chrono::seconds(1)));
+        ASSERT_EQ(Serial_Close(kCpu), kNoError);
+        ASSERT_EQ(Open(6), kNoError);  // gets the same descriptor
+        lines_.Send(6, "other");
+        EXPECT_TRUE(Eventually([&] { return count != -1; }, std::chrono::seconds(10)));
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ(Serial_Read(6, got.data(), 5, 1000000), 5);
+        lines_.Send(6, count == -1 ? "ends  it." : "");
+        reader.join();
+        EXPECT_EQ(Serial_Close(6), kNoError);
+    }
+}
+
+TEST_F(SerialLine, AWriteThatWaitsEndsWithItsPortAndTouchesNoOther) {
+    for (const int usecs : {0, 60000000}) {
+        Start(kCpu, false, false, SERIAL_DIRECTION_BOTH);
+        std::string full(5000, 'x');
+        while (Serial_Write(kCpu, full.data(), 1, 20000) > 0) {
+        }
+        waits = 0;
+        std::atomic<int> count{-1};
+        std::thread writer([&] { count = Serial_Write(kCpu, full.data(), 5000, usecs); });
+        EXPECT_TRUE(Eventually([] { return waits > 4; }, std::chrono::seconds(1)));
+        ASSERT_EQ(Serial_Close(kCpu), kNoError);
+        Start(6, false, false, SERIAL_DIRECTION_BOTH);
+        EXPECT_TRUE(Eventually([&] {
+            if (usecs == 0) {
+                lines_.Taken(kCpu);
+            }
+            return count != -1;
+        }));
+        writer.join();
+        EXPECT_EQ(count, usecs == 0 ? 5000 : 0);
+        EXPECT_EQ(lines_.Taken(6), "");
+        EXPECT_EQ(Serial_Close(6), kNoError);
+    }
 }
 
 TEST_F(SerialLine, ManyClientsAtOnceMakeOneThreadAndLeaveNone) {
@@ -170,17 +194,35 @@ TEST_F(SerialLine, ManyClientsAtOnceMakeOneThreadAndLeaveNone) {
     }
 }
 
-TEST_F(SerialLine, ATimedReadNeverHangsBesideTheDrainingThread) {
+TEST_F(SerialLine, ATimedReadNeverHangsBesideTheDrainingThreadAndABlockingRead) {
     Start(kCpu, false, false, SERIAL_DIRECTION_RX);
     lines_.Send(kCpu, std::string(20000, 'x'));  // more than the line holds
-    char buffer[4];
-    for (int i = 0; i < 200; i++) {
-        const std::jthread sender([&] {
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-            lines_.Send(kCpu, "x");
-        });
-        EXPECT_GE(Serial_Read(kCpu, buffer, sizeof(buffer), 2000), 0);
+    std::atomic<int> timed{0};
+    std::atomic<bool> blocking{true};
+    const auto read = [](int usecs) {
+        char buffer[4];
+        EXPECT_GE(Serial_Read(kCpu, buffer, sizeof(buffer), usecs), 0);
+    };
+    std::jthread blocker([&] {
+        while (timed < 400) {
+            read(0);
+        }
+        blocking = false;
+    });
+    std::jthread timer([&] {
+        for (; timed < 400; timed++) {
+            read(2000);
+        }
+    });
+    for (int i = 0; i < 400; i++) {
+        std::this_thread::sleep_for(std::chrono::microseconds(300));
+        lines_.Send(kCpu, "x");
     }
+    EXPECT_TRUE(Eventually([&] { return timed == 400; }, std::chrono::seconds(20)));
+    Eventually([&] {
+        lines_.Send(kCpu, "x");
+        return timed == 400 && !blocking;
+    });
 }
 
 TEST_F(SerialLine, AHungUpLineDoesNotKeepItsThreadBusy) {

@@ -2,6 +2,7 @@
 // started on them.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,6 +19,13 @@ constexpr RS232Cfg kPlain = Cfg();
 
 inline eErrorT Open(int port, const RS232Cfg& cfg = kPlain) {
     return Serial_Open(port, nullptr, nullptr, nullptr, &cfg);
+}
+
+// The next free descriptor: the same after everything was closed.
+inline int FreeDescriptor() {
+    const int fd = open("/dev/null", O_RDONLY);
+    close(fd);
+    return fd;
 }
 
 // The threads of all lines.

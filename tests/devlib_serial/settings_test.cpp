@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "Common/OS/linux/fpgaserial.h"
@@ -18,7 +19,8 @@ bool driverAnswers;  // else its requests are not known
 int driverResult;    // of its requests
 termios applied;     // the last attributes of a terminal
 std::mutex appliedLock;
-int terminalResult;  // of applying them
+int terminalResult;              // of applying them
+std::atomic<bool> slowTerminal;  // which keeps all of its attributes, as a pseudo-terminal does not
 
 class SerialSettings : public Serial {
   protected:
@@ -60,6 +62,33 @@ extern "C" int tcsetattr(int fd, int when, const termios* line) noexcept {
     }
     errno = EIO;
     return terminalResult != 0 ? terminalResult : real(fd, when, line);
+}
+
+extern "C" int tcgetattr(int fd, termios* line) noexcept {
+    static const auto real = reinterpret_cast<decltype(&tcgetattr)>(dlsym(RTLD_NEXT, "tcgetattr"));
+    if (!slowTerminal) {
+        return real(fd, line);
+    }
+    {
+        const std::lock_guard guard(appliedLock);
+        *line = applied;
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    return 0;
+}
+
+TEST_F(SerialSettings, BothDirectionsEnabledAtOnceLeaveTheReceiverOn) {
+    ASSERT_EQ(Open(4), kNoError);
+    slowTerminal = true;
+    for (int round = 0; round < 20; round++) {
+        Serial_Disable(4, SERIAL_DIRECTION_BOTH);
+        std::thread tx(Serial_Enable, 4, SERIAL_DIRECTION_TX);
+        Serial_Enable(4, SERIAL_DIRECTION_RX);
+        tx.join();
+        EXPECT_NE(applied.c_cflag & CREAD, 0u);
+        EXPECT_EQ(Enabled(4), "txrx");
+    }
+    slowTerminal = false;
 }
 
 TEST_F(SerialSettings, TheFpgaDriverGetsExactlyTheWordsOfEachInstance) {

@@ -53,6 +53,16 @@ class PtyLines {
         }
     }
 
+    // What the near end has written and nobody has taken yet.
+    std::string Taken(int port) const {
+        std::string bytes;
+        for (int count = 0; ioctl(far_[port], FIONREAD, &count) == 0 && count > 0;) {
+            char byte;
+            bytes.append(&byte, read(far_[port], &byte, 1) == 1 ? 1 : 0);
+        }
+        return bytes;
+    }
+
     termios Attributes(int port) const {
         termios line = {};
         tcgetattr(near_[port], &line);
