@@ -38,7 +38,7 @@ FilterSlotsT gCullFilters;
 std::atomic<int> gNumShowFilters{0};  // written under gFilterMutex
 std::atomic<int> gNumCullFilters{0};
 
-// Only written: for whoever looks at the process with a debugger.
+// Written only; see "Names that nothing here reads" in docs/log.md.
 std::atomic<int> gLastLineWasFiltered{0};
 std::atomic<int> gShowFiltersLoaded{0};  // 1 once read from the configuration
 std::atomic<int> gCullFiltersLoaded{0};

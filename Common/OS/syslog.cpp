@@ -54,8 +54,7 @@ bool gDraining;
 
 thread_local bool tInOwnCalls;
 
-// What the controls keep. Nothing but their getters reads it, and LogFile, connected, LogStat and
-// LogTag have none: no connection is ever open.
+// What the controls keep; see "Names that nothing here reads" in docs/log.md.
 std::atomic<int> LogFile{-1};
 std::atomic<int> connected{0};
 std::atomic<int> LogStat{0};

@@ -47,22 +47,20 @@ struct ModelT {
         return (kLevels[std::clamp(level, 0, 7)] + ("pc[0]: " + name)).substr(0, 1023);
     }
 
-    // Which of a table's filters are in the line: 0 none, 1 some; -1 when there are no filters.
-    static int Contains(const TableT& table, const std::string& line) {
-        int found = -1;
+    static bool Contains(const TableT& table, const std::string& line, bool if_empty) {
+        bool empty = true;
+        bool found = false;
         for (const std::string& slot : table.slots) {
-            if (!slot.empty()) {
-                found = std::max(found, line.find(slot) != std::string::npos ? 1 : 0);
-            }
+            empty = empty && slot.empty();
+            found = found || (!slot.empty() && line.find(slot) != std::string::npos);
         }
-        return found;
+        return empty ? if_empty : found;
     }
 
     void Print(const std::string& line) {
-        const int level =
-            std::map<char, int>{{'C', 2}, {'E', 3}, {'W', 4}, {'I', 6}, {'D', 7}}[line[0]];
-        if (Contains(tables[0], line) != 0 && Contains(tables[1], line) != 1 &&
-            level <= level_limit) {
+        const size_t level = std::string("  CEW ID").find(line[0]);
+        if (Contains(tables[0], line, true) && !Contains(tables[1], line, false) &&
+            static_cast<int>(level) <= level_limit) {
             printed += line;
         }
     }
@@ -155,7 +153,7 @@ TEST_F(LogLines, AnySequenceOfCallsDiffersFromTheModel) {
         } else if (what < 14) {
             logmsg_set_spewfilter(model.spew = static_cast<int>(random() % 3));
         } else if (what < 15) {
-            syslogSetLogLevel(model.level_limit = static_cast<int>(3 + random() % 5));
+            syslogSetLogLevel(model.level_limit = static_cast<int>(1 + random() % 7));
         } else {
             const int level = static_cast<int>(random() % 12) - 2;
             const char* const component = pick(kComponents);
