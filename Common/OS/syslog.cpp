@@ -45,7 +45,7 @@ constexpr int kLevelWidth = 6;         // columns of the level field, first in a
 constexpr int kEchoFacility = 64;
 
 // Under logqueuemutex.
-bool gWriterCalled;     // the writer has an event for what is in the queue, or somebody drains it
+bool gWriterCalled;     // the writer has an event since the last drain began
 bool gPrintingInPlace;  // the line at the read index is being printed: the index stays
 
 pthread_mutex_t gTurnMutex = PTHREAD_MUTEX_INITIALIZER;  // guards gDraining alone
@@ -216,7 +216,6 @@ bool TakeOldest(OldestT* oldest) {
     const int head = log_buffer_head;
     const int tail = log_buffer_tail;
     if (head == tail) {
-        gWriterCalled = false;
         return false;
     }
     oldest->text = buf + head;
@@ -328,7 +327,7 @@ LogPutT syslogPut(const char* msg, int msglen) {
     if (!hold.held()) {
         return {};
     }
-    MutexGuardT guard(&logqueuemutex);
+    CancellableMutexGuardT guard(&logqueuemutex);  // nothing inside is a place to be deleted at
     LogPutT put = Put(msg, length < INT_MAX ? static_cast<int>(length) + 1 : INT_MAX);
     put.call_writer = !std::exchange(gWriterCalled, true);
     return put;
@@ -352,6 +351,12 @@ int syslogAdd(const char* msg, int msglen) {
 
 int syslogDrainQueue() {
     const DrainTurnT turn;
+    {
+        // What is queued from here on calls the writer again: it does not go to sleep in between
+        // while lines keep coming, and it comes if this task is deleted half-way.
+        MutexGuardT guard(&logqueuemutex);
+        gWriterCalled = false;
+    }
     while (PrintOldest()) {
     }
     fflush(stdout);
