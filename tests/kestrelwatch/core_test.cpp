@@ -1,142 +1,165 @@
-// The launcher's cores: positions out of digits, the updater's lines, the judgement, the bar.
+// The launcher's cores: the updater's lines and what they come to, versions, the bar, the presses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
-#include "tools/kestrelwatch/bar.h"
-#include "tools/kestrelwatch/lines.h"
-#include "tools/kestrelwatch/model.h"
-#include "tools/kestrelwatch/presses.h"
+#include "softupdate/kestrelwatch/check.h"
+#include "softupdate/kestrelwatch/follow.h"
+#include "softupdate/kestrelwatch/sha256.h"
+#include "softupdate/kestrelwatch/verdict.h"
 
 namespace watch {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
-TEST(WatchPositions, NumbersThatArriveTogetherAreToldApart) {
-    std::string all;
-    for (int i = 1; i <= 1000; i++) {
-        all += std::to_string(i);
-    }
-    const struct {
-        std::string run;
-        int after;
-        RangeT range;
-        int last;
-    } rows[] = {
-        {"1213", 11, {0, 100}, 13},
-        {all, 0, {0, 1000}, 1000},
-        {"5051", 0, {50, 60}, 51},
-        {"7", 9, {0, 100}, 9},                     // backwards
-        {"101", 99, {0, 100}, 99},                 // beyond the end
-        {"007", 0, {0, 100}, 0},                   // no number of the updater's
-        {std::string(9000, '1'), 0, {0, 100}, 0},  // no run of the updater's
-        {"515", 0, {50, 60}, 49},                  // no 5 and 15
-        {"4294967297", 0, {0, 3}, 0},              // would be 1 in 32 bits
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(LastOfRun(row.run, row.after, row.range), row.last) << row.run.substr(0, 20);
-    }
+const std::string kAsked =
+    "updatedMicroVersion: 0x21 -- currentMicroVersion: 0x20 ...\n"
+    "Kestrel Microcontroller fw update is [needed]\n"
+    "########## Kestrel Image(s) Update Required ....\n";
+const std::string kConfirmed =
+    "Kestrel Microcontroller fw update is [not needed]\n"
+    "########## NO Kestrel Image(s) Update Required ....\n";
+const std::string kEnd = "####### SUCCESSFULLY UPDATED KESTREL MICRO CONTROLLER ....\n";
+
+std::string Block(int block, int attempt = 1) {
+    return "Flashing Kestrel Micro Controller Image block[" + std::to_string(block) +
+           "] Iteration[" + std::to_string(attempt) + "] ...\n";
 }
 
-TEST(WatchPositions, PrintedLinesDecideWhatDigitsMean) {
-    PositionStream stream({0, 12});
-    stream.Feed("12", 0);
-    stream.Confirm(1);
-    stream.Confirm(2);
-    stream.Settle(10000);
-    EXPECT_EQ(stream.Position(), 2);
-    // Digits of a stranger: shown for a while, never taken for the end, forgotten with the next.
-    stream.Feed("12", 20000);
-    stream.Settle(20250);
-    EXPECT_EQ(stream.Position(), 12);
-    EXPECT_FALSE(stream.AtEnd());
-    stream.Feed("3", 30000);
-    stream.Confirm(3);
-    EXPECT_EQ(stream.Position(), 3);
-    EXPECT_EQ(stream.SettleDueMs(), -1);
-    stream.Confirm(12);
-    EXPECT_TRUE(stream.AtEnd());
+std::string Reply(const std::string& what, int count) {
+    return "####### GOT A [" + what + "] FROM KESTREL MICRO CONTROLLER -- byteRead[" +
+           std::to_string(count) + "]....\n";
 }
 
-const std::string kMicroBlock = "Flashing Kestrel Micro Controller Image block[";
-const std::string kCameraBlock = "Flashing Overlook Camera Image block[";
-const std::string kFirst = "] Iteration[1] ...\n";
-const std::string kThird = "] Iteration[3] ...\n";
-const std::string kAck = "####### GOT A [ACK] FROM KESTREL MICRO CONTROLLER -- byteRead[2]....\n";
-const std::string kNack = "####### GOT A [NACK] FROM KESTREL MICRO CONTROLLER -- byteRead[0]....\n";
-const std::string kMicroEnd = "####### SUCCESSFULLY UPDATED KESTREL MICRO CONTROLLER ....\n";
-const std::string kEnd = "percentdone: [100]\n";
-const std::string kFailed = "ERROR: flash_micro() -- Failed open port: 1, err: -36";
+std::string Blocks(int from, int to) {
+    std::string lines;
+    for (int block = from; block < to; block++) {
+        lines += Block(block) + Reply("ACK", 2);
+    }
+    return lines;
+}
 
-TEST(WatchModel, OnlyATrustworthySuccessPassesForOne) {
-    const std::string last = kMicroBlock + "11" + kFirst + kEnd;
-    const std::string at40 = "percentdone: [40]\n" + kFailed + "\n";
+RunT Told(const std::string& lines, int waitStatus, bool asks) {
+    RunT run;
+    run.started = true;
+    run.waitStatus = waitStatus;
+    run.story.asks = asks;
+    for (const std::string& line : LineSplitter().Feed(lines)) {
+        TellStory(&run.story, std::string_view(line).substr(0, line.size() - 1));
+    }
+    return run;
+}
+
+TEST(WatchVerdict, OnlyWhatTheUnitConfirmsIsASuccessAndTheFirstCauseIsNamed) {
     const int exit1 = 1 << 8;
     const int exit255 = 255 << 8;
+    const std::string whole = Blocks(0, 12) + kEnd;
+    const std::string camera =
+        "flash_overlook() ...\n######### Failed reading device type response back from Overlook "
+        "camera ...\nERROR: flash_overlook() -- overlook camera comm appears to be crashed\n";
     const struct {
-        std::string lines;
+        std::string update;
         int waitStatus;
+        std::string verify;
+        int verifyStatus;
         int status;
-        int strict;
+        CauseT cause;
         std::string said;
     } rows[] = {
-        {last + kAck + kMicroEnd, 0, 0, 0, "done after 0:05."},
-        {"Kestrel Microcontroller fw update is [not needed]\n" + kEnd, 0, 0, 0, "done"},
-        {"", 0, 0, 120, "no position reported"},
-        {"percentdone: [99]\n", 0, 0, 120, "not reached (position 99 of 0 to 100"},
-        {"Can't stat overlookcam.bin. Cancelling progress control updates.\n", 0, 0, 120,
-         "overlookcam.bin is missing"},
-        // All bytes were sent, so the end was reached, but a block was never taken.
-        {kMicroBlock + "10" + kFirst + kAck + last + kNack + kMicroEnd, 0, 0, 120,
-         "did not acknowledge block 12 of 12"},
-        {kCameraBlock + "0" + kFirst +
-             "UNKNOWN RESPONSE FROM OVERLOOK DURING CAMERA IMAGE FLASHING: AckNack:0x42 ...\n" +
-             kEnd,
-         0, 0, 120, "unknown reply to a block of the camera firmware"},
-        {"########## Kestrel Image(s) Update Required ....\n", exit1, 1, 1, "update is required"},
-        {at40, exit255, 255, 255, "the updater said: " + kFailed},
-        {kEnd, SIGKILL, 137, 137, "ended by signal 9 (Killed)"},
+        {whole, 0, kConfirmed, 0, 0, CauseT::kNone,
+         "UPDATED in 0:00: microcontroller 0x20 to 0x21"},
+        {whole, 0, kAsked, exit1, 120, CauseT::kStillDifferent, "microcontroller still 0x20"},
+        {whole, 0, "", 0, 120, CauseT::kUnconfirmed, "does not say what it runs"},
+        {Blocks(0, 11) + kEnd, 0, kConfirmed, 0, 120, CauseT::kBlockUnanswered, "holds part"},
+        {Blocks(0, 11) + Block(11) + Reply("NACK", 0) + kEnd, 0, kConfirmed, 0, 120,
+         CauseT::kBlockUnanswered, "block 12 of 12: no answer within 50 ms"},
+        {Blocks(0, 3) + Block(3) + Reply("NACK", 2) + Block(3, 2) + Reply("ACK", 2) +
+             Blocks(4, 12) + kEnd,
+         0, kConfirmed, 0, 0, CauseT::kNone, "UPDATED"},
+        {Block(0) + Reply("NACK", 2) + Block(0, 2) + Reply("NACK", 2) + Block(0, 3) +
+             Reply("NACK", 2) + Reply("NACK", 0) + kEnd,
+         0, kAsked, exit1, 120, CauseT::kBlockRefused, "block 1 of 12: refused three times"},
+        {Block(0) +
+             "UNKNOWN RESPONSE FROM OVERLOOK DURING KESTREL MICRO IMAGE FLASHING: "
+             "AckNack:0x55 ...\n" +
+             whole,
+         0, kConfirmed, 0, 120, CauseT::kUnknownReply, "unknown answer (55)"},
+        // What the microcontroller's lines gave away comes before the camera's loud failure.
+        {Block(0) + Reply("NACK", 1) + kEnd + camera, exit255, kAsked, exit1, 255,
+         CauseT::kBlockCut, "half an answer; then camera: no answer to the question"},
+        {Block(0) + Reply("NACK", 0), SIGTERM, "", 0, 128 + SIGTERM, CauseT::kBlockUnanswered,
+         "no answer within 50 ms; then the updater was ended by signal 15"},
+        {Block(2147483647) + Block(-1) + Blocks(0, 2), SIGKILL, "", 0, 137, CauseT::kSignal,
+         "microcontroller: block 2 of 12"},
+        {"flash_micro() ...\nERROR: flash_micro() -- Failed open port: 1, err: -25\n", exit255, "",
+         0, 255, CauseT::kLineFailed, "Failed open port: 1"},
+        {"hello\n", 0, kConfirmed, 0, 120, CauseT::kUpdaterStrange, "did not say what it found"},
     };
     for (const auto& row : rows) {
-        for (const bool strict : {false, true}) {
-            ProgressModel model({0, 100}, 0, 1000);
-            for (const std::string& line : LineSplitter().Feed(row.lines)) {
-                model.Line(std::string_view(line).substr(0, line.size() - 1), 2000);
-            }
-            const EndingT ending = model.End(row.waitStatus, strict, 6000);
-            EXPECT_EQ(ending.status, strict ? row.strict : row.status) << row.said;
-            EXPECT_THAT(ending.lines, testing::Contains(HasSubstr(row.said)));
-        }
+        RecordT record;
+        record.plan.wanted[kMicroTarget] = true;
+        record.plan.images[kMicro].version = 0x21;
+        record.ask = Told(kAsked, exit1, true);
+        record.update = Told(row.update, row.waitStatus, false);
+        record.verify = Told(row.verify, row.verifyStatus, true);
+        Judge(&record);
+        EXPECT_EQ(record.verdict.status, row.status) << row.said;
+        EXPECT_STREQ(CauseCode(record.verdict.cause), CauseCode(row.cause)) << row.said;
+        EXPECT_THAT(record.verdict.Text(), HasSubstr(row.said));
+        const ImageStoryT& sent = record.update.story.images[kMicro];
+        EXPECT_FALSE(record.verdict.repeatable && sent.touched && !sent.Complete()) << row.said;
     }
 }
 
-TEST(WatchModel, AStandstillIsToldOnceForEachOfItsPeriods) {
-    ProgressModel model({0, 100}, 30000, 0);
-    model.Line(kCameraBlock + "0" + kFirst, 10000);
-    EXPECT_EQ(model.DueMs(), 40000);
-    model.Line(kCameraBlock + "0" + kThird, 20000);
-    model.Line("####### GOT A [NACK] OVERLOOK -- byteRead[2]....", 30000);
-    EXPECT_THAT(model.Notices(39999), IsEmpty());
-    EXPECT_THAT(model.Notices(40000), ElementsAre(HasSubstr("nothing has moved for 0:30 (camera")));
-    EXPECT_THAT(RenderPlain(model.Sight(41000)), HasSubstr("still for 0:31, camera firmware"));
-    EXPECT_THAT(model.Notices(69999), IsEmpty());
-    EXPECT_THAT(model.Notices(70000), ElementsAre(HasSubstr("nothing has moved for 1:00")));
+TEST(WatchVerdict, ACameraVersionThatNeverCountsAsUpToDateIsConfirmedByItsDigits) {
+    RecordT record;
+    record.plan.wanted[kCameraTarget] = true;
+    record.plan.images[kCamera].version = 0x8001;
+    record.plan.images[kSystem].version = 0x0304;
+    const std::string newer = "] -- Newer Overlook Camera FW Version[8001] ... Upgrading\n";
+    const std::string system = "Overlook System Firmware is Already up to date ...\n";
+    for (const auto& [current, confirmed] : {std::pair("ffff8001", true), {"8000", false}}) {
+        const RunT run =
+            Told("Current Overlook Camera FW Version[" + std::string(current) + newer + system,
+                 1 << 8, true);
+        EXPECT_EQ(AllConfirmed(record.plan, run.story), confirmed) << current;
+    }
 }
 
-TEST(WatchBar, NeverReachesTheLastColumn) {
-    const SightT sight = {42, 3723000, 0, "camera firmware: block 3 of 7", ""};
-    for (int width = -1; width < 200; width++) {
+TEST(WatchCheck, AVersionIsHexadecimalTextAndNothingElse) {
+    const std::pair<const char*, long> rows[] = {
+        {"1A2b\n", 0x1A2B}, {"0\r\n", 0},      {"8001", 0x8001}, {"abcdef  \n", 0xABCDEF},
+        {"v1.02\n", -1},    {"<html>", -1},    {"", -1},         {"0x12\n", -1},
+        {" 12\n", -1},      {"1234567\n", -1}, {"12\n13\n", -1}, {"1:2\n", -1}};
+    for (const auto& [text, version] : rows) {
+        EXPECT_EQ(HexVersion(text), version) << text;
+    }
+    Sha256 hash;
+    const std::string text(1000, 'a');
+    hash.Add(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    EXPECT_EQ(hash.Hex(), "41edece42d63e8d9bf515a9ba6932e1c20cbc9f5a5d134645adb5db1b9737ea3");
+}
+
+TEST(WatchBar, NeverReachesTheLastColumnAndPromisesNoMoreThanWasAcknowledged) {
+    SightT sight;
+    sight.percent = 42;
+    sight.inFlight = 0.2;
+    sight.elapsedMs = 3723000;
+    sight.leftMs = 65000;
+    sight.rate = 10240;
+    sight.what = "camera firmware: block 3 of 7";
+    for (int width = -1; width <= 300; width++) {
         const std::string bar = RenderBar(sight, width);
         EXPECT_LT(static_cast<int>(bar.size()), std::max(width, 1));
         EXPECT_TRUE(width < 6 || bar.find("42 %") != std::string::npos) << bar;
     }
-    EXPECT_EQ(RenderBar(sight, 80),
-              "[=========>              ]  42 %  1:02:03  camera firmware: block 3 of 7");
+    EXPECT_EQ(RenderBar(sight, 110),
+              "[=========>-----          ]  42 %  1:02:03, 1:05 left  10.2 KB/s  camera "
+              "firmware: block 3 of 7");
 }
 
 TEST(WatchPresses, OneAloneOrAHeldKeyNeverCounts) {

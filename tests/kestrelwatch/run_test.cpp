@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "tests/kestrelwatch/session.h"
 
@@ -15,12 +14,16 @@ using testing::HasSubstr;
 const UserT kPipes = UserT::kPipes;
 const UserT kTerminal = UserT::kTerminal;
 
-// A terminal's picture without what was drawn from a row's start and wiped to its end.
+// A terminal's picture without the bars and what wiped them.
 std::string WithoutBars(std::string text) {
-    const std::string wipe = "\033[K";
-    for (size_t end = text.find(wipe); end != std::string::npos; end = text.find(wipe)) {
-        const size_t start = text.rfind('\r', end);
-        text.erase(start, end + wipe.size() - start);
+    const std::string start = "\r\033[?7l";
+    const std::string last = "\033[?7h\r";
+    for (size_t at = text.find(start); at != std::string::npos; at = text.find(start)) {
+        text.erase(at, text.find(last, at) + last.size() - at);
+    }
+    const std::string wipe = "\r\033[J";
+    for (size_t at = text.find(wipe); at != std::string::npos; at = text.find(wipe)) {
+        text.erase(at, wipe.size());
     }
     return text;
 }
@@ -30,53 +33,97 @@ std::string LineStart(int i) {
     return std::to_string(100000000 + i).substr(1) + " 000";
 }
 
-TEST(WatchRun, OutputPassesUntouchedAndProgressComesAsPlainLines) {
+TEST(WatchRun, OutputPassesUntouchedAndTheUnitIsAskedBeforeAndAfter) {
     const Folder folder;
     Session session(kPipes, {},
-                    "echo 'flash_micro() ...'; echo complaint >&2; printf 'no line'; echo ' end'\n"
-                    "pos 5; pos 100; printf unfinished");
-    EXPECT_EQ(session.End(), 0);
-    EXPECT_EQ(session.output,
-              "flash_micro() ...\nno line end\npercentdone: [5]\n"
-              "percentdone: [100]\nunfinished");
+                    "echo complaint >&2; printf 'no line'; echo ' end'; begin; finish;"
+                    "pos 100; printf unfinished");
+    EXPECT_EQ(session.End(), 0) << session.error;
+    EXPECT_THAT(session.output,
+                testing::StartsWith("flash_micro() ...\nupdatedMicroVersion: 0x21"));
+    EXPECT_THAT(session.output, HasSubstr("Required ....\nno line end\nATTEMPTING"));
+    EXPECT_THAT(session.output, HasSubstr("percentdone: [100]\nunfinishedflash_micro() ...\n"));
     EXPECT_THAT(session.error, HasSubstr("complaint\n"));
     EXPECT_THAT(session.error, HasSubstr("kestrelwatch: 100 %  0:0"));
-    EXPECT_THAT(session.error, HasSubstr("microcontroller: asking for its version\n"));
+    EXPECT_THAT(session.error, HasSubstr("microcontroller 0x20 to 0x21. The unit: microcontroller "
+                                         "0x21, verified.\n"));
     EXPECT_EQ(session.error.find_first_of("\033\r"), std::string::npos);
     EXPECT_EQ(folder.PrivateFolder(), "");
+    // A second run finds nothing to do, and does nothing.
+    Session again(kPipes, {}, "begin; exit 255");
+    EXPECT_EQ(again.End(), 0);
+    EXPECT_THAT(again.error, HasSubstr("UP TO DATE. The unit: microcontroller 0x21, up to date"));
 }
 
 TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
     const Folder folder;
     folder.Touch("file");
+    folder.Touch("empty");
     std::ofstream("script") << "not a program\n";
     chmod("script", 0755);
     mkfifo("taken", 0600);
     const int reader = open("taken", O_RDONLY | O_NONBLOCK);
+    const std::string dev = getenv("HARBOR_DEV_DIR");
     const struct {
+        const char* before;  // a command
         WordsT words;
         int status;
-        const char* said;
+        std::string said;
     } rows[] = {
-        {{}, 121, "nothing to do"},
-        {{"--", "true", "-p", "x"}, 121, "use --pipe and --range"},
-        {{"--stall", "-1", "--", "true"}, 121, "--stall takes"},
-        {{"--range", "5", "6x", "--", "true"}, 122, "'6x' is not"},
-        {{"--range", "10", "10", "--", "true"}, 122, "10 is not below the high end 10"},
-        {{"--pipe", "file", "--", "true"}, 123, "file: exists and is no pipe"},
-        {{"--pipe", "taken", "--", "true"}, 123, "another program reads"},
-        {{"--pipe", std::string(256, 'x'), "--", "true"}, 123, "path too long"},
-        {{"--pipe", "none/pipe", "--", "true"}, 124, "No such file"},
-        {{"--", "./file"}, 126, "Permission denied"},
-        {{"--", "./script"}, 126, "Exec format error"},
+        {"", {}, 121, "nothing to do"},
+        {"", {"Q", "micro"}, 121, "knows no word 'Q'"},
+        {"", {"al"}, 121, "knows no word 'al'"},
+        {"", {"q"}, 121, "nothing to do"},
+        {"", {"--nonsense", "all"}, 121, "bad option"},
+        {"", {"--", "true", "-p", "x"}, 121, "use --pipe and --range"},
+        {"", {"--stall", "-1", "--", "true"}, 121, "--stall takes"},
+        {"", {"--give-up", "1x", "--", "true"}, 121, "--give-up takes"},
+        {"", {"--retries", "1.5", "--", "true"}, 121, "--retries takes"},
+        {"", {"--port", "mice=/dev/null", "--", "true"}, 121, "--port takes"},
+        {"", {"--range", "5", "6x", "--", "true"}, 122, "'6x' is not"},
+        {"", {"--range", "10", "10", "--", "true"}, 122, "10 is not below the high end 10"},
+        {"", {"--pipe", "file", "--", "true", "micro"}, 123, "file: exists and is no pipe"},
+        {"", {"--pipe", "taken", "--", "true", "micro"}, 123, "another program reads"},
+        {"", {"--pipe", std::string(256, 'x'), "--", "true", "micro"}, 123, "path too long"},
+        {"", {"--pipe", "none/pipe", "--", "true", "micro"}, 124, "No such file"},
+        {"", {"--", "./file", "micro"}, 126, "Permission denied"},
+        {"", {"--", "./script", "micro"}, 126, "Exec format error"},
+        {"", {"--", "./none", "micro"}, 127, "No such file"},
+        {"mv kestrelmicro.bin image",
+         {"--", "true", "micro", "q"},
+         118,
+         "kestrelmicro.bin: No such file"},
+        {"mkdir kestrelmicro.bin", {"--", "true", "micro"}, 118, "is no file"},
+        {"rmdir kestrelmicro.bin; : >kestrelmicro.bin", {"--", "true", "micro"}, 118, "is empty"},
+        {"head -c 9 /dev/zero >kestrelmicro.bin", {"--", "true", "micro"}, 118, "begins with 0"},
+        {"head -c 6145 image /dev/zero >kestrelmicro.bin",
+         {"--", "true", "micro"},
+         118,
+         "only the first 6144"},
+        {"mv image kestrelmicro.bin", {"--", "true", "all"}, 118, "overlookcam.bin: No such"},
+        {"echo x | tee overlookcam.bin >overlooksys.bin; echo v1.02 >overlookcamver; echo 1 "
+         ">overlooksysver",
+         {"--", "true", "all"},
+         118,
+         "overlookcamver: is no hexadecimal version (\"v1.02\")"},
+        {"head -c 30000000 /dev/zero >overlookcam.bin",
+         {"--", "true", "overlook"},
+         118,
+         "more than 21474836 bytes"},
+        {"rm $HARBOR_DEV_DIR/fpgaserial1",
+         {"--", "true", "micro"},
+         118,
+         dev + "/fpgaserial1: No such file"},
+        {": >$HARBOR_DEV_DIR/fpgaserial1", {"--", "true", "micro"}, 118, "is no device"},
     };
     for (const auto& row : rows) {
+        ASSERT_EQ(system(row.before), 0) << row.before;
         WordsT words = row.words;
         words.insert(words.begin(), KESTRELWATCH);
         Child session(kPipes, words);
         EXPECT_EQ(session.End(), row.status) << row.said;
         EXPECT_THAT(session.error, HasSubstr(row.said));
-        EXPECT_EQ(std::count(session.error.begin(), session.error.end(), '\n'), 1);
+        EXPECT_THAT(session.error, HasSubstr("not touched. Next: "));
         EXPECT_EQ(session.output, "");
     }
     close(reader);
@@ -84,22 +131,37 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
     EXPECT_EQ(folder.PrivateFolder(), "");
 }
 
+TEST(WatchRun, ACheckAloneIsATableAndStartsNothing) {
+    const Folder folder;
+    std::ofstream("overlookcam.bin") << "image";
+    std::ofstream("overlooksys.bin") << "image";
+    std::ofstream("overlookcamver") << "8001\n";
+    std::ofstream("overlooksysver") << "error page\n";
+    Child session(kPipes, {KESTRELWATCH, "--check", "--", "./none", "all"});
+    EXPECT_EQ(session.End(), 127);
+    for (const char* row : {"REFUSED updater", "ok      kestrelmicro.bin", "version 0x21",
+                            "NOTICE  overlookcamver", "will come back", "REFUSED overlooksysver"}) {
+        EXPECT_THAT(session.output, HasSubstr(row));
+    }
+}
+
 TEST(WatchRun, AGivenPipeIsUsedAndOnlyAnOwnOneRemoved) {
     const Folder folder;
     mkfifo("there", 0600);
     for (const char* name : {"there", "fresh"}) {
         Session session(kPipes, {"--pipe", name, "--strict"},
-                        "upto 100; [ $pipe = " + std::string(name) + " ]");
-        EXPECT_EQ(session.End(), 0);
+                        "begin; finish; pos 100; [ $pipe = " + std::string(name) + " ]");
+        EXPECT_EQ(session.End(), 0) << session.error;
+        std::filesystem::remove("updated");
     }
     EXPECT_TRUE(std::filesystem::exists("there"));
     EXPECT_FALSE(std::filesystem::exists("fresh"));
 }
 
-TEST(WatchRun, NeitherAStandstillNorAnInterruptThatIsNotRepeatedInTimeEndsAnything) {
+TEST(WatchRun, NeitherAStandstillNorAnInterruptThatIsNotRepeatedInTimeEndsAFlash) {
     const Folder folder;
-    Session session(kPipes, {"--stall", "0.1", "--confirm", "0.1"},
-                    "pos 1; await go; pos 100; await end");
+    Session session(kPipes, {"--stall", "0.1", "--confirm", "0.1", "--give-up", "0.1"},
+                    "begin; await go; block 1; await end; finish");
     for (int i = 0; i < 2; i++) {
         EXPECT_TRUE(session.Sees("nothing has moved for 0:00"));
         session.Signal(SIGINT);
@@ -109,26 +171,51 @@ TEST(WatchRun, NeitherAStandstillNorAnInterruptThatIsNotRepeatedInTimeEndsAnythi
     folder.Touch("go");
     EXPECT_TRUE(session.Sees("moving again"));
     folder.Touch("end");
-    EXPECT_EQ(session.End(), 0);
+    EXPECT_EQ(session.End(), 0) << session.error;
+}
+
+TEST(WatchRun, OnePressOrALimitEndsWhatStandsWhereNothingIsErased) {
+    const Folder folder;
+    const char* const hunt = "asking; await never";
+    for (const bool asks : {true, false}) {
+        const std::string words = asks ? std::string(hunt) : kAnswers + std::string(hunt);
+        Session pressed({"--give-up", "0"}, words);
+        EXPECT_TRUE(pressed.Sees("asking for its version"));
+        EXPECT_TRUE(asks || pressed.Sees("asking for its version"));
+        pressed.Signal(SIGINT);
+        EXPECT_EQ(pressed.End(), 130);
+        EXPECT_THAT(pressed.error, HasSubstr("FAILED: interrupted at microcontroller: asking"));
+        Session limited({"--give-up", "0.3", "--retries", "1"}, words);
+        EXPECT_EQ(limited.End(), 117);
+        EXPECT_THAT(limited.error, HasSubstr("running again (1 try left)"));
+        EXPECT_THAT(limited.error, HasSubstr("FAILED: given up at microcontroller: asking"));
+    }
+    // One that does not listen, and one that talks for ever.
+    for (const char* words : {"trap '' TERM; asking; while :; do sleep 1; done",
+                              "while :; do echo no line of the updater; done"}) {
+        Session session({"--give-up", "0.3"}, words);
+        EXPECT_EQ(session.End(), 117);
+    }
 }
 
 // More than any pipe or terminal holds, while nobody reads a byte of it.
 TEST(WatchRun, AReaderThatStandsStillDoesNotHoldTheUpdater) {
     const Folder folder;
-    Session session(kPipes, {}, "kilobytes 2000; upto 100; : >done");
+    Session session(kPipes, {}, "kilobytes 2000; begin; finish; : >done");
     EXPECT_TRUE(folder.WaitFor("done"));
     EXPECT_EQ(session.End(), 0);
+    const size_t start = session.output.find(LineStart(0));
     for (int i = 0; i < 2000; i++) {
-        ASSERT_EQ(session.output.substr(size_t{1024} * static_cast<size_t>(i), 12), LineStart(i));
+        ASSERT_EQ(session.output.substr(start + size_t{1024} * static_cast<size_t>(i), 12),
+                  LineStart(i));
     }
-    EXPECT_EQ(session.output.substr(size_t{2000} * 1024, 17), "percentdone: [1]\n");
 }
 
-TEST(WatchRun, OneInterruptWarnsAndTwoInterrupt) {
+TEST(WatchRun, OneInterruptOfAFlashWarnsAndTwoInterrupt) {
     const Folder folder;
     for (const int number : {SIGINT, SIGTERM}) {
-        Session session(kPipes, {"--confirm", "600"}, "echo on; await never");
-        EXPECT_TRUE(session.Sees("on\n"));
+        Session session(kPipes, {"--confirm", "600"}, "begin; await never");
+        EXPECT_TRUE(session.Sees("block[0]"));
         session.Signal(number);
         EXPECT_TRUE(session.Sees("leave the unit dead"));
         EXPECT_TRUE(session.Sees("within 600 seconds"));
@@ -136,37 +223,94 @@ TEST(WatchRun, OneInterruptWarnsAndTwoInterrupt) {
         session.Signal(number);
         EXPECT_TRUE(session.Sees("on to the updater"));
         EXPECT_EQ(session.End(), 128 + number);
+        EXPECT_THAT(session.error, HasSubstr("may have erased its image"));
     }
 }
 
-TEST(WatchRun, AKilledLauncherLeavesTheUpdaterAReader) {
+TEST(WatchRun, AKilledLauncherLeavesTheUpdaterAReaderAndTheLock) {
     const Folder folder;
-    Session session(kPipes, {}, "pos 1; await go; kilobytes 500; upto 100; : >done");
+    Session session(kPipes, {}, "begin; pos 1; await go; kilobytes 500; finish; : >done");
     EXPECT_TRUE(session.Sees("percentdone: [1]"));
     const std::string own = folder.PrivateFolder();
     EXPECT_TRUE(std::filesystem::is_fifo(own + "/progress"));
-    session.Signal(SIGKILL);
-    EXPECT_EQ(session.End(), -SIGKILL);
+    for (const bool killed : {false, true}) {
+        if (killed) {
+            session.Signal(SIGKILL);
+            EXPECT_EQ(session.End(), -SIGKILL);
+        }
+        Session second(kPipes, {}, "echo started");
+        EXPECT_EQ(second.End(), 119);
+        EXPECT_THAT(second.error, HasSubstr("an update has been running since "));
+        EXPECT_EQ(second.error.find("launcher is gone") != std::string::npos, killed);
+        EXPECT_EQ(second.output, "");
+    }
     folder.Touch("go");
     EXPECT_TRUE(folder.WaitFor("done"));
     EXPECT_TRUE(folder.WaitFor(own, false));
+    EXPECT_TRUE(Eventually([] { return Session(kPipes, {}, "").End() == 0; }));
+}
+
+TEST(WatchRun, FilesThatChangeWhileTheUpdateRunsAreNoSuccess) {
+    const Folder folder;
+    Session session(kPipes, {}, "begin; echo more >>kestrelmicro.bin; finish");
+    EXPECT_EQ(session.End(), 120);
+    EXPECT_THAT(session.error, HasSubstr("the files were changed while the update ran"));
+}
+
+TEST(WatchRun, AQueryKeepsTheUpdatersStatusAndAQuestionLeftOutIsSaid) {
+    const Folder folder;
+    for (const int status : {1, 0}) {
+        Child query(kPipes, {KESTRELWATCH, "--", "sh", "-c", std::string(kUpdaterWords) + "answer",
+                             "updater", "micro", "q"});
+        EXPECT_EQ(query.End(), status);
+        EXPECT_THAT(query.error, HasSubstr(status == 1 ? "UPDATE NEEDED: microcontroller 0x20 to"
+                                                       : "UP TO DATE"));
+        Session session(kPipes, {"--no-verify"}, "begin; finish");
+        EXPECT_EQ(session.End(), status == 1 ? 120 : 0);
+        EXPECT_EQ(session.error.find("was not asked") != std::string::npos, status == 1);
+    }
+}
+
+TEST(WatchRun, WhateverBecomesOfItsFilesTheUpdateGoesOn) {
+    const Folder folder;
+    signal(SIGPIPE, SIG_IGN);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    const std::string gone = "fd:" + std::to_string(ends[1]);
+    const struct {
+        WordsT options;
+        const char* said;
+    } rows[] = {
+        {{"--json", "/dev/full"}, "/dev/full is lost (No space left on device)"},
+        {{"--json", gone}, "is lost (Broken pipe)"},
+        {{"--json", "fd:700"}, "fd:700 cannot be written: Bad file descriptor"},
+        {{"--json", "none/file"}, "none/file cannot be written"},
+        {{"--record", "kestrelmicro.bin"}, "cannot be written: Not a directory"},
+    };
+    for (const auto& row : rows) {
+        std::filesystem::remove("updated");
+        Session session(kPipes, row.options, "sleep 0.3; begin; finish");
+        EXPECT_EQ(session.End(), 0);
+        EXPECT_THAT(session.error, HasSubstr(row.said));
+    }
+    close(ends[1]);
 }
 
 TEST(WatchTerminal, KeysDoNotReachTheUpdaterAndTheBarLeavesLinesWhole) {
     const Folder folder;
-    Session session(kTerminal, {}, "pos 42; await go; pos 50; await end; kilobytes 50; pos 100");
-    EXPECT_TRUE(session.Sees("]  42 %"));
+    Session session(kTerminal, {}, "begin; await go; block 1; await end; kilobytes 50; finish");
+    EXPECT_TRUE(session.Sees("microcontroller: block 1 of 12"));
     EXPECT_TRUE(session.Type("\003"));
     EXPECT_TRUE(session.Sees("leave the unit dead"));
     EXPECT_TRUE(session.Sees(" s to interrupt"));
     EXPECT_TRUE(session.Type("\032"));
     EXPECT_TRUE(session.Sees("not suspended"));
     folder.Touch("go");
-    EXPECT_TRUE(session.Sees("]  50 %"));
     folder.Touch("end");
     EXPECT_EQ(session.End(), 0);
-    EXPECT_THAT(session.output, HasSubstr("\033[K\r\nkestrelwatch: done"));
     const std::string text = WithoutBars(session.output);
+    EXPECT_THAT(text, HasSubstr("\r\nkestrelwatch: UPDATED"));
     for (int i = 0; i < 50; i++) {
         const size_t at = text.find("\n" + LineStart(i));
         ASSERT_NE(at, std::string::npos) << i;
@@ -178,16 +322,33 @@ TEST(WatchTerminal, NeitherAHangUpNorALostReaderEndsTheUpdate) {
     const Folder folder;
     for (const UserT user : {kPipes, kTerminal}) {
         const std::string done = user == kPipes ? "done-pipes" : "done-terminal";
-        Session session(user, {"--strict"},
-                        "pos 10; await go-" + done + "; kilobytes 500; upto 100; : >" + done);
-        EXPECT_TRUE(session.Sees(" 10 %"));
+        Session session(user, {},
+                        "begin; await go-" + done + "; kilobytes 500; finish; : >" + done);
+        EXPECT_TRUE(session.Sees("block[0]"));
         session.CloseOutput();
         folder.Touch(("go-" + done).c_str());
         EXPECT_TRUE(folder.WaitFor(done));
         EXPECT_TRUE(user == kTerminal || session.Sees("output is gone (Broken pipe)"));
         EXPECT_EQ(session.End(), 0);
+        std::filesystem::remove("updated");
     }
     EXPECT_EQ(folder.PrivateFolder(), "");
+}
+
+// The updater's session has a terminal, which is not the line that it opens, and a hang-up of which
+// does not end it.
+TEST(WatchTerminal, ALineNeverControlsTheUpdater) {
+    const Folder folder;
+    Session session(kPipes, {},
+                    "exec 3<>$HARBOR_DEV_DIR/fpgaserial1; begin; kill -HUP $$; "
+                    "ps -o tty= -p $$ >tty; finish");
+    EXPECT_EQ(session.End(), 0) << session.error;
+    std::string tty;
+    std::ifstream("tty") >> tty;
+    const std::string line =
+        std::filesystem::read_symlink(std::string(getenv("HARBOR_DEV_DIR")) + "/fpgaserial1");
+    EXPECT_THAT(tty, testing::StartsWith("pts/"));
+    EXPECT_NE("/dev/" + tty, line);
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ constexpr FaultName kFaultNames[] = {
 constexpr int kLongestMs = 24 * 3600 * 1000;
 constexpr int kMostNoise = 1000000;
 
-constexpr const char* kSelectorKeys = "fault unit answer image block attempt times";
+constexpr const char* kSelectorKeys = "fault unit answer image block attempt times after";
 
 const std::map<std::string, UnitName> kUnits = {{"micro", UnitName::kMicro},
                                                 {"camera", UnitName::kCamera}};
@@ -143,7 +143,7 @@ std::string FaultHelp() {
     std::string text =
         "faults (any of them may be narrowed with unit=micro|camera,\n"
         "answer=version|device-type|flash-mode|block, image=micro|camera|system, block=N,\n"
-        "attempt=N and times=N):\n";
+        "attempt=N, after=N and times=N):\n";
     for (const FaultName& it : kFaultNames) {
         std::string line = std::string("  ") + it.name + " " + it.defaults;
         line.resize(std::max<size_t>(line.size() + 1, 48), ' ');
@@ -190,6 +190,7 @@ void Faults::AddItem(const json& given) {
                 SmallNumber(item, "block"),
                 SmallNumber(item, "attempt"),
                 SmallNumber(item, "times").value_or(-1),
+                SmallNumber(item, "after").value_or(0),
                 SmallNumber(item, "ms", kLongestMs).value_or(0),
                 SmallNumber(item, "count", kMostNoise).value_or(0),
                 SmallNumber(item, "byte").value_or(0),
@@ -226,10 +227,21 @@ bool Faults::Matches(const Fault& fault, const AnswerId& id) {
                           fault.attempt.value_or(id.attempt) == id.attempt));
 }
 
+bool Faults::Strikes(Fault* fault, const AnswerId& id) {
+    if (!Matches(*fault, id)) {
+        return false;
+    }
+    if (fault->after > 0) {
+        fault->after--;
+        return false;
+    }
+    fault->times -= fault->times > 0 ? 1 : 0;
+    return true;
+}
+
 bool Faults::Acknowledges(const AnswerId& id) {
     for (Fault& fault : faults_) {
-        if (fault.kind == FaultKind::kNack && Matches(fault, id)) {
-            fault.times -= fault.times > 0 ? 1 : 0;
+        if (fault.kind == FaultKind::kNack && Strikes(&fault, id)) {
             return false;
         }
     }
@@ -274,10 +286,9 @@ std::vector<Piece> Faults::Shape(const Answer& answer) {
     bool dropped = false;
     std::string struck;
     for (Fault& fault : faults_) {
-        if (!IsOfAnswers(fault.kind) || !Matches(fault, answer.id)) {
+        if (!IsOfAnswers(fault.kind) || !Strikes(&fault, answer.id)) {
             continue;
         }
-        fault.times -= fault.times > 0 ? 1 : 0;
         struck += (struck.empty() ? " [" : ", ") + fault.name;
         dropped = dropped || fault.kind == FaultKind::kDrop;
         split_ms = fault.kind == FaultKind::kSplit ? fault.ms : split_ms;

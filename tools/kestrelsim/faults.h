@@ -43,6 +43,7 @@ struct Fault {
     std::optional<int> block;
     std::optional<int> attempt;
     int times = -1;  // how often it still strikes; below 0 without end
+    int after = 0;   // how many matching answers it still lets pass
     int ms = 0;
     int count = 0;
     int byte = 0;
@@ -95,6 +96,8 @@ class Faults {
     void AddItem(const nlohmann::json& item);
     const Fault* Find(FaultKind kind, UnitName unit) const;
     static bool Matches(const Fault& fault, const AnswerId& id);
+    // Counts the answer.
+    static bool Strikes(Fault* fault, const AnswerId& id);
     void ShapeBytes(const Fault& fault, Bytes* bytes, Bytes* noise, int* delay_ms);
 
     std::vector<Fault> faults_;

@@ -1,0 +1,1 @@
+int kestrelwatch_unit_test_placeholder;
