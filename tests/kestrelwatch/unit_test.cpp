@@ -1,1 +1,0 @@
-int kestrelwatch_unit_test_placeholder;
