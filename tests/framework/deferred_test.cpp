@@ -45,16 +45,17 @@ UInt32 DeafTask() {
     return Spawn("deaf", [] { tm_wkafter(1000000); });
 }
 
+// A call of the model: its function and user data (0 to 7) and where it waits: for this task or the
+// idle one, for an idle one that is gone, in the pass that runs, or there but taken back.
 struct CallT {
-    int function;  // negative: taken back
-    int user;
+    int key;
     int number;
-    bool operator==(const CallT&) const = default;
+    enum { kHere, kIdle, kLost, kTaken, kNothing } where;
 };
 
 template <int kFunction>
 void Told(void* user, void* pArgs);
-constexpr DeferredFuncPtrT kFunctions[] = {Told<0>, Told<1>};
+constexpr DeferredFuncPtrT kFunctions[] = {Told<0>, Told<4>};
 int gUsers[4];
 
 // Two tasks, this one and one that never runs and is made anew now and then, and what waits for
@@ -63,52 +64,52 @@ class ModelT {
   public:
     void Step(std::minstd_rand& random) {
         const auto operation = random() % 16;
-        const int function = static_cast<int>(random() % 2);
-        const int user = static_cast<int>(random() % 4);
-        if (operation < 9) {
-            if (InUse() < 300) {
-                Queue(random() % 4 == 0, function, user);
-            }
+        const int key = static_cast<int>(random() % 8);
+        if (operation < 9 && InUse() < 300) {
+            Queue(random() % 4 == 0, key);
         } else if (operation < 11) {
-            TakeBack(function, user);
-        } else if (operation == 11) {
-            Serve(-1, 0);
+            TakeBack(key);
         } else if (operation < 14) {
-            Serve(user, static_cast<int>(random() % 5));
-        } else if (operation == 14 && lost_.size() < 50) {
-            lost_.insert(lost_.end(), pending_[1].begin(), pending_[1].end());
-            pending_[1].clear();
-            t_delete(idle_);
-            idle_ = Make();
+            Serve(operation == 11 ? -1 : key % 4, static_cast<int>(random() % 5));
+        } else if (operation == 14 && Count(CallT::kLost) < 50) {
+            Renew();
         }
-        Check();
+        ASSERT_EQ(gFreeDeferredFuncsAvailable, kModNumDeferredFuncs - InUse());
+        ASSERT_EQ(ModCountDeferredFunctions(kFunctions[key / 4], &gUsers[key % 4]),
+                  std::ranges::count(calls_, key, &CallT::key));
+        ASSERT_EQ(DFCListMax, most_);
+        for (const DFStatsT& stats : DFStats) {
+            if (stats.taskID == ModSelf()) {
+                ASSERT_EQ(stats.queued, Count(CallT::kHere));
+                ASSERT_EQ(stats.eventTime != 0, served_ < asked_ && Count(CallT::kHere) != 0);
+            }
+        }
     }
 
     // A call runs: it is the next; some bring others, some take others back.
-    void Run(int function, int user, int number) {
-        while (!work_.empty() && work_.front().function < 0) {
-            work_.pop_front();
-        }
-        ASSERT_FALSE(work_.empty());
-        ASSERT_EQ(work_.front(), (CallT{function, user, number}));
-        work_.pop_front();
-        running_ = {function, user, number};
+    void Run(int key, int number) {
+        std::erase_if(calls_, [](const CallT& call) { return call.where == CallT::kNothing; });
+        const auto next = std::ranges::find(calls_, CallT::kTaken, &CallT::where);
+        ASSERT_NE(next, calls_.end());
+        ASSERT_EQ(std::pair(next->key, next->number), std::pair(key, number));
+        calls_.erase(next);
+        running_ = 1;
         if (number % 5 == 0) {
-            Queue(false, function, (user + 1) % 4);
+            Queue(false, (key + 1) % 8);
         } else if (number % 7 == 0) {
-            TakeBack(1 - function, user);
+            TakeBack(key ^ 4);
         }
-        running_.function = -1;
+        running_ = 0;
     }
 
+    // A pool that runs low takes back what no task serves.
     void End() {
         Serve(-1, 0);
         Serve(-1, 0);
-        t_delete(idle_);
-        const auto lost = static_cast<int>(lost_.size() + pending_[1].size());
-        UInt32 deaf = DeafTask();  // a pool that runs low takes back what no task serves
+        Renew();
+        const UInt32 deaf = DeafTask();
         Fill(deaf, gFreeDeferredFuncsAvailable - 47);
-        EXPECT_EQ(gFreeDeferredFuncsAvailable, 47 + lost);
+        EXPECT_EQ(gFreeDeferredFuncsAvailable, 47 + InUse());
         t_delete(deaf);
     }
 
@@ -119,85 +120,73 @@ class ModelT {
         return id;
     }
 
-    void Queue(bool idle, int function, int user) {
-        char args[kModMaxArgs] = {};
-        memcpy(args + sizeof(args) - sizeof(number_), &++number_, sizeof(number_));
-        EXPECT_EQ(ModDeferFunctionCall(idle ? idle_ : 0, kFunctions[function], &gUsers[user], args,
-                                       sizeof(args)),
-                  kNoError);
-        pending_[idle].push_back({function, user, number_});
-        most_ = std::max(most_, InUse());
+    void Renew() {
+        for (CallT& call : calls_) {
+            call.where = call.where == CallT::kIdle ? CallT::kLost : call.where;
+        }
+        t_delete(idle_);
+        idle_ = Make();
     }
 
-    void TakeBack(int function, int user) {
-        int count = 0;
-        for (auto* list : {&pending_[0], &pending_[1], &lost_, &work_}) {
-            for (auto at = list->begin(); at != list->end();) {
-                const bool match = at->function == function && at->user == user;
-                count += match;
-                if (match && list == &work_) {
-                    at->function = -1;  // its block goes when its turn comes
-                }
-                at = match && list != &work_ ? list->erase(at) : at + 1;
+    void Queue(bool idle, int key) {
+        char args[kModMaxArgs] = {};
+        memcpy(args + sizeof(args) - sizeof(number_), &++number_, sizeof(number_));
+        EXPECT_EQ(ModDeferFunctionCall(idle ? idle_ : 0, kFunctions[key / 4], &gUsers[key % 4],
+                                       args, sizeof(args)),
+                  kNoError);
+        calls_.push_back({key, number_, idle ? CallT::kIdle : CallT::kHere});
+        most_ = std::max(most_, InUse());
+        asked_ = idle ? asked_ : number_;
+    }
+
+    void TakeBack(int key) {
+        const auto count = std::ranges::count(calls_, key, &CallT::key);
+        std::erase_if(calls_, [key](CallT& call) {
+            const bool match = call.key == key;
+            if (match && call.where == CallT::kTaken) {  // its block goes when its turn comes
+                call = {-1, 0, CallT::kNothing};
+                return false;
             }
-        }
-        EXPECT_EQ(ModCancelDeferredFunctions(kFunctions[function], &gUsers[user]), count);
+            return match;
+        });
+        EXPECT_EQ(ModCancelDeferredFunctions(kFunctions[key / 4], &gUsers[key % 4]), count);
     }
 
     // Serves the calls with that user data (negative: all) up to a number of calls looked at.
     void Serve(int user, int limit) {
         static int looked;
         looked = 0;
-        work_.clear();
-        for (auto at = pending_[0].begin(); at != pending_[0].end();) {
-            const bool take = user < 0 || at->user == user;
-            if (take) {
-                work_.push_back(*at);
-            }
-            at = take ? pending_[0].erase(at) : at + 1;
-            if (user >= 0 && ++looked > limit) {
-                break;
+        for (CallT& call : calls_) {
+            if (call.where == CallT::kHere && (user < 0 || looked++ <= limit) &&
+                (user < 0 || call.key % 4 == user)) {
+                call.where = CallT::kTaken;
             }
         }
         looked = 0;
+        served_ = number_;
         const auto compare = [](ListT* at, void* wanted, void* most) -> int {
             const void* data = reinterpret_cast<ModDeferredFuncT*>(at)->userDefined;
             return (++looked > *static_cast<int*>(most) ? kModSearchStop : 0) |
                    (data == wanted ? kModSearchTake : 0);
         };
-        const int count = static_cast<int>(work_.size());
+        const auto count = static_cast<int>(Count(CallT::kTaken));
         EXPECT_EQ(user < 0 ? ModProcessDeferredFunctions()
                            : ModSearchDeferredFunction(compare, &gUsers[user], &limit),
                   count);
-        work_.clear();
+        std::erase_if(calls_, [](const CallT& call) { return call.where >= CallT::kTaken; });
     }
 
-    int InUse() const {
-        const auto waiting = pending_[0].size() + pending_[1].size() + lost_.size() + work_.size();
-        return static_cast<int>(waiting) + (running_.function >= 0);
+    size_t Count(int where) const {
+        return static_cast<size_t>(std::ranges::count(calls_, where, &CallT::where));
     }
+    int InUse() const { return static_cast<int>(calls_.size()) + running_; }
 
-    void Check() const {
-        const auto is = [](const CallT& call) { return call.function == 1 && call.user == 2; };
-        ASSERT_EQ(gFreeDeferredFuncsAvailable, kModNumDeferredFuncs - InUse());
-        ASSERT_EQ(ModCountDeferredFunctions(kFunctions[1], &gUsers[2]),
-                  std::ranges::count_if(pending_[0], is) + std::ranges::count_if(pending_[1], is) +
-                      std::ranges::count_if(lost_, is));
-        ASSERT_EQ(DFCListMax, most_);
-        for (const DFStatsT& stats : DFStats) {
-            if (stats.taskID == ModSelf()) {
-                ASSERT_EQ(stats.queued, pending_[0].size());
-                ASSERT_TRUE(!pending_[0].empty() || stats.eventTime == 0);
-            }
-        }
-    }
-
-    std::deque<CallT> pending_[2];
-    std::deque<CallT> lost_;  // of tasks that went without serving them
-    std::deque<CallT> work_;
-    CallT running_ = {-1, 0, 0};
+    std::deque<CallT> calls_;
     UInt32 idle_ = Make();
-    int number_ = 0;
+    int number_ = 0;  // of the last call
+    int asked_ = 0;   // of the last for this task
+    int served_ = 0;  // of the last when a pass began
+    int running_ = 0;
     int most_ = 0;
 };
 
@@ -207,7 +196,7 @@ template <int kFunction>
 void Told(void* user, void* pArgs) {
     int number;
     memcpy(&number, static_cast<char*>(pArgs) + kModMaxArgs - sizeof(number), sizeof(number));
-    gModel.Run(kFunction, static_cast<int>(static_cast<int*>(user) - gUsers), number);
+    gModel.Run(kFunction + static_cast<int>(static_cast<int*>(user) - gUsers), number);
 }
 
 class Deferred : public TaskTest {
@@ -275,10 +264,16 @@ TEST_F(Deferred, LowWaterIsReportedOnceAndArmedAgainAfterRecovery) {
     StartLog();
     const char* low = "WARN  pc[0]: MOD: task deaf has not responded to deferred func calls ";
     UInt32 deaf = DeafTask();
-    Fill(deaf, kModNumDeferredFuncs - 48);
+    const UInt32 other = DeafTask();
+    Fill(deaf, kModNumDeferredFuncs - 95);
+    Fill(other, 95 - 48);
     EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 0);  // 49 were free
-    Fill(deaf, 3);
+    Fill(other, 3);
     ExpectLines({low, "DFC List 336 entries, max 336 (current task main)\n"});
+    t_delete(other);
+    Fill(self_, 1);
+    EXPECT_EQ(gFreeDeferredFuncsLowWaterMarkPassed, 1);  // 95 were free
+    ModProcessDeferredFunctions();
     t_delete(deaf);
     Fill(self_, 1);
     ModProcessDeferredFunctions();
@@ -362,28 +357,20 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
     }
 }
 
-TEST_F(Deferred, CancelTakesBackWhatWaitsAndWaitsForWhatRuns) {
+TEST_F(Deferred, CancelWaitsForWhatRunsInAnotherTask) {
     static std::atomic<int> stage;
     const DeferredFuncPtrT slow = [](void*, void*) {
         stage++;
         tm_wkafter(5);
         stage++;
     };
-    int mine = 0;
-    int other = 0;
     ModuleTask task("slow");
-    task.Post([&] {
-        for (int* owner : {&mine, &mine, &mine, &other}) {
-            ModDeferFunctionCall(0, slow, owner, nullptr, 0);
-        }
-    });
+    Queue(task.Id(), slow, "");
     ASSERT_TRUE(Eventually([] { return stage == 1; }));
-    ModDeferFunctionCall(task.Id(), slow, &mine, nullptr, 0);
-    EXPECT_EQ(ModCountDeferredFunctions(slow, &mine), 4);
-    EXPECT_EQ(ModCancelDeferredFunctions(slow, &mine), 3);
-    EXPECT_GE(stage, 2);
-    EXPECT_EQ(ModCountDeferredFunctions(slow, &mine), 0);
-    EXPECT_TRUE(Eventually([] { return stage == 4; }));
+    Queue(task.Id(), slow, "");
+    EXPECT_EQ(ModCountDeferredFunctions(slow, nullptr), 2);
+    EXPECT_EQ(ModCancelDeferredFunctions(slow, nullptr), 1);
+    EXPECT_EQ(stage, 2);
 }
 
 // Senders, receivers and deletions all at once: nothing is lost, nothing runs twice.

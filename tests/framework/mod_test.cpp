@@ -40,144 +40,92 @@ void Tell(ModT*, UInt32 funcIndex, void* user, void* pArgs) {
 
 constexpr CallbackFuncPtrT kTellers[] = {Tell<0>, Tell<1>};
 
-// The main task and two others with a module, and what it should hold and call. Tasks are known by
-// their index and by how often they were made anew.
-class CallbackModelT {
-  public:
-    void Step(std::minstd_rand& random) {
-        const auto function = static_cast<int>(random() % 2);
-        void* user = Number(random() % 9);
-        const auto event =
-            static_cast<UInt32>(random() % 4 == 0 ? kModExceptionIndex : random() % 2);
-        const int task = static_cast<int>(random() % 3);
-        const auto operation = random() % 50;
-        if (operation < 20) {
-            Add(function, user, event, static_cast<int>(random() % 3), task);
-        } else if (operation < 28) {
-            Delete(function, user, event);
-        } else if (operation < 46) {
-            Fire(event, random() % 4 == 0 ? 1000 + random() % 50 : random() % 9);
-        } else if (operation < 49) {
-            Renew(task);
-        } else if (random() % 8 == 0) {
-            EXPECT_EQ(ModDeleteAllCallbacks(&mod_), kNoError);
-            slots_.clear();
-        }
-        EXPECT_EQ(mod_.numCallbacks, static_cast<int>(slots_.size()));
-    }
-    int Reused() const { return reused_; }
+}  // namespace
 
-  private:
+// The main task and two others, and what a module's slots should be and call. Tasks are told apart
+// by their index and by how often they were made anew.
+TEST_F(Mod, AnyOrderOfRegistrationsReachesTheTasksThatAskedAndNoOthers) {
     struct SlotT {
         int function = -1;  // free
         void* user = nullptr;
         UInt32 event = 0;
-        bool deferred = false;
-        int task = 0;
+        int task = 0;  // negative: at once
         int life = 0;
     };
-
-    auto Find(int function, const void* user, UInt32 event) {
-        return std::find_if(slots_.begin(), slots_.end(), [=](const SlotT& slot) {
-            return slot.function == function && slot.user == user && slot.event == event;
-        });
-    }
-
-    // `when`: 0 at once, 1 deferred to the caller, 2 deferred to `task`.
-    void Add(int function, void* user, UInt32 event, int when, int task) {
-        const CallbackFuncPtrT pFunc = kTellers[function];
-        const UInt32 id = task == 0 ? self_ : tasks_[task]->Id();
-        if (when == 1 && event == kModExceptionIndex) {
-            EXPECT_EQ(ModAddExceptionHandler(&mod_, pFunc, user), kNoError);
-        } else {
-            const UInt32 flags = when == 0 ? 0 : kModCallbackDeferred;
-            EXPECT_EQ(ModAddCallbackToTask(&mod_, event, pFunc, user, flags, when == 1 ? 0 : id),
-                      kNoError);
-        }
-        auto slot = Find(function, user, event);
-        if (slot != slots_.end() && (!slot->deferred || slot->life == lives_[slot->task])) {
-            return;
-        }
-        slot = slot != slots_.end() ? slot : Find(-1, nullptr, 0);
-        if (slot == slots_.end()) {
-            slots_.resize(slots_.size() + 10);
-            slot = slots_.end() - 10;
-        }
-        const int home = when == 2 ? task : 0;
-        *slot = {function, user, event, when != 0, home, lives_[home]};
-    }
-
-    void Delete(int function, void* user, UInt32 event) {
-        const auto slot = Find(function, user, event);
-        const CallbackFuncPtrT pFunc = kTellers[function];
-        EXPECT_EQ(event == kModExceptionIndex ? ModDeleteExceptionHandler(&mod_, pFunc, user)
-                                              : ModDeleteCallback(&mod_, event, pFunc, user),
-                  slot != slots_.end() ? kNoError : kItemNotFound);
-        if (slot != slots_.end()) {
-            *slot = {};
-        }
-    }
-
-    void Fire(UInt32 event, size_t length) {
-        std::map<std::string, TextsT> expected;
-        std::string args(length, 'a');
-        args += "z";
-        gTold.clear();
-        gArgLen = std::min<size_t>(args.size(), kModMaxArgs);
-        if (event == kModExceptionIndex) {
-            ModThrowException(&mod_, 0, "text", args.data(), static_cast<int>(args.size()));
-        } else {
-            EXPECT_EQ(ModCallCallbacks(&mod_, event, args.data(), static_cast<int>(args.size())),
-                      kNoError);
-        }
-        const std::string told = args.substr(0, gArgLen);
-        for (const SlotT& slot : slots_) {
-            if (slot.function >= 0 && slot.event == event &&
-                (!slot.deferred || slot.life == lives_[slot.task])) {
-                const char* names[] = {"main", "tsk1", "tsk2"};
-                expected[names[slot.deferred ? slot.task : 0]].push_back(
-                    Story(slot.function, slot.user, event, told));
-            }
-        }
-        tasks_[1]->Run([] {});
-        tasks_[2]->Run([] {});
-        EXPECT_EQ(ModCountDeferredCallbacks(&mod_), 0);
-        ASSERT_EQ(gTold, expected);
-    }
-
-    // Another task takes the place, and normally the id, of one that goes.
-    void Renew(int task) {
-        if (task != 0) {
-            const UInt32 before = tasks_[task]->Id();
-            tasks_[task].reset();
-            tasks_[task] = Make(task);
-            lives_[task]++;
-            reused_ += tasks_[task]->Id() == before;
-        }
-    }
-
-    static std::unique_ptr<ModuleTask> Make(int task) {
-        return std::make_unique<ModuleTask>(task == 1 ? "tsk1" : "tsk2");
-    }
-
-    TestModule mod_;
-    const UInt32 self_ = ModSelf();
-    std::vector<SlotT> slots_;
-    std::unique_ptr<ModuleTask> tasks_[3] = {nullptr, Make(1), Make(2)};
-    int lives_[3] = {};
-    int reused_ = 0;
-};
-
-}  // namespace
-
-TEST_F(Mod, AnyOrderOfRegistrationsReachesTheTasksThatAskedAndNoOthers) {
+    static constexpr const char* kNames[] = {"main", "tsk1", "tsk2"};
+    const auto make = [](int task) { return std::make_unique<ModuleTask>(kNames[task]); };
+    std::unique_ptr<ModuleTask> tasks[] = {nullptr, make(1), make(2)};
+    int lives[3] = {};
+    int reused = 0;
+    TestModule mod;
+    std::vector<SlotT> slots;
     std::minstd_rand random(1);
-    CallbackModelT model;
-    for (int step = 0; step < 1500 && !HasFailure(); step++) {
-        SCOPED_TRACE(step);
-        model.Step(random);
+    for (int step = 0; step < 1500; step++) {
+        const auto function = static_cast<int>(random() % 2);
+        const auto task = static_cast<int>(random() % 3);
+        const auto event = static_cast<UInt32>(random() % 2);
+        void* user = Number(random() % 9);
+        const auto find = [&](int wanted) {
+            return std::ranges::find_if(slots, [=](const SlotT& slot) {
+                return slot.function == wanted &&
+                       (wanted < 0 || (slot.user == user && slot.event == event));
+            });
+        };
+        const auto runs = [&](const SlotT& slot) {
+            return slot.task < 0 || slot.life == lives[slot.task];
+        };
+        auto slot = find(function);
+        const bool found = slot != slots.end();
+        const auto operation = random() % 50;
+        if (operation < 20) {
+            const bool deferred = random() % 3 != 0;
+            ASSERT_EQ(ModAddCallbackToTask(&mod, event, kTellers[function], user, deferred ? 1 : 0,
+                                           task == 0 ? 0 : tasks[task]->Id()),
+                      kNoError);
+            slot = found ? slot : find(-1);
+            if (slot == slots.end()) {
+                slots.resize(slots.size() + 10);
+                slot = slots.end() - 10;
+            }
+            if (!found || !runs(*slot)) {
+                *slot = {function, user, event, deferred ? task : -1, lives[task]};
+            }
+        } else if (operation < 28) {
+            ASSERT_EQ(ModDeleteCallback(&mod, event, kTellers[function], user),
+                      found ? kNoError : kItemNotFound);
+            if (found) {
+                *slot = {};
+            }
+        } else if (operation < 46) {
+            std::string args(random() % 4 == 0 ? 1000 + random() % 50 : random() % 9, 'a');
+            args += "z";
+            gTold.clear();
+            gArgLen = std::min<size_t>(args.size(), kModMaxArgs);
+            std::map<std::string, TextsT> expected;
+            for (const SlotT& known : slots) {
+                if (known.function >= 0 && known.event == event && runs(known)) {
+                    expected[kNames[std::max(known.task, 0)]].push_back(
+                        Story(known.function, known.user, event, args.substr(0, gArgLen)));
+                }
+            }
+            ModCallCallbacks(&mod, event, args.data(), static_cast<int>(args.size()));
+            tasks[1]->Run([] {});
+            tasks[2]->Run([] {});
+            ASSERT_EQ(ModCountDeferredCallbacks(&mod), 0);
+            ASSERT_EQ(gTold, expected) << step;
+        } else if (operation < 49 && task != 0) {  // another takes the place, and normally the id
+            const UInt32 before = tasks[task]->Id();
+            tasks[task].reset();
+            tasks[task] = make(task);
+            lives[task]++;
+            reused += tasks[task]->Id() == before;
+        } else if (random() % 16 == 0) {
+            ModDeleteAllCallbacks(&mod);
+            slots.clear();
+        }
+        ASSERT_EQ(mod.numCallbacks, static_cast<int>(slots.size()));
     }
-    EXPECT_GT(model.Reused(), 0);
+    EXPECT_GT(reused, 0);
     EXPECT_TRUE(PoolsAreFull());
 }
 
@@ -345,7 +293,11 @@ TEST_F(Mod, LogLinesCarryTheLabelAndObeyTheFilters) {
     mod.flags |= kModFlagLogOwner;
     ModLog(&mod, kLogError, "owned %s\n", "two");
     ModTrace(&mod, "traced %d\n", 3);
-    ModThrowException(&mod, 0, nullptr, nullptr, 0);
+    ModAddExceptionHandler(&mod, Tell<0>, nullptr);
+    gArgLen = 1;
+    ModThrowException(&mod, 0, nullptr, const_cast<char*>("x"), 2);
+    EXPECT_THAT(gTold["main"], ElementsAre("0 0 2147483647 x"));
+    EXPECT_EQ(ModDeleteExceptionHandler(&mod, Tell<0>, nullptr), kNoError);
     ModLog(&unsigned_mod, kLogError, "never\n");
     EXPECT_EQ(ModTraceFilterAdd(""), kBadParameter);
     EXPECT_EQ(ModTraceFilterAdd(thirty_two.c_str()), kNoError);

@@ -44,105 +44,6 @@ class ModManager : public TaskTest {
     }
 };
 
-// Types and instances of them in any order of adding, cloning and giving back.
-class ManagerModelT {
-  public:
-    void Step(std::minstd_rand& random) {
-        static constexpr const char* kCases[][2] = {{"type%d", "TYPE%d"}, {"Type%d", "tyPE%d"}};
-        char name[20];
-        const auto number = static_cast<int>(random() % 12);
-        snprintf(name, sizeof(name), kCases[random() % 2][random() % 2], number);
-        const auto operation = random() % 20;
-        const auto type = Find(name);
-        if (operation == 0) {
-            AddType(name, type, random() % 4 == 0);
-        } else if (operation < 12) {
-            Clone(name, type);
-        } else if (!instances_.empty()) {
-            GiveBack(random() % instances_.size(), operation);
-        }
-        ModDBEntryT* entry = ModDBFind(nullptr, name);
-        ASSERT_EQ(entry != nullptr, Find(name) != types_.end());
-        ASSERT_TRUE(entry == nullptr || strcasecmp(entry->name, name) == 0);
-    }
-
-    std::string Dump() const {
-        std::string text =
-            "name                              size  used  free\n"
-            "-------------------------------- ----- ----- -----\n";
-        for (const TypeT& type : types_) {
-            char row[80];
-            snprintf(row, sizeof(row), "%-32s %5zu %5d %5d\n", type.name.c_str(), sizeof(ServiceT),
-                     type.used, type.free);
-            text += row;
-        }
-        return text;
-    }
-
-  private:
-    struct TypeT {
-        std::string name;
-        int used = 0;
-        int free = 0;
-    };
-    struct InstanceT {
-        ServiceT* service;
-        size_t type;
-        bool used;
-    };
-
-    std::vector<TypeT>::iterator Find(const std::string& name) {
-        return std::ranges::find_if(types_, [&](const TypeT& type) {
-            return strcasecmp(type.name.c_str(), name.c_str()) == 0;
-        });
-    }
-
-    void AddType(const char* name, std::vector<TypeT>::iterator type, bool small) {
-        gAnnounced.clear();
-        ModDBEntryT* known = ModDBFind(nullptr, name);
-        ModDBEntryT* entry = Add(name, small ? sizeof(ModT) - 1 : sizeof(ServiceT));
-        const bool fits = !small && type == types_.end() && types_.size() < kModEmptyEntries;
-        ASSERT_EQ(entry != nullptr, fits || (!small && known != nullptr));
-        ASSERT_TRUE(known == nullptr || small || entry == known);
-        ASSERT_EQ(gAnnounced, fits ? TextsT{std::string("+") + name} : TextsT{});
-        if (fits) {
-            types_.push_back({name});
-        }
-    }
-
-    void Clone(const char* name, std::vector<TypeT>::iterator type) {
-        auto* service = reinterpret_cast<ServiceT*>(ModCloneLocal(name));
-        ASSERT_EQ(service != nullptr, type != types_.end() && instances_.size() < kModMaxInstances);
-        if (service != nullptr) {
-            ASSERT_EQ(service->inits, 0);
-            service->mod.instance = 5;
-            for (int i = 0; i < 2; i++) {  // the second time it is initialised already
-                ASSERT_EQ(ModClone(&service->mod, 0), kNoError);
-                ASSERT_EQ(service->inits, 1);
-            }
-            ASSERT_EQ(ModName(&service->mod), type->name + "[5]");
-            type->used++;
-            instances_.push_back({service, static_cast<size_t>(type - types_.begin()), true});
-        }
-    }
-
-    void GiveBack(size_t index, unsigned long operation) {
-        InstanceT& instance = instances_[index];
-        ModT* pMod = &instance.service->mod;
-        ModAddCallback(pMod, 1, Announced, nullptr, 0);
-        // ModFree: lives here, so the same, once.
-        ASSERT_EQ(instance.used && operation % 2 == 0 ? ModFree(pMod) : ModFreeLocal(pMod),
-                  kNoError);
-        ASSERT_EQ(pMod->numCallbacks, 0);
-        types_[instance.type].used -= instance.used;
-        types_[instance.type].free += instance.used;
-        instance.used = false;
-    }
-
-    std::vector<TypeT> types_;
-    std::vector<InstanceT> instances_;
-};
-
 }  // namespace
 
 TEST(Hash, FillsToTheLastEntryReplacesAndRefuses) {
@@ -163,18 +64,77 @@ TEST(Hash, FillsToTheLastEntryReplacesAndRefuses) {
 }
 
 TEST_F(ModManager, AnyOrderOfTypesAndInstancesIsFoundAndCounted) {
+    struct TypeT {
+        std::string name;
+        int used = 0;
+        int free = 0;
+    };
+    struct InstanceT {
+        ModT* pMod;
+        size_t type;
+        bool used;
+    };
+    std::vector<TypeT> types;
+    std::vector<InstanceT> instances;
     const size_t before = LowBytesInUse();
     std::minstd_rand random(1);
-    ManagerModelT model;
-    for (int step = 0; step < 3000 && !HasFailure(); step++) {
-        SCOPED_TRACE(step);
-        model.Step(random);
-        if (step % 300 == 299) {
-            EXPECT_EQ(Printed(ModDBDump), model.Dump());
+    for (int step = 0; step < 3000; step++) {
+        std::string name = "type" + std::to_string(random() % 12);
+        char& letter = name[random() % 4];
+        letter = static_cast<char>(toupper(letter));
+        const auto type = std::ranges::find_if(types, [&name](const TypeT& known) {
+            return strcasecmp(known.name.c_str(), name.c_str()) == 0;
+        });
+        const bool known = type != types.end();
+        ModDBEntryT* entry = ModDBFind(nullptr, name.c_str());
+        ASSERT_TRUE(known ? entry->name == type->name : entry == nullptr);
+        const auto operation = random() % 20;
+        if (operation == 0) {
+            const bool small = random() % 4 == 0;
+            const bool fits = !small && !known && types.size() < kModEmptyEntries;
+            gAnnounced.clear();
+            const ModDBEntryT* added = Add(name, small ? sizeof(ModT) - 1 : sizeof(ServiceT));
+            ASSERT_TRUE(fits ? added != nullptr : added == (small ? nullptr : entry));
+            ASSERT_EQ(gAnnounced, fits ? TextsT{"+" + name} : TextsT{});
+            if (fits) {
+                types.push_back({name});
+            }
+        } else if (operation < 12) {
+            ModT* pMod = ModCloneLocal(name.c_str());
+            ASSERT_EQ(pMod != nullptr, known && instances.size() < kModMaxInstances);
+            for (int i = 0; i < 2 && pMod != nullptr; i++) {  // initialised once
+                ASSERT_EQ(ModClone(pMod, 0), kNoError);
+                ASSERT_EQ(reinterpret_cast<ServiceT*>(pMod)->inits, 1);
+            }
+            if (pMod != nullptr) {
+                type->used++;
+                instances.push_back({pMod, static_cast<size_t>(type - types.begin()), true});
+            }
+        } else if (!instances.empty()) {
+            InstanceT& given = instances[random() % instances.size()];
+            ModAddCallback(given.pMod, 1, Announced, nullptr, 0);
+            // ModFree: lives here, so the same, once.
+            ASSERT_EQ(
+                given.used && operation % 2 == 0 ? ModFree(given.pMod) : ModFreeLocal(given.pMod),
+                kNoError);
+            ASSERT_EQ(given.pMod->numCallbacks, 0);
+            types[given.type].used -= given.used;
+            types[given.type].free += given.used;
+            given.used = false;
         }
     }
-    const ModT stranger = {};
-    EXPECT_EQ(ModFreeLocal(const_cast<ModT*>(&stranger)), kItemNotFound);
+    std::string dump =
+        "name                              size  used  free\n"
+        "-------------------------------- ----- ----- -----\n";
+    for (const TypeT& type : types) {
+        char row[80];
+        snprintf(row, sizeof(row), "%-32s %5zu %5d %5d\n", type.name.c_str(), sizeof(ServiceT),
+                 type.used, type.free);
+        dump += row;
+    }
+    EXPECT_EQ(Printed(ModDBDump), dump);
+    ModT stranger = {};
+    EXPECT_EQ(ModFreeLocal(&stranger), kItemNotFound);
     EXPECT_EQ(ModManExit(), kNoError);
     EXPECT_LT(LowBytesInUse(), before + sizeof(ServiceT));
     EXPECT_EQ(numMods, 0);  // nothing in the table refers to what was freed

@@ -151,13 +151,51 @@ TEST_F(RemMsg, APeerThatAnswersGarbageIsAnErrorAndGarbageRunsNothing) {
     EXPECT_THAT(gOutcomes, ElementsAre());
 }
 
+TEST_F(RemMsg, FunctionsGoToTheSideThatTheModuleIsOnAndDevicesFreeTheirModules) {
+    ASSERT_EQ(RemMsgInit(), kNoError);
+    static ModT* peer;
+    peer = static_cast<ModT*>(gMasterRemMsg[1].mod.proxy.remHandle);
+    const ProxyClientFuncT client = [] {};
+    const ProxyServerFuncT server = [](ModT*, char* pMsg) { return ProxyReply(pMsg, 0); };
+    for (const eProxyNodeT side : {kProxyLocal, kProxyClient, kProxyServer}) {
+        for (const char* name : {"local", "Other", "CallCallbacks"}) {
+            ProxyClientFuncT stored = nullptr;
+            HashTableT* hash = &peer->proxy.pModDBEntry->proxyFuncHash;
+            HashAdd(hash, name, nullptr);
+            peer->proxy.nodeType = side;
+            EXPECT_EQ(ModRegProxyFuncs(peer, name, &stored, client, server), kNoError);
+            const bool calls = (side == kProxyClient) != (name[0] == 'C');
+            EXPECT_EQ(stored, side != kProxyLocal && calls ? client : nullptr) << side << name;
+            EXPECT_EQ(HashFind(hash, name) != nullptr, side != kProxyLocal && !calls);
+        }
+    }
+    gTransport.UsesDevice = [](ModT* pMod, UInt32 device) -> Boolean {
+        return pMod == peer && device == 7;
+    };
+    EXPECT_EQ(Printed([] { ModFreeAllOnDev(6); }), "");
+    EXPECT_THAT(Printed([] { ModFreeAllOnDev(7); }),
+                testing::StartsWith("ModFreeAllOnDev:remmsg pMod:0x"));
+    EXPECT_EQ(Printed([] { ModFreeAllOnDev(7); }), "");
+    EXPECT_EQ(RemMsgSetEnable(2, 0), kBadParameter);
+    EXPECT_EQ(RemMsgSetEnable(1, 0), kNoError);
+    gCalls.clear();
+    EXPECT_EQ(Send("echo a"), kNoError);
+    EXPECT_EQ(gCalls.size(), 0U);
+    EXPECT_EQ(RemMsgGetEnable(1) + RemMsgGetEnable(2), 0);
+}
+
 TEST_F(RemMsg, AProcessorThatIsNotThereIsReportedAndTheRestGoesOn) {
     gAllocResult = kOutOfResources;
     EXPECT_EQ(RemMsgInit(), kBadParameter);
     ModT* pMod = &gMasterRemMsg[1].mod;
     EXPECT_EQ(ModClone(pMod, 7), kBadParameter);
     gAllocResult = kNoError;
+    gAnswer = "-35";
+    EXPECT_EQ(ModClone(pMod, 1), kTimeOut);
+    EXPECT_EQ(std::exchange(gFreed, 0), 1);  // the peer that cannot be used
+    gAnswer = nullptr;
     EXPECT_EQ(ModClone(pMod, 1), kNoError);
+    EXPECT_EQ(pMod->processorNum, 1U);
     ExpectLines({"CRIT  pc[0]: MODMAN: can't clone module:remmsg[1] on proc:1, err:-5\n"});
     EXPECT_EQ(ModFree(pMod), kNoError);
     EXPECT_EQ(gFreed, 1);
