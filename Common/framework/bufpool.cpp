@@ -133,7 +133,6 @@ eErrorT BuildFreeList(BufPoolT* pBufPool) {
         BufT* pBuf = MakeBuf(pBufPool);
         if (pBuf == nullptr) {
             pBufPool->DestroyFreeList(pBufPool);
-            SetState(pBufPool, kBufPoolClosed);
             return kOutOfMemory;
         }
         PutBack(pBufPool, &pBufPool->pFreeBufs, pBuf);

@@ -66,6 +66,11 @@ TEST(Buf, EveryOverwrittenGuardByteIsSeenAndLoggedWhenFreed) {
         OwnedBuf buf = Alloc(100);
         buf->pData[buf->dataLen + at] ^= 0xFF;
         EXPECT_EQ(BufTestGuard(buf.get()), kFuncReturnedError);
+        buf->pDstProxyBuf = buf.get();  // the proxy's: not tested
+        EXPECT_EQ(BufTestGuard(buf.get()), kNoError);
+        buf->pDstProxyBuf = nullptr;
+        buf->len = 1000;
+        EXPECT_EQ(BufSpace(buf.get()), 0U);
         buf->refCount = 2;
         BufFreeMem(buf.get(), 0);  // still referenced: stays
         EXPECT_EQ(buf->dataLen, 356U);

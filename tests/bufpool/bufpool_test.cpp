@@ -307,7 +307,7 @@ TEST(BufPool, ManyThreadsNeverShareOrLoseABuffer) {
     BufPoolOpen(&pool);
     // Each buffer carries the mark of the thread that holds it; a buffer in two hands is seen.
     const auto use = [&pool](unsigned char mark) {
-        for (int round = 0; round < 30000; round++) {
+        for (int round = 0; round < 100000; round++) {
             if (BufT* pBuf = BufPoolBufAlloc(&pool)) {
                 memset(pBuf->ptr, mark, 100);
                 ASSERT_TRUE(pBuf->ptr[0] == mark && pBuf->ptr[99] == mark);

@@ -107,6 +107,7 @@ class TimerModel {
                              m->latency, m->periodic ? " Y " : " N ", shown_address(&Fired),
                              m->runs != 0 ? m->total / m->runs : 0, m->longest);
                     EXPECT_EQ(TimerRunning(m->timer.get()), m->running);
+                    EXPECT_EQ(m->timer->lastTime, m->last);
                 }
                 text += line;
             }
@@ -146,6 +147,7 @@ class TimerModel {
         TimerT never = {};
         const bool alive = m->timer != nullptr;
         EXPECT_EQ(TimerExit(alive ? m->timer.get() : &never), alive ? kNoError : kBadParameter);
+        EXPECT_EQ(never.signature + (alive ? m->timer->signature : 0), 0U);
         m->timer.reset();  // nothing may touch it any more
         m->running = false;
         std::erase(active_, m);
@@ -297,7 +299,11 @@ TimerModel* TimerModel::gModel;
 // A timer that counts its runs in real time.
 struct ProbeT {
     ProbeT(int time, bool periodic) {
-        const auto fire = [](void* user) { static_cast<ProbeT*>(user)->runs++; };
+        const auto fire = [](void* user) {
+            auto* probe = static_cast<ProbeT*>(user);
+            probe->runs++;
+            EXPECT_EQ(probe->timer.taskID, ModSelf());
+        };
         EXPECT_EQ(TimerInit(&timer, time, fire, this, periodic), kNoError);
         EXPECT_EQ(TimerStart(&timer), kNoError);
     }
@@ -423,7 +429,19 @@ TEST_F(Timer, ATaskThatGoesTakesItsTimersWithIt) {
             task.Block();
         }
         tm_wkafter(5);
-        task.Delete();
+        TimerProcessAll();  // not another task's
+        gHeld = true;
+        Mark();
+        std::atomic<bool> gone{false};
+        std::thread deleter([&] {
+            task.Delete();
+            gone = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // it must wait
+        EXPECT_FALSE(gone);
+        gHeld = false;
+        gHeld.notify_all();
+        deleter.join();
         for (ProbeT& probe : timers) {
             EXPECT_EQ(probe.timer.place, kTimerOffList);
             EXPECT_EQ(TimerRunning(&probe.timer), 0U);
