@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -53,184 +56,98 @@ TEST(Tasks, TheEntryGetsItsFourWordsAndTheTaskEndsWithIt) {
     EXPECT_THAT(seen, testing::ElementsAre(args[0], args[1], args[2], args[3], id, 77));
 }
 
-namespace {
-
-// What is known of one task, from outside.
-struct TaskModelT {
-    UInt32 id;
-    std::string name;  // four characters at most
-    UInt32 priority;
-    UInt32 incarnation;
-    bool started = false;
-    UInt32 refcon = 0;
-    int policy = SCHED_OTHER;
-};
-
-bool MayBeRealTime() {
-    const sched_param round_robin = {1};
-    const sched_param shared = {0};
-    return sched_setscheduler(0, SCHED_RR, &round_robin) == 0 &&
-           sched_setscheduler(0, SCHED_OTHER, &shared) == 0;
-}
-
-// Does random operations on tasks and on what is known of them.
-class TaskModelsT {
-  public:
-    std::string text;  // what must be printed
-    std::string log;   // what must be logged
-
-    TaskModelsT() {
-        UInt32 writer;
-        t_ident("logw", 0, &writer);
-        tasks_.push_back({writer, "logw", static_cast<UInt32>(from_id<TCB>(writer)->priority),
-                          t_incarnation(writer), true});
-    }
-
-    void Create(const char* name, UInt32 priority) {
-        UInt32 id = 0;
-        EXPECT_EQ(t_create(name, priority, 1, 2, 3, &id), kTaskOk);
-        tasks_.push_back(
-            {id, std::string(name != nullptr ? name : "", 0, 4), priority, t_incarnation(id)});
-        EXPECT_TRUE(uses_.insert({id, t_incarnation(id)}).second) << "a number used again";
-    }
-
-    void Start(TaskModelT& task) {
-        Checked("t_start", &task.priority);
-        EXPECT_EQ(t_start(task.id, 0, Sleep, nullptr), kTaskOk);
-        task.started = true;
-        EXPECT_TRUE(Eventually([&] { return t_is_open(task.id) != 0 && Tid(task) != 0; }));
-    }
-
-    void Delete(size_t at) {
-        const TaskModelT task = tasks_[at];
-        Print(&log, "pc[0]: os: task ???? deleted task:%4.4s, pid %d\n", task.name.c_str(),
-              Pid(task));
-        Print(&log, "pc[0]: os: deleted task:%s\n", Padded(task.name).c_str());
-        EXPECT_EQ(t_delete(task.id), kTaskOk);
-        EXPECT_EQ(t_exists(task.id) + t_is_open(task.id) + t_incarnation(task.id), 0U);
-        EXPECT_EQ(t_start(task.id, 0, Sleep, nullptr), kTaskNotFound);
-        tasks_.erase(tasks_.begin() + static_cast<long>(at));
-    }
-
-    void SetPriority(TaskModelT& task, UInt32 priority) {
-        const UInt32 before = task.priority;
-        UInt32 old = 999;
-        EXPECT_EQ(t_setpri(task.id, priority, &old), kTaskOk);
-        EXPECT_EQ(old, before);
-        if (priority == before) {
-            return;
-        }
-        task.priority = priority;
-        Checked("t_setpri", &task.priority);
-        if (task.started && real_time_) {
-            task.policy = before == 0 && task.priority != 0 ? SCHED_RR : SCHED_OTHER;
-            EXPECT_EQ(sched_getscheduler(Tid(task)), task.policy);
-        }
-    }
-
-    void Look() {
-        const std::string names[] = {"same", "b", "none", ""};
-        for (const std::string& name : names) {
-            UInt32 first = 0;
-            for (const TaskModelT& task : tasks_) {
-                first = first == 0 && task.name == name ? task.id : first;
+TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
+    struct TaskT {
+        UInt32 id;
+        std::string name;
+        UInt32 priority, incarnation, refcon;
+        int tid;
+    };
+    const sched_param levels[] = {{0}, {1}};
+    const bool real_time = sched_setscheduler(0, SCHED_RR, &levels[1]) == 0 &&
+                           sched_setscheduler(0, SCHED_OTHER, &levels[0]) == 0;
+    StdoutFile out;
+    std::vector<TaskT> tasks;  // in the order created
+    std::set<std::pair<UInt32, UInt32>> uses;
+    std::mt19937 random(5);
+    const auto any = [&](size_t below) { return static_cast<UInt32>(random() % below); };
+    for (int step = 0; step < 800; step++) {
+        const auto at = tasks.begin() + any(std::max<size_t>(tasks.size(), 1));
+        const UInt32 what = tasks.empty() ? 0 : any(10);
+        const UInt32 number = any(130);
+        if (what < 3) {
+            const char* name = std::array{"same", "sameAsThat", "b", "\0"}[number % 4];
+            UInt32 id = 0;
+            EXPECT_EQ(t_create(*name != 0 ? name : nullptr, number, 1, 2, 3, &id), kTaskOk);
+            tasks.push_back({id, std::string(name, 0, 4), number, t_incarnation(id), 0, 0});
+            EXPECT_TRUE(uses.insert({id, t_incarnation(id)}).second) << "a number used again";
+        } else if (what < 5 && at->tid == 0) {
+            EXPECT_EQ(t_start(at->id, 0, Sleep, nullptr), kTaskOk);
+            at->priority = at->priority > 99 ? 0 : at->priority;
+            EXPECT_TRUE(Eventually([&] {
+                const MutexGuardT guard(&tcblistmutex);
+                return (at->tid = from_id<TCB>(at->id)->tid) != 0;
+            }));
+        } else if (what < 7) {
+            const UInt32 id = at->id;
+            tasks.erase(at);
+            EXPECT_EQ(t_delete(id), kTaskOk);
+            EXPECT_EQ(t_exists(id) + t_is_open(id) + t_incarnation(id) + t_getRefCon(id), 0U);
+        } else if (what < 9) {
+            const UInt32 now = number > 99 && number != at->priority ? 0 : number;
+            UInt32 old = 999;
+            EXPECT_EQ(t_setpri(at->id, number, &old), kTaskOk);
+            EXPECT_EQ(old, at->priority);
+            if (real_time && at->tid != 0 && number != old) {
+                EXPECT_EQ(sched_getscheduler(at->tid),
+                          now != 0 && old == 0 ? SCHED_RR : SCHED_OTHER);
             }
-            UInt32 found = 99;
-            EXPECT_EQ(t_ident(name.c_str(), 7, &found), first != 0 ? kTaskOk : kTaskNotFound);
-            EXPECT_EQ(found, first) << name;
+            at->priority = now;
+        } else {
+            EXPECT_EQ(t_setRefCon(at->id, at->refcon = number), kTaskOk);
         }
-        Print(&text, "T[%d] Task:  ID    Name  Priority PID\n", static_cast<int>(tasks_.size()));
-        for (size_t i = 0; i < tasks_.size(); i++) {
-            const TaskModelT& task = tasks_[i];
+        if (step % 20 != 0) {
+            continue;
+        }
+        std::map<std::string, UInt32> first = {{"none", 0}};
+        char line[80];
+        snprintf(line, sizeof(line), "T[%zu] Task:  ID    Name  Priority PID\n", tasks.size());
+        std::string dump = line;
+        for (const TaskT& task : tasks) {
+            first.insert({task.name, task.id});
             EXPECT_STREQ(t_name(task.id), task.name.c_str());
             EXPECT_EQ(t_getRefCon(task.id), task.refcon);
             EXPECT_EQ(t_incarnation(task.id), task.incarnation);
-            Print(&text, "T[%zu]    %08x  %4s    %3u    %3d\n", i, task.id, task.name.c_str(),
-                  task.priority, Pid(task));
+            snprintf(line, sizeof(line), "T[%td]    %08x  %4s    %3u    %3d\n", &task - &tasks[0],
+                     task.id, task.name.c_str(), task.priority, task.tid != 0 ? getpid() : 0);
+            dump += line;
+        }
+        for (const auto& [name, id] : first) {
+            UInt32 found = 99;
+            EXPECT_EQ(t_ident(name.c_str(), 7, &found), id != 0 ? kTaskOk : kTaskNotFound);
+            EXPECT_EQ(found, id) << name;
         }
         osTaskDump();
+        ASSERT_EQ(out.Fresh(), dump);
     }
+}
 
-    void Step(UInt32 what, UInt32 number) {
-        const size_t at = tasks_.size() == 1 ? 0 : 1 + number % (tasks_.size() - 1);
-        const char* const names[] = {"same", "sameAsThat", "b", nullptr};
-        if (at == 0 || (what < 3 && tasks_.size() < 70)) {
-            Create(names[number % 4], number / 4 % 130);
-        } else if (what < 5 && !tasks_[at].started) {
-            Start(tasks_[at]);
-        } else if (what < 7) {
-            Delete(at);
-        } else if (what < 9) {
-            SetPriority(tasks_[at], number % 3 == 0 ? tasks_[at].priority : number / 7 % 130);
-        } else {
-            tasks_[at].refcon = number;
-            EXPECT_EQ(t_setRefCon(tasks_[at].id, number), kTaskOk);
-        }
-    }
-
-    void DeleteAll() {
-        while (tasks_.size() > 1) {
-            Delete(tasks_.size() / 2);
-        }
-    }
-
-  private:
-    static int Tid(const TaskModelT& task) {
-        const MutexGuardT guard(&tcblistmutex);
-        return from_id<TCB>(task.id)->tid;
-    }
-    static int Pid(const TaskModelT& task) { return task.started ? getpid() : 0; }
-    static std::string Padded(const std::string& name) {
-        return std::string(4 - name.size(), ' ') + name;
-    }
-
-    template <typename... ArgsT>
-    static void Print(std::string* text, const char* format, ArgsT... args) {
-        char line[200];
-        snprintf(line, sizeof(line), format, args...);
-        *text += line;
-    }
-
-    void Checked(const char* caller, UInt32* priority) {
-        if (*priority > 99) {
-            Print(&log, "pc[0]: os: %s priority %u out of range, setting to 0\n", caller,
-                  *priority);
-            *priority = 0;
-        }
-    }
-
-    const bool real_time_ = MayBeRealTime();
-    std::vector<TaskModelT> tasks_;
-    std::set<std::pair<UInt32, UInt32>> uses_;  // ids and incarnations so far
-};
-
-}  // namespace
-
-TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
-    StdoutFile out;
+TEST(Tasks, OnlyAPriorityThatIsForcedToZeroIsReportedAndEveryDeletion) {
+    const StdoutFile out;
     InitSyslogInterface();
-    ASSERT_TRUE(out.WaitFor("os: task:logw "));  // from here on it shows its process
+    ASSERT_TRUE(out.WaitFor("os: task:logw "));
     syslogSetLogLevel(4);
-    out.Fresh();
-    TaskModelsT model;
-    std::string text;
-    std::string log;
-    std::mt19937 random(5);
-    for (int step = 0; step < 800; step++) {
-        const UInt32 what = static_cast<UInt32>(random() % 10);
-        model.Step(what, static_cast<UInt32>(random() % 100000));
-        if (step % 20 == 0) {
-            EXPECT_TRUE(Eventually([&] {
-                log += out.Fresh();
-                return log.size() >= model.log.size();
-            }));
-            model.Look();
-            text += out.Fresh();
-        }
+    UInt32 id = 0;
+    t_create("prio", 150, 0, 0, 0, &id);
+    for (const UInt32 priority : {150, 99, 100}) {
+        t_setpri(id, priority, nullptr);
     }
-    EXPECT_EQ(text, model.text);
-    EXPECT_EQ(log, model.log.substr(0, log.size()));
-    model.DeleteAll();
+    t_delete(id);
+    EXPECT_TRUE(
+        out.WaitFor("\npc[0]: os: t_setpri priority 100 out of range, setting to 0\n"
+                    "pc[0]: os: task ???? deleted task:prio, pid 0\n"
+                    "pc[0]: os: deleted task:prio\n"));
+    EXPECT_FALSE(out.Has("priority 150"));
 }
 
 TEST(Tasks, StaleIdsTouchNothing) {
@@ -355,7 +272,7 @@ TEST(Tasks, StartingAttachingAndDeletingTheSameTaskAtOnceIsSafe) {
     }
 }
 
-TEST(Tasks, ReportsNameEveryTask) {
+TEST(Tasks, TheUsageReportNamesEveryTask) {
     std::atomic<int> tid{0};
     const auto body = [&] {
         tid = gettid();
@@ -364,12 +281,8 @@ TEST(Tasks, ReportsNameEveryTask) {
     const UInt32 id = Spawn("rept", body, 33);
     ASSERT_TRUE(Eventually([&] { return tid != 0; }));
     const StdoutFile out;
-    osTaskDump();
     osTaskUsage();
     cpu_usage_other();
-    char line[80];
-    snprintf(line, sizeof(line), "]    %08x  rept     33    %3d\n", id, getpid());
-    EXPECT_TRUE(out.Has(line)) << out.Text();
     EXPECT_TRUE(out.Has(" " + std::to_string(tid) + " ")) << out.Text();
     t_delete(id);
 }

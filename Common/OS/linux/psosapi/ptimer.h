@@ -3,8 +3,9 @@
 //
 // Timers are driven by one task, "tmtk", once per tick; ticks run slightly long under load. A pool
 // of 50 static blocks holds them all. Functions and event sends run in "tmtk" with no lock held, so
-// a timer function may arm and cancel timers, delete tasks and log. A task that ends takes its event
-// timers with it; functions that it armed go on being called until they return 0 or are cancelled.
+// a timer function may arm and cancel timers, delete tasks and log. A task that ends takes its
+// event timers with it; functions that it armed go on being called until they return 0 or are
+// cancelled.
 #pragma once
 
 #include <pthread.h>

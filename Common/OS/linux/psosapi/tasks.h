@@ -4,8 +4,8 @@
 // Life of a control block: t_create makes it, t_start gives it a thread, and it goes when the task
 // ends: by returning from its entry function, by deleting itself, or by being deleted. A task that
 // ends gives back the semaphores and the interrupts-off section that it holds and leaves no event
-// timer armed. Memory of control blocks is reused only for control blocks, so an id that outlived its
-// task is recognised as stale (or names a newer task), and never touches foreign memory.
+// timer armed. Memory of control blocks is reused only for control blocks, so an id that outlived
+// its task is recognised as stale (or names a newer task), and never touches foreign memory.
 #pragma once
 
 #include <pthread.h>
