@@ -72,7 +72,7 @@ TEST_F(ConfigTasks, AllOperationsAndWalksOverTheModulesAtOnce) {
         ModAddCallback(getConfigModule(), 0, Look, nullptr, 0);
     });
     static int users[8];
-    InEightTasks(250, [](int t, int i) {
+    InEightTasks(2000, [](int t, int i) {
         const std::string own = "own" + std::to_string(t);
         const char* name = i % 3 == 0 ? own.c_str() : "shared";
         const auto callback = i % 2 == 0 ? Look : WriteBack;

@@ -2,6 +2,7 @@
 #include "Common/framework/list.h"
 
 #include <deque>
+#include <latch>
 #include <random>
 
 #include "Common/OS/linux/os_init.h"
@@ -102,7 +103,9 @@ TEST(List, ProtectedFormsLoseNothingBetweenThreads) {
     for (ListT& element : elements) {
         ListEnqueue(&list, &element);
     }
+    std::latch start(3);
     const auto move = [&] {
+        start.arrive_and_wait();
         for (int round = 0; round < 500000; round++) {
             ListT* element = ListDequeue(&list);
             round % 2 == 0 ? ListPush(&list, element) : ListEnqueue(&list, element);
