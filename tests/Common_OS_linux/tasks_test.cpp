@@ -80,6 +80,7 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
             UInt32 id = 0;
             EXPECT_EQ(t_create(*name != 0 ? name : nullptr, number, 1, 2, 3, &id), kTaskOk);
             tasks.push_back({id, std::string(name, 0, 4), number, t_incarnation(id), 0, 0});
+            EXPECT_EQ(from_id<TCB>(id)->events_captured, 0U);
             EXPECT_TRUE(uses.insert({id, t_incarnation(id)}).second) << "a number used again";
         } else if (what < 5 && at->tid == 0) {
             EXPECT_EQ(t_start(at->id, 0, Sleep, nullptr), kTaskOk);
@@ -91,6 +92,7 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
         } else if (what < 7) {
             const UInt32 id = at->id;
             tasks.erase(at);
+            EXPECT_EQ(ev_send(id, 1), kTaskOk);
             EXPECT_EQ(t_delete(id), kTaskOk);
             EXPECT_EQ(t_exists(id) + t_is_open(id) + t_incarnation(id) + t_getRefCon(id), 0U);
         } else if (what < 9) {
