@@ -325,6 +325,7 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
         }
     };
     const auto callback = [](ModT*, UInt32, void*, void* pArgs) { work(nullptr, pArgs); };
+    gModStatsAfter = 0;
     for (const int variant : {0, 1, 2, 3}) {
         const bool in_callback = variant % 2 != 0;
         by_itself = variant >= 2;
@@ -351,6 +352,7 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
                                       : (TextsT{"cut", "callback", "1", "2", "call"}));
         EXPECT_EQ(refused.exchange(0), 1);
         EXPECT_EQ(ModCountDeferredCallbacks(&gMod), 0);
+        EXPECT_EQ(std::ranges::count(DFStats, 0U, &DFStatsT::taskID), kModNumDFStats);
         EXPECT_TRUE(PoolsAreFull());
         gTrace.clear();
         ModDeleteAllCallbacks(&gMod);
