@@ -192,4 +192,6 @@ TEST_F(ModManager, ModulesOfOtherProcessorsComeAndGoAndMayComeBackMeanwhile) {
     }
     EXPECT_EQ(FindModByProc(4, kModMaxInstances - 4), kModMaxInstances - 1);
     EXPECT_EQ(ModAddFromRemote("one", 4), kOutOfResources);
+    ModDeleteFromRemote(4);
+    EXPECT_EQ(FindModByProc(4, 0), -1);
 }

@@ -193,6 +193,7 @@ TEST_F(RemMsg, AProcessorThatIsNotThereIsReportedAndTheRestGoesOn) {
     EXPECT_EQ(RemMsgInit(), kBadParameter);
     ModT* pMod = &gMasterRemMsg[1].mod;
     EXPECT_EQ(ModClone(pMod, 7), kBadParameter);
+    EXPECT_EQ(ProxyAllocMod(pMod, 2), kBadParameter);
     gAllocResult = kNoError;
     gAnswer = "-35";
     EXPECT_EQ(ModClone(pMod, 1), kTimeOut);
@@ -203,6 +204,7 @@ TEST_F(RemMsg, AProcessorThatIsNotThereIsReportedAndTheRestGoesOn) {
     ExpectLines({"CRIT  pc[0]: MODMAN: can't clone module:remmsg[1] on proc:1, err:-5\n"});
     EXPECT_EQ(ModFree(pMod), kNoError);
     EXPECT_EQ(gFreed, 1);
+    EXPECT_EQ(pMod->proxy.remHandle, nullptr);
     ProxySetTransport(nullptr);
     EXPECT_EQ(Send("x"), kNotImplemented);
     ProcessorCnt = 1;
