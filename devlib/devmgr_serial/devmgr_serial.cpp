@@ -132,6 +132,9 @@ void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
         ready = left != 0 ? use.Wait(true, &left) : -1;
     }
     const ssize_t written = ready > 0 ? write(use.fd(), pIORB->pBuffer, pIORB->reqLen) : 0;
+    if (written > 0) {
+        BoardDrain(use.fd());
+    }
     pIORB->actLen = written > 0 ? static_cast<UInt32>(written) : 0;
     pIORB->err = written > 0 ? SERIAL_NOERROR : ready == 0 ? SERIAL_TIMEOUT : SERIAL_WRITE_ERROR;
 }

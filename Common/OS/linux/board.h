@@ -46,6 +46,11 @@ int BoardFpgaSerialReceiver(int fd, int off);
 // failure.
 int BoardSetTerminal(int fd, const struct termios* attributes);
 
+// Waits until what was written to a line has left it, where the driver below only buffers: what is
+// waited for after a write counts from then. The unit's own drivers take a write no sooner. May block
+// as long as the line does not send.
+void BoardDrain(int fd);
+
 // Starts the millisecond clock from 0, again if it runs already, and returns the block whose `ctr`
 // counts, or null when it cannot be reached (which is logged).
 volatile rtclk8349* BoardStartClock();

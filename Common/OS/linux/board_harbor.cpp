@@ -57,6 +57,8 @@ int BoardSetTerminal(int fd, const struct termios* attributes) {
     return tcsetattr(fd, TCSANOW, attributes);
 }
 
+void BoardDrain(int) {}
+
 volatile rtclk8349* BoardStartClock() {
     static std::atomic<volatile rtclk8349*> mapped{nullptr};
     volatile rtclk8349* clock = mapped;

@@ -175,6 +175,11 @@ int BoardSetTerminal(int fd, const struct termios* attributes) {
     return -1;
 }
 
+void BoardDrain(int fd) {
+    // What is no terminal says so, which is all the same here.
+    tcdrain(fd);
+}
+
 volatile rtclk8349* BoardStartClock() {
     clockStart = MonotonicMilliseconds();
     clockBlock.psr = 266666;
