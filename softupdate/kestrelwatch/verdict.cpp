@@ -214,7 +214,7 @@ void FailRun(RecordT* record, const RunT& run) {
         cause = CauseT::kUpdaterStrange;
         how = "the updater ended with status " + std::to_string(exit) +
               " and did not say what it found";
-        status = exit == 0 ? static_cast<int>(kStatusDoubtful) : exit;
+        status = exit <= 1 ? static_cast<int>(kStatusDoubtful) : exit;
     }
     if (!story.troubles.empty()) {
         cause = story.troubles[0].cause;
