@@ -47,8 +47,8 @@ int BoardFpgaSerialReceiver(int fd, int off);
 int BoardSetTerminal(int fd, const struct termios* attributes);
 
 // Waits until what was written to a line has left it, where the driver below only buffers: what is
-// waited for after a write counts from then. The unit's own drivers take a write no sooner. May block
-// as long as the line does not send.
+// waited for after a write counts from then. The unit's own drivers take a write no sooner. May
+// block as long as the line does not send.
 void BoardDrain(int fd);
 
 // Starts the millisecond clock from 0, again if it runs already, and returns the block whose `ctr`
