@@ -146,7 +146,7 @@ def all_tests():
 
 def begin_test():
     """In the test's process: a mistake must not fill the disk; if it eats the memory, it goes first."""
-    resource.setrlimit(resource.RLIMIT_FSIZE, (GIB, resource.RLIM_INFINITY))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (GIB // 4, resource.RLIM_INFINITY))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     pathlib.Path("/proc/self/oom_score_adj").write_text("1000", encoding="ascii")
 

@@ -110,7 +110,7 @@ TEST(LogStart, AStartThatFailedIsTakenForOne) {
         pthread_setattr_default_np(&attr);
         return InitSyslogInterface();
     };
-    EXPECT_EQ(start_with_stack(size_t{1} << 47), -1);  // more than there is
+    EXPECT_EQ(start_with_stack(SIZE_MAX / 4 * 3), -1);  // more than there is
     EXPECT_EQ(start_with_stack(size_t{1} << 20), 0);
     loginfo("a", "up\n");
     EXPECT_TRUE(out.WaitFor("up\n"));

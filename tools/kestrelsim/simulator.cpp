@@ -262,7 +262,8 @@ void Simulator::SendDue(Port* port, Nanos now) {
         Piece piece = port->scheduled.begin()->second;
         port->scheduled.erase(port->scheduled.begin());
         if (port->sent_to_freeze <= static_cast<int64_t>(piece.bytes.size())) {
-            const auto cut = piece.bytes.begin() + port->sent_to_freeze;
+            const auto cut =
+                piece.bytes.begin() + static_cast<std::ptrdiff_t>(port->sent_to_freeze);
             port->sent_to_freeze = INT64_MAX;
             send(Bytes(piece.bytes.begin(), cut), piece.meaning);
             piece.bytes.erase(piece.bytes.begin(), cut);
