@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <random>
 
 #include "tests/kestrelwatch/session.h"
+#include "tests/kestrelwatch/terminal.h"
 
 namespace {
 
@@ -333,6 +335,41 @@ TEST(WatchTerminal, NeitherAHangUpNorALostReaderEndsTheUpdate) {
         std::filesystem::remove("updated");
     }
     EXPECT_EQ(folder.PrivateFolder(), "");
+}
+
+TEST(WatchTerminal, ATerminalOfAnyWidthThatIsNarrowedWhileItDrawsKeepsNoFragments) {
+    const Folder folder;
+    Session session(kTerminal, {"--stall", "0.05"},
+                    "begin; i=0; while [ ! -e go ]; do block $i; i=$(((i + 1) % 12)); sleep 0.02;"
+                    "done; finish");
+    Picture picture;
+    size_t shown = 0;
+    std::mt19937 random(3);
+    EXPECT_TRUE(session.Sees("block 1 of 12"));
+    for (int round = 0; round < 60; round++) {
+        const size_t width = random() % (round % 2 == 0 ? 300 : 60) + 1;
+        EXPECT_TRUE(session.Sees("block["));
+        picture.Show(session.output.substr(shown));
+        shown = session.output.size();
+        picture.Resize(width);
+        session.Resize(width);
+    }
+    folder.Touch("go");
+    EXPECT_EQ(session.End(), 0);
+    picture.Show(session.output.substr(shown));
+    std::string text = WithoutBars(session.output);
+    std::string seen;
+    for (const std::string& line : picture.Lines()) {
+        const bool bar = line.find(" %  0:") < 80 && !line.starts_with("kestrelwatch");
+        seen += bar ? "" : line + "\n";
+    }
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    for (std::string* it : {&text, &seen}) {
+        for (size_t at = it->find("\n\n"); at != std::string::npos; at = it->find("\n\n")) {
+            it->erase(at, 1);
+        }
+    }
+    EXPECT_EQ(seen, text);
 }
 
 // The updater's session has a terminal, which is not the line that it opens, and a hang-up of which

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,6 +58,11 @@ class Child {
     void Signal(int number) const { kill(pid_, number); }
     bool Type(const std::string& keys) const {
         return write(outputFd_, keys.data(), keys.size()) == static_cast<ssize_t>(keys.size());
+    }
+    // Gives the terminal another width.
+    void Resize(size_t columns) const {
+        winsize size = {24, static_cast<unsigned short>(columns), 0, 0};
+        ioctl(outputFd_, TIOCSWINSZ, &size);
     }
     // Standard output's reader, or the whole terminal, goes away.
     void CloseOutput() {
