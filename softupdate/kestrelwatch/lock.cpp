@@ -21,11 +21,13 @@ namespace watch {
 
 namespace {
 
-// The same for every caller, whatever its environment says.
+// The same for every user, whatever the environment says.
 std::string LockFolder() {
     struct stat status = {};
     const char* const folder = "/run/lock";
-    return stat(folder, &status) == 0 && S_ISDIR(status.st_mode) ? folder : "/tmp";
+    const bool open =
+        stat(folder, &status) == 0 && S_ISDIR(status.st_mode) && (status.st_mode & S_IWOTH) != 0;
+    return open ? folder : "/tmp";
 }
 
 // Names the device itself, so that a line is one line under all of its names. Empty: none there.

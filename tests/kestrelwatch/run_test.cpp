@@ -16,12 +16,13 @@ using testing::HasSubstr;
 const UserT kPipes = UserT::kPipes;
 const UserT kTerminal = UserT::kTerminal;
 
-// A terminal's picture without the bars and what wiped them.
+// What a terminal was sent, without the bars and what wiped them.
 std::string WithoutBars(std::string text) {
     const std::string start = "\r\033[?7l";
-    const std::string last = "\033[?7h\r";
+    const std::string last = "\033[?7h";
     for (size_t at = text.find(start); at != std::string::npos; at = text.find(start)) {
-        text.erase(at, text.find(last, at) + last.size() - at);
+        const size_t end = text.find(last, at) + last.size();
+        text.erase(at, end - at + (text[end] == '\r' && text[end + 1] != '\n' ? 1 : 0));
     }
     const std::string wipe = "\r\033[J";
     for (size_t at = text.find(wipe); at != std::string::npos; at = text.find(wipe)) {
@@ -112,6 +113,11 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
          {"--", "true", "overlook"},
          118,
          "more than 21474836 bytes"},
+        // In a session without a terminal this device is there and does not open.
+        {"ln -sf /dev/tty $HARBOR_DEV_DIR/fpgaserial1",
+         {"--", "true", "micro"},
+         118,
+         "fpgaserial1: No such device or address"},
         {"rm $HARBOR_DEV_DIR/fpgaserial1",
          {"--", "true", "micro"},
          118,
