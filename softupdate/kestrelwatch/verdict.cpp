@@ -11,8 +11,8 @@ namespace {
 
 struct CauseRowT {
     CauseT cause;
-    const char* code;
     bool repeatable;  // another run may end better, and does no harm
+    const char* code;
     const char* next;
 };
 
@@ -23,38 +23,38 @@ const char kLine[] = "check that the unit is on and its line connected, then run
 const char kCommand[] = "see kestrelwatch --help";
 
 const CauseRowT kCauseRows[] = {
-    {CauseT::kNone, "none", false, "nothing"},
-    {CauseT::kUsage, "usage", false, kCommand},
-    {CauseT::kRange, "range", false, kCommand},
-    {CauseT::kPipe, "pipe", false, "give another path with --pipe, or none"},
-    {CauseT::kFolder, "folder", false, "make room and rights there, then run again"},
-    {CauseT::kInternal, "internal", false, kRunAgain},
-    {CauseT::kUpdaterMissing, "updater-missing", false, "install the updater beside kestrelwatch"},
-    {CauseT::kUpdaterRefused, "updater-not-executable", false, "install the updater anew"},
-    {CauseT::kUpdaterStrange, "updater-strange", false, "see that the program is the updater"},
-    {CauseT::kUpdaterFailed, "updater-failed", true, kLine},
-    {CauseT::kImageMissing, "image-missing", false, kFiles},
-    {CauseT::kImageBad, "image-bad", false, kFiles},
-    {CauseT::kVersionBad, "version-bad", false, kFiles},
-    {CauseT::kImageRead, "image-unreadable", false, kFiles},
-    {CauseT::kNode, "node", false, "see that the line is there and free, then run again"},
-    {CauseT::kLauncherPipe, "stale-pipe", false, "remove that pipe or serve it, then run again"},
-    {CauseT::kLocked, "locked", false, "wait until that update has ended"},
-    {CauseT::kLineFailed, "line-failed", true, kLine},
-    {CauseT::kLineWrite, "line-write", true, kLine},
-    {CauseT::kNoAnswer, "no-answer", true, kLine},
-    {CauseT::kAnswerCut, "answer-cut", true, kLine},
-    {CauseT::kBlockUnanswered, "block-unanswered", false, kPowerCycle},
-    {CauseT::kBlockCut, "block-answer-cut", false, kPowerCycle},
-    {CauseT::kBlockRefused, "block-refused", false, kPowerCycle},
-    {CauseT::kUnknownReply, "unknown-reply", false, kPowerCycle},
-    {CauseT::kFilesChanged, "files-changed", false, "leave the files alone and run again"},
-    {CauseT::kGaveUp, "gave-up", true, kLine},
-    {CauseT::kInterrupted, "interrupted", false, "run again at any time"},
-    {CauseT::kSignal, "signal", false, kRunAgain},
-    {CauseT::kUnconfirmed, "unconfirmed", true, kLine},
-    {CauseT::kStillDifferent, "still-different", false, kPowerCycle},
-    {CauseT::kNotAsked, "not-asked", false, "ask with q before relying on it"},
+    {CauseT::kNone, false, "none", "nothing"},
+    {CauseT::kUsage, false, "usage", kCommand},
+    {CauseT::kRange, false, "range", kCommand},
+    {CauseT::kPipe, false, "pipe", "give another path with --pipe, or none"},
+    {CauseT::kFolder, false, "folder", "make room and rights there, then run again"},
+    {CauseT::kInternal, false, "internal", kRunAgain},
+    {CauseT::kUpdaterMissing, false, "updater-missing", "install the updater beside kestrelwatch"},
+    {CauseT::kUpdaterRefused, false, "updater-not-executable", "install the updater anew"},
+    {CauseT::kUpdaterStrange, false, "updater-strange", "see that the program is the updater"},
+    {CauseT::kUpdaterFailed, true, "updater-failed", kLine},
+    {CauseT::kImageMissing, false, "image-missing", kFiles},
+    {CauseT::kImageBad, false, "image-bad", kFiles},
+    {CauseT::kVersionBad, false, "version-bad", kFiles},
+    {CauseT::kImageRead, false, "image-unreadable", kFiles},
+    {CauseT::kNode, false, "node", "see that the line is there and free, then run again"},
+    {CauseT::kLauncherPipe, false, "stale-pipe", "remove that pipe or serve it, then run again"},
+    {CauseT::kLocked, false, "locked", "wait until that update has ended"},
+    {CauseT::kLineFailed, true, "line-failed", kLine},
+    {CauseT::kLineWrite, true, "line-write", kLine},
+    {CauseT::kNoAnswer, true, "no-answer", kLine},
+    {CauseT::kAnswerCut, true, "answer-cut", kLine},
+    {CauseT::kBlockUnanswered, false, "block-unanswered", kPowerCycle},
+    {CauseT::kBlockCut, false, "block-answer-cut", kPowerCycle},
+    {CauseT::kBlockRefused, false, "block-refused", kPowerCycle},
+    {CauseT::kUnknownReply, false, "unknown-reply", kPowerCycle},
+    {CauseT::kFilesChanged, false, "files-changed", "leave the files alone and run again"},
+    {CauseT::kGaveUp, true, "gave-up", kLine},
+    {CauseT::kInterrupted, false, "interrupted", "run again at any time"},
+    {CauseT::kSignal, false, "signal", kRunAgain},
+    {CauseT::kUnconfirmed, true, "unconfirmed", kLine},
+    {CauseT::kStillDifferent, false, "still-different", kPowerCycle},
+    {CauseT::kNotAsked, false, "not-asked", "ask with q before relying on it"},
 };
 static_assert(sizeof(kCauseRows) / sizeof(kCauseRows[0]) == static_cast<size_t>(CauseT::kCauses));
 
