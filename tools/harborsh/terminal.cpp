@@ -83,6 +83,9 @@ Terminal::Terminal(const char* prompt)
     }
     rl_outstream = fdopen(dup(out_), "w");
     rl_catch_signals = 0;
+    // Keys are read one by one also while a command runs: otherwise the terminal would take Ctrl-D
+    // for itself, and the shell would not end.
+    rl_deprep_term_function = nullptr;
     rl_readline_name = "harborsh";
     rl_attempted_completion_function = CompleteWord;
     using_history();
@@ -100,6 +103,7 @@ Terminal::~Terminal() {
     dup2(out_, STDOUT_FILENO);
     dup2(error_, STDERR_FILENO);
     signal(SIGINT, SIG_DFL);
+    rl_deprep_terminal();
     fclose(rl_outstream);
     close(out_);
     close(error_);
