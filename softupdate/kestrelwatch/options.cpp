@@ -1,8 +1,8 @@
 // Options by the C library's own getopt_long.
 #include "softupdate/kestrelwatch/options.h"
 
+#include <errno.h>
 #include <getopt.h>
-#include <math.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -103,16 +103,20 @@ bool BadRange(RecordT* record, const std::string& text) {
     return Refuse(record, kStatusRange, CauseT::kRange, "bad range: " + text);
 }
 
-// The whole of `text` as a number.
-bool WholeNumber(const char* text, double* number) {
+// The whole of `text` as a 32-bit number.
+bool WholeNumber(const char* text, int* number) {
     char* end = nullptr;
-    *number = strtod(text, &end);
-    return end != text && *end == '\0' && isfinite(*number);
+    errno = 0;
+    const long long value = strtoll(text, &end, 10);
+    *number = static_cast<int>(value);
+    return end != text && *end == '\0' && errno == 0 && value == *number;
 }
 
 bool Seconds(RecordT* record, const char* name, std::int64_t* ms) {
-    double seconds = 0;
-    if (!WholeNumber(optarg, &seconds) || seconds < 0 || seconds > kMaxSeconds) {
+    char* end = nullptr;
+    const double seconds = strtod(optarg, &end);
+    // What is no number at all compares as false.
+    if (end == optarg || *end != '\0' || !(seconds >= 0 && seconds <= kMaxSeconds)) {
         return Usage(record, std::string(name) + " takes 0 to 86400 seconds");
     }
     *ms = static_cast<std::int64_t>(seconds * 1000);
@@ -120,22 +124,14 @@ bool Seconds(RecordT* record, const char* name, std::int64_t* ms) {
 }
 
 bool Retries(RecordT* record) {
-    double number = 0;
-    if (!WholeNumber(optarg, &number) || number < 0 || number > kMaxRetries ||
-        number != floor(number)) {
-        return Usage(record, "--retries takes 0 to 100");
-    }
-    record->options.retries = static_cast<int>(number);
-    return true;
+    int* const number = &record->options.retries;
+    return (WholeNumber(optarg, number) && *number >= 0 && *number <= kMaxRetries) ||
+           Usage(record, "--retries takes 0 to 100");
 }
 
 bool RangeLimit(RecordT* record, const char* text, int* limit) {
-    double number = 0;
-    if (!WholeNumber(text, &number) || number != floor(number) || fabs(number) > INT32_MAX) {
-        return BadRange(record, "'" + std::string(text) + "' is not a 32-bit number");
-    }
-    *limit = static_cast<int>(number);
-    return true;
+    return WholeNumber(text, limit) ||
+           BadRange(record, "'" + std::string(text) + "' is not a 32-bit number");
 }
 
 // The option's second value is the next word, which may begin with a sign.
