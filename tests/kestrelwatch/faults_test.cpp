@@ -1,5 +1,7 @@
 // The table of docs/LAUNCHER.md, played: every fault of the simulated unit in every phase of a run.
-// With KESTRELWATCH_WRITE_TABLE set, what was seen is written into that page instead.
+// With KESTRELWATCH_WRITE_TABLE set, what was seen is written into that page instead. Another
+// launcher (KESTRELWATCH_PROGRAM) that has only one unit plays the rows one by one
+// (KESTRELWATCH_PLAYERS=1).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,7 +14,6 @@
 namespace {
 
 constexpr int kAttempts = 8;  // a machine that stalls makes the unit miss an answer's time
-constexpr int kPlayers = 5;
 const char kBegin[] = "<!-- played by kestrelwatch_faults_test -->\n";
 
 struct RowT {
@@ -96,7 +97,7 @@ TEST(WatchFaults, NoRowOfTheTableIsASuccessBesideAUnitThatIsNotUpdated) {
     ASSERT_GT(rows.size(), 40u);
     std::atomic<size_t> next = 0;
     std::vector<std::thread> players;
-    for (int i = 0; i < kPlayers; i++) {
+    for (int i = std::stoi(Setting("KESTRELWATCH_PLAYERS", "5")); i > 0; i--) {
         players.emplace_back([&] {
             for (size_t at = next++; at < rows.size(); at = next++) {
                 Play(&rows[at]);

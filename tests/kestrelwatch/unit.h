@@ -27,6 +27,12 @@ inline std::string RandomBytes(size_t count, unsigned seed) {
     return bytes;
 }
 
+// What the environment names in place of what was built along.
+inline std::string Setting(const char* variable, const char* built) {
+    const char* const value = getenv(variable);
+    return value != nullptr ? value : built;
+}
+
 class Unit {
   public:
     // `options` are the simulator's.
@@ -73,12 +79,14 @@ class Unit {
 
     // The launcher in the images' folder; `delay` is the percentage of the designed pauses.
     WordsT Launcher(const WordsT& words, int delay = 2) const {
-        WordsT all = {"/usr/bin/env",
-                      "--chdir=" + Images(),
+        WordsT all = {"/bin/sh",
+                      "-c",
+                      "cd \"$0\" && exec env \"$@\"",
+                      Images(),
                       "HARBOR_DEV_DIR=" + folder_ + "/dev",
                       "HARBOR_DELAY_PERCENT=" + std::to_string(delay),
                       "TMPDIR=" + folder_,
-                      KESTRELWATCH};
+                      Setting("KESTRELWATCH_PROGRAM", KESTRELWATCH)};
         all.insert(all.end(), words.begin(), words.end());
         return all;
     }

@@ -93,7 +93,7 @@ TEST(WatchUnit, EventsAndRecordTellTheWholeRunAndALineGivenByPortIsUsed) {
         unit.Launcher({"--json", "fd:1", "--record", "../record", "--port", "micro=" + dev + "1",
                        "--port", "camera=" + dev + "0", "--retries", "9", "--", "sh", "-c",
                        "exec kestrelflash \"$@\" >&2", "updater", "all"});
-    words[2] =
+    words[4] =
         "PATH=" + std::filesystem::path(KESTRELWATCH).parent_path().string() + ":/usr/bin:/bin";
     Child launcher(UserT::kPipes, words);
     // The updater's lines are not seen this way, so nothing can be said of the unit.
@@ -106,7 +106,7 @@ TEST(WatchUnit, EventsAndRecordTellTheWholeRunAndALineGivenByPortIsUsed) {
     EXPECT_THAT(kinds, testing::EndsWith("verdict "));
     words = unit.Launcher({"--record", "../record", "--port", "micro=" + dev + "1", "--port",
                            "camera=" + dev + "0", "--retries", "9", "all"});
-    words[2] = "HARBOR_DEV_DIR=";
+    words[4] = "HARBOR_DEV_DIR=";
     int status = -1;
     for (int attempt = 0; attempt < 8 && status != 0; attempt++) {
         Child second(UserT::kPipes, words);
