@@ -40,7 +40,8 @@ constexpr int kShownName = 40;  // characters of a refused name that the log sho
 
 pthread_mutex_t gFoldersMutex = PTHREAD_MUTEX_INITIALIZER;  // while the folders are checked
 
-// A descriptor that goes with its scope, also when its task is deleted meanwhile.
+// A descriptor that goes with its scope, also when its task is deleted meanwhile: it is opened and
+// closed with the deletion held off, which would otherwise come between and lose it.
 class FileT {
   public:
     explicit FileT(int fd) : fd_(fd) {}
@@ -56,6 +57,7 @@ class FileT {
     }
     // 0, or -1 with errno set.
     int Close() {
+        const NoCancelT no_cancel;
         const int fd = Release();
         return fd >= 0 ? close(fd) : 0;
     }
@@ -66,6 +68,7 @@ class FileT {
 
 // Opens a regular file; -1 with errno set for anything else.
 int OpenRegular(const char* path, int flags) {
+    const NoCancelT no_cancel;
     FileT file(open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666));
     struct stat status;
     if (file.Fd() < 0 || fstat(file.Fd(), &status) != 0) {

@@ -2,9 +2,11 @@
 // items live as long as anybody uses them.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "Common/framework/config.h"
+#include "Common/framework/configstore.h"
 #include "tests/config/store_tree.h"
 #include "tests/framework/module_task.h"
 
@@ -127,23 +129,6 @@ TEST_F(ConfigTasks, EveryChangeIsToldOnceAndTheLastInTheCacheIsTheLastInTheFile)
     EXPECT_EQ(gSeen, 60 * 24);
 }
 
-TEST_F(ConfigTasks, AReadNeverBringsBackWhatWasDeletedOrOverwritten) {
-    static std::atomic<bool> done{false};
-    InEightTasks(1, [](int t, int) {
-        char value[kConfigValueSize];
-        while (t < 4 && !done) {
-            ConfigRead("v", 0, value);
-        }
-        for (UInt32 i = 0; t == 7 && i < 1000; i++) {
-            ConfigWriteInt32("v", 0, i);
-            EXPECT_EQ(ConfigReadInt32("v", 0), i);
-            ConfigDelete("v", 0);
-            EXPECT_EQ(ConfigRead("v", 0, value), kItemNotFound) << i;
-        }
-        done = done || t == 7;
-    });
-}
-
 TEST_F(ConfigTasks, AnItemServesAnotherVariableAfterItsDeferredCallbacksOnly) {
     ModuleTask listener("list");
     listener.Run([] { ConfigAddCallback("old", 0, Look, nullptr); });
@@ -170,4 +155,21 @@ TEST_F(ConfigTasks, ATaskDeletedInACallbackLetsTheItemGo) {
     const int before = numMods;
     t_delete(tid);
     EXPECT_EQ(numMods, before - 1) << "the last user was the task";
+}
+
+TEST_F(ConfigTasks, DeletedTasksLeaveNoFileOpen) {
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = open_files();
+    for (int i = 0; i < 100; i++) {
+        const UInt32 tid = Spawn("file", [] {
+            for (char value[2] = "0";; value[0] ^= 1) {
+                ConfigStoreWrite("v", 0, value);
+            }
+        });
+        usleep(500);
+        t_delete(tid);
+    }
+    EXPECT_EQ(open_files(), before);
 }

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "Common/OS/linux/board.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/semaphores.h"
 #include "Common/OS/log.h"
 
@@ -31,6 +32,7 @@ class PipeT {
   public:
     explicit PipeT(int flags) : fd_(BoardOpenLauncher(flags)) {}
     ~PipeT() noexcept(false) {
+        const NoCancelT no_cancel;
         if (fd_ >= 0) {
             close(fd_);
         }
