@@ -261,7 +261,17 @@ bool ReplaceListener(NotifyFuncT from, NotifyFuncT to) {
     return false;
 }
 
+// Forgets the notification task when it ends, whatever ends it: its number may serve another task.
+class NotifyTaskT {
+  public:
+    ~NotifyTaskT() {
+        UInt32 self = ModSelf();
+        notifyTaskID.compare_exchange_strong(self, 0);
+    }
+};
+
 void NotifyTask(UInt32, UInt32, UInt32, UInt32) {
+    const NotifyTaskT running;
     ModTaskLoop();
 }
 
