@@ -13,6 +13,7 @@ import time
 import uuid
 
 IMAGES = ("kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin")
+LOCKED = 119  # the launcher's status where another run has the unit
 MARK = "HARBOR_CAMPAIGN"  # in the environment of everything that a run starts
 FAULTS_PAGE = pathlib.Path(__file__).resolve().parent.parent / "docs" / "FAULTS.md"
 
@@ -140,6 +141,15 @@ class Unit:
                 found.append((int(entry.name), name))
         return found
 
+    def all_ended(self, limit):
+        """Waits until nothing of this unit's runs is left, for at most so many seconds."""
+        end = time.monotonic() + limit
+        while self.processes():
+            if time.monotonic() > end:
+                return False
+            time.sleep(0.005)
+        return True
+
     def kill_left(self):
         for pid, _ in self.processes():
             try:
@@ -164,6 +174,16 @@ class Unit:
         process.wait()
         output = (self.root / "program.out").read_text(errors="replace")
         return Result(status, output, seconds, left)
+
+    def run_unlocked(self, command, limit):
+        """The launcher, again for as long as it finds a lock: terminals' numbers are reused at once, so
+        another unit's last run may still have the lock of what is this unit's line now."""
+        end = time.monotonic() + limit
+        while True:
+            result = self.run(command, limit=limit)
+            if result.status != LOCKED or time.monotonic() > end:
+                return result
+            time.sleep(0.2)
 
     def left_behind(self, grace):
         """Processes and temporary files that are still there after a while of grace in seconds."""

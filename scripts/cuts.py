@@ -47,11 +47,12 @@ class Wrong(Exception):
 
 
 class Missed(Wrong):
-    """The run ended before its cut: on a busy machine the updater misses an answer now and then."""
+    """The run ended before its cut: on a busy machine the updater misses an answer now and then, or
+    the lock of another unit's run is still there (terminals' numbers are reused at once)."""
 
 
-def launcher(binaries):
-    return [str(binaries / "kestrelwatch"), "all"]
+def launcher(binaries, *options):
+    return [str(binaries / "kestrelwatch"), *options, "all"]
 
 
 def measure(options):
@@ -78,15 +79,15 @@ def all_cuts(ends, kinds):
 
 
 def sampled(cuts, ends, options):
-    """Every end of a message with its neighbours, and as many again as asked, drawn by the seed."""
+    """Every end of a message with its neighbours in one way each, and as many others as asked; ways and
+    others are drawn by the seed."""
     near = {(port, direction, end + d) for (port, direction), offsets in ends.items()
             for end in offsets for d in (-1, 0, 1)}
     rng = random.Random(options.seed)
-    boundary = [cut for cut in cuts if (cut.port, cut.direction, cut.at) in near]
-    rest = [cut for cut in cuts if (cut.port, cut.direction, cut.at) not in near]
-    if options.sample < len(boundary):
-        return rng.sample(boundary, options.sample)
-    return boundary + rng.sample(rest, min(len(rest), options.sample - len(boundary)))
+    rng.shuffle(cuts)
+    boundary = {(cut.port, cut.direction, cut.at): cut for cut in cuts}
+    chosen = [cut for place, cut in boundary.items() if place in near]
+    return chosen + [cut for cut in cuts if cut not in chosen][:options.sample]
 
 
 def kill(unit, names):
@@ -134,10 +135,8 @@ def cut_run(cut, unit, options):
         status = process.wait(options.limit)
     except subprocess.TimeoutExpired:
         raise Wrong("the cut run does not end") from None
-    while unit.processes():
-        if time.monotonic() > limit + options.limit:
-            raise Wrong("left running: " + ", ".join(name for _, name in unit.processes()))
-        time.sleep(0.002)
+    if not unit.all_ended(options.limit):
+        raise Wrong("left running: " + ", ".join(name for _, name in unit.processes()))
     output = (unit.root / "cut.out").read_text(errors="replace")
     return (None if cut.kind in ("launcher", "host") else status), output
 
@@ -148,6 +147,7 @@ def check(cut, options):
         result = check_once(cut, options)
         if not isinstance(result, Missed):
             break
+        time.sleep(0.3)
     return result
 
 
@@ -165,7 +165,7 @@ def check_once(cut, options):
                 unit.stop()
                 if not unit.start("--power-fail"):
                     raise Wrong("the simulator does not start again: " + unit.simulator_output())
-            again = unit.run(launcher(options.binaries), limit=options.limit)
+            again = unit.run_unlocked(launcher(options.binaries, "--retries", "3"), options.limit)
             if again.status != SUCCESS:
                 raise Wrong(f"the next run ends with {again.status}\n{again.output}")
             if not unit.correct():
@@ -181,7 +181,7 @@ def read_options():
     parser = argparse.ArgumentParser(prog="./run cuts", description=__doc__.splitlines()[0])
     parser.add_argument("binaries", type=pathlib.Path, help=argparse.SUPPRESS)
     parser.add_argument("--sample", type=positive,
-                        help="so many cuts: the ends of messages with their neighbours first")
+                        help="the ends of messages with their neighbours, and so many others")
     parser.add_argument("--seed", type=int, default=1, help="images and sample (default 1)")
     parser.add_argument("--kind", choices=KINDS, action="append", help="only these cuts")
     parser.add_argument("--port", type=int, choices=sorted(UNITS), help="only this port")

@@ -16,9 +16,8 @@ import sys
 import threading
 import time
 
-from campaign import IMAGES, Unit, commit, fail, keep, positive
+from campaign import IMAGES, LOCKED, Unit, commit, fail, keep, positive
 
-LOCKED = 119
 FAULTS = (
     "noise unit=micro answer=version count=2", "noise unit=camera answer=device-type count=3",
     "drop unit=micro answer=block block={block}", "drop unit=micro answer=version",
@@ -130,9 +129,8 @@ def one_update(unit, options, rng, number, book):
         unit.kill_left()
         process.wait()
         status = None
-    left = [text for text in unit.left_behind(options.limit) if text.startswith("process")]
-    if left:
-        book.complain(f"{what}: leaves {', '.join(left)}")
+    if not unit.all_ended(options.limit):
+        book.complain(f"{what}: leaves {', '.join(name for _, name in unit.processes())}")
         unit.kill_left()
     unit.stop()
     holds = right(unit, number)
@@ -150,7 +148,8 @@ def recover(unit, options, number, book):
     for _ in range(3):
         if not unit.start("--power-fail"):
             fail("the simulator does not start: " + unit.simulator_output())
-        result = unit.run([str(options.binaries / "kestrelwatch"), "all"], limit=options.limit)
+        result = unit.run_unlocked([str(options.binaries / "kestrelwatch"), "--retries", "3", "all"],
+                                   options.limit)
         unit.stop()
         if result.status == 0:
             break
