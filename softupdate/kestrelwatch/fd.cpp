@@ -39,8 +39,7 @@ bool OpenPipeChannel(ChannelT* channel) {
         return false;
     }
     *channel = {Fd(ends[0]), Fd(ends[1])};
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    return true;
+    return fcntl(ends[0], F_SETFL, O_NONBLOCK) == 0;
 }
 
 bool OpenTerminalChannel(ChannelT* channel) {
@@ -51,10 +50,10 @@ bool OpenTerminalChannel(ChannelT* channel) {
         return OpenPipeChannel(channel);
     }
     Fd slave(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (slave.Get() < 0 || !MakeRaw(slave.Get())) {
+    if (slave.Get() < 0 || !MakeRaw(slave.Get()) ||
+        fcntl(master.Get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0) {
         return OpenPipeChannel(channel);
     }
-    fcntl(master.Get(), F_SETFL, O_RDWR | O_NONBLOCK);
     *channel = {std::move(master), std::move(slave)};
     return true;
 }

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -79,8 +80,11 @@ bool Guard::Start(Place* place, ChannelsT* channels) {
 
 Guard::~Guard() {
     if (pid_ > 0) {
-        // A guard that somebody killed is no reason to fail.
-        [[maybe_unused]] const ssize_t told = write(lifeline_.Get(), "x", 1);
+        // A guard that somebody killed is no reason to fail; one that cannot be told would wait for
+        // channels that this process still holds.
+        if (write(lifeline_.Get(), "x", 1) != 1) {
+            kill(pid_, SIGKILL);
+        }
         lifeline_.Close();
         while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
         }

@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,6 +24,11 @@ struct Outlet::StateT {
     };
 
     void Work();
+    void Note(int fd, int error) {
+        if (error != 0) {
+            lost[fd] = error;
+        }
+    }
 
     std::mutex mutex;
     std::condition_variable wake;
@@ -65,7 +71,11 @@ int WriteAll(int fd, std::string_view bytes, bool fullIsLost) {
 Outlet::Outlet(WhenFullT whenFull, int lastWaitMs)
     : state_(std::make_shared<StateT>()), lastWaitMs_(lastWaitMs) {
     state_->whenFull = whenFull;
-    state_->thread = std::thread([state = state_] { state->Work(); });
+    try {
+        state_->thread = std::thread([state = state_] { state->Work(); });
+    } catch (const std::system_error&) {
+        state_->ended = true;
+    }
 }
 
 Outlet::~Outlet() {
@@ -80,6 +90,9 @@ Outlet::~Outlet() {
     }
     const bool over = state_->ended;
     lock.unlock();
+    if (!state_->thread.joinable()) {
+        return;
+    }
     if (over) {
         state_->thread.join();
     } else {
@@ -91,6 +104,10 @@ void Outlet::Post(int fd, std::string bytes) {
     {
         const std::lock_guard lock(state_->mutex);
         if (state_->lost.contains(fd)) {
+            return;
+        }
+        if (!state_->thread.joinable()) {
+            state_->Note(fd, WriteAll(fd, bytes, state_->whenFull == kGiveUp));
             return;
         }
         if (state_->waiting + bytes.size() > kMaxWaiting) {
@@ -134,9 +151,7 @@ void Outlet::StateT::Work() {
             lock.unlock();
             const int error = WriteAll(piece.fd, piece.bytes, whenFull == kGiveUp);
             lock.lock();
-            if (error != 0) {
-                lost[piece.fd] = error;
-            }
+            Note(piece.fd, error);
         }
         waiting -= piece.bytes.size();
     }

@@ -1,6 +1,7 @@
 // Writes to somebody else's side (a terminal, a pipe to a pager, a log file) from a thread of its
 // own, so that a terminal that stands still or a reader that does not read never keeps kestrelwatch
-// from serving the updater. Any thread may call.
+// from serving the updater. Where the system has no thread left, whoever posts writes and waits.
+// Any thread may call.
 #pragma once
 
 #include <cstddef>

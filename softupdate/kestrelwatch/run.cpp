@@ -1,6 +1,7 @@
 // Look-up, place and start.
 #include "softupdate/kestrelwatch/run.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -8,6 +9,7 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +26,7 @@ namespace {
 constexpr size_t kMaxPipePath = 255;  // the updater keeps the path in 256 characters
 constexpr char kDeviceFolder[] = "/dev";
 constexpr char kDeviceVariable[] = KESTRELWATCH_DEV_VARIABLE;  // empty: /dev and nothing else
+constexpr char kFolderPrefix[] = "kestrelwatch-";
 constexpr int kStopWaitMs = 1000;
 
 // 0 when `path` can be run, else the reason.
@@ -67,6 +70,47 @@ std::string NodeName(int port) {
 
 int PortOf(TargetT target) {
     return target == kMicroTarget ? kKestrelPort : kOverlookPort;
+}
+
+// Removes what is in a private folder, and the folder.
+void RemoveFolder(const std::string& path) {
+    DIR* const folder = opendir(path.c_str());
+    if (folder == nullptr) {
+        return;
+    }
+    while (const dirent* entry = readdir(folder)) {
+        unlinkat(dirfd(folder), entry->d_name, 0);
+    }
+    closedir(folder);
+    rmdir(path.c_str());
+}
+
+// Removes the private folders whose launcher, guard and updater are all gone: of a host that lost
+// its power, or where everything was killed at once.
+void RemoveForsaken(const std::string& base) {
+    DIR* const folder = opendir(base.c_str());
+    if (folder == nullptr) {
+        return;
+    }
+    while (const dirent* entry = readdir(folder)) {
+        const size_t prefix = sizeof(kFolderPrefix) - 1;
+        char* end = nullptr;
+        const long launcher = strncmp(entry->d_name, kFolderPrefix, prefix) == 0
+                                  ? strtol(entry->d_name + prefix, &end, 10)
+                                  : 0;
+        if (launcher <= 0 || *end != '-' || kill(static_cast<pid_t>(launcher), 0) == 0 ||
+            errno != ESRCH) {
+            continue;
+        }
+        const std::string path = base + "/" + entry->d_name;
+        const Fd lock(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status = {};
+        if (fstat(lock.Get(), &status) == 0 && status.st_uid == geteuid() &&
+            flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) {
+            RemoveFolder(path);
+        }
+    }
+    closedir(folder);
 }
 
 struct SpawnSettingsT {
@@ -180,11 +224,16 @@ int Place::Make(const RecordT& record, std::string* why) {
 bool Place::MakeFolder(std::string* why) {
     const char* base = getenv("TMPDIR");
     std::string folder = base != nullptr && base[0] != '\0' ? base : "/tmp";
-    folder += "/kestrelwatch-XXXXXX";
+    RemoveForsaken(folder);
+    folder += "/" + std::string(kFolderPrefix) + std::to_string(getpid()) + "-XXXXXX";
     if (mkdtemp(folder.data()) == nullptr) {
         *why = folder + ": no private folder can be made: " + strerror(errno);
         return false;
     }
+    // Not closed on exec: guard and updater hold the lock too. Without it only the processes'
+    // number says that the folder is in use.
+    folderLock_ = Fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    flock(folderLock_.Get(), LOCK_EX | LOCK_NB);
     // The updater runs in the folder of the images, which is ours too, but its /dev is absolute.
     char absolute[PATH_MAX];
     folder_ = realpath(folder.c_str(), absolute) != nullptr ? absolute : folder;

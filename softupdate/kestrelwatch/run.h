@@ -48,6 +48,7 @@ class Place {
     int MakePipe(std::string* why);
 
     std::string folder_;              // empty: none
+    Fd folderLock_;                   // as long as anything of the run lives, the folder is in use
     std::vector<std::string> links_;  // in the folder
     std::string pipePath_;
     bool madePipe_ = false;
