@@ -175,15 +175,15 @@ class Unit:
         output = (self.root / "program.out").read_text(errors="replace")
         return Result(status, output, seconds, left)
 
-    def run_unlocked(self, command, limit):
-        """The launcher, again for as long as it finds a lock: terminals' numbers are reused at once, so
-        another unit's last run may still have the lock of what is this unit's line now."""
-        end = time.monotonic() + limit
-        while True:
+    def run_patiently(self, command, limit, tries=5):
+        """The launcher, again where something outside the unit kept it from its end: another unit's lock
+        (terminals' numbers are reused at once), or an answer that a busy machine passed on too late."""
+        result = self.run(command, limit=limit)
+        while tries > 1 and (result.status == LOCKED or "no answer" in result.output):
+            tries -= 1
+            time.sleep(0.3)
             result = self.run(command, limit=limit)
-            if result.status != LOCKED or time.monotonic() > end:
-                return result
-            time.sleep(0.2)
+        return result
 
     def left_behind(self, grace):
         """Processes and temporary files that are still there after a while of grace in seconds."""

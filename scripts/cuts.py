@@ -55,13 +55,15 @@ def launcher(binaries, *options):
     return [str(binaries / "kestrelwatch"), *options, "all"]
 
 
-def measure(options):
+def measure(options, tries=TRIES):
     """The messages of an uncut update: for each port and direction the offsets at which they end."""
     with Unit(options.binaries, options.seed, SIZES) as unit:
         log = unit.root / "log"
         if not unit.start("--power-fail", "--log", str(log)):
             fail("the simulator does not start: " + unit.simulator_output())
         result = unit.run(launcher(options.binaries), limit=options.limit)
+        if result.status != SUCCESS and tries > 1:
+            return measure(options, tries - 1)
         if result.status != SUCCESS or not unit.correct():
             fail(f"an update without a cut ends with {result.status}:\n{result.output}")
         unit.stop()
@@ -165,7 +167,7 @@ def check_once(cut, options):
                 unit.stop()
                 if not unit.start("--power-fail"):
                     raise Wrong("the simulator does not start again: " + unit.simulator_output())
-            again = unit.run_unlocked(launcher(options.binaries, "--retries", "3"), options.limit)
+            again = unit.run_patiently(launcher(options.binaries, "--retries", "3"), options.limit)
             if again.status != SUCCESS:
                 raise Wrong(f"the next run ends with {again.status}\n{again.output}")
             if not unit.correct():

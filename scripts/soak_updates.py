@@ -148,7 +148,7 @@ def recover(unit, options, number, book):
     for _ in range(3):
         if not unit.start("--power-fail"):
             fail("the simulator does not start: " + unit.simulator_output())
-        result = unit.run_unlocked([str(options.binaries / "kestrelwatch"), "--retries", "3", "all"],
+        result = unit.run_patiently([str(options.binaries / "kestrelwatch"), "--retries", "3", "all"],
                                    options.limit)
         unit.stop()
         if result.status == 0:

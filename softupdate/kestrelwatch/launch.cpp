@@ -201,8 +201,9 @@ int Launch(RecordT* record) {
         Run(record, &session);
         LeaveBar(*record, &session);
     }
-    session.guard.reset();
+    // In this order: killed in between, kestrelwatch still has a guard that removes the rest.
     session.place.Remove();
+    session.guard.reset();
     session.screen->Say(record->verdict.Text());
     session.journal.Verdict(*record);
     session.signals.Release();
