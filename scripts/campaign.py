@@ -178,12 +178,14 @@ class Unit:
     def run_patiently(self, command, limit, tries=5):
         """The launcher, again where something outside the unit kept it from its end: another unit's lock
         (terminals' numbers are reused at once), or an answer that a busy machine passed on too late."""
-        result = self.run(command, limit=limit)
-        while tries > 1 and (result.status == LOCKED or "no answer" in result.output):
-            tries -= 1
-            time.sleep(0.3)
+        end = time.monotonic() + limit
+        while True:
             result = self.run(command, limit=limit)
-        return result
+            tries -= "no answer" in result.output
+            if tries == 0 or time.monotonic() > end or \
+                    (result.status != LOCKED and "no answer" not in result.output):
+                return result
+            time.sleep(0.3)
 
     def left_behind(self, grace):
         """Processes and temporary files that are still there after a while of grace in seconds."""

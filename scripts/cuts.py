@@ -24,7 +24,7 @@ KINDS = ("line", "unit", "updater", "launcher", "host")
 SIZES = (40, 61, 50)
 UNITS = {1: "micro", 0: "camera"}
 SUCCESS = 0
-TRIES = 5
+TRIES = 20
 
 
 @dataclasses.dataclass(frozen=True)
