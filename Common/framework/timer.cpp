@@ -130,7 +130,8 @@ void Rewind(TimerT* pTimer, int time) {
 }
 
 void CountDown(TimerT* pTimer, UInt32 now) {
-    pTimer->ticks -= static_cast<int>(now - pTimer->rtms);
+    // A clock that was started anew is behind: that is no time.
+    pTimer->ticks -= std::max(static_cast<int>(now - pTimer->rtms), 0);
     pTimer->rtms = now;
     if (pTimer->ticks < 1) {
         Move(pTimer, kTimerTimedOut);
