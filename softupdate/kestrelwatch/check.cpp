@@ -96,6 +96,10 @@ bool CheckWords(RecordT* record) {
         plan->wanted[kMicroTarget] = plan->wanted[kCameraTarget] = true;
     }
     // The request to reboot the camera takes the place of the microcontroller's update.
+    if (plan->reboot && !plan->wanted[kMicroTarget]) {
+        Notice(plan, "rebootoverlook", "has no effect without all or micro beside it");
+        plan->reboot = false;
+    }
     plan->wanted[kMicroTarget] = plan->wanted[kMicroTarget] && !plan->reboot;
     return true;
 }
@@ -277,21 +281,44 @@ void CheckImages(PlanT* plan) {
     }
 }
 
+// Whether the target's line will be opened.
+bool Uses(const PlanT& plan, TargetT target) {
+    return plan.wanted[target] || (plan.reboot && target == kMicroTarget);
+}
+
+// The file of events is emptied when it is opened.
+bool CheckEvents(RecordT* record) {
+    const FileIdT events = FileId(record->options.json.c_str());
+    for (const char* name : {kImageFiles[kMicro], kImageFiles[kCamera], kImageFiles[kSystem],
+                             kVersionFiles[kCamera], kVersionFiles[kSystem]}) {
+        const FileIdT file = FileId(name);
+        if (file.size >= 0 && file.device == events.device && file.inode == events.inode) {
+            record->options.json.clear();
+            return Refuse(record, kStatusUsage, CauseT::kUsage,
+                          std::string("--json: ") + name + " is a file of the update");
+        }
+    }
+    return true;
+}
+
 void CheckNodes(RecordT* record) {
     PlanT* const plan = &record->plan;
+    struct stat last = {};
     for (const TargetT target : {kMicroTarget, kCameraTarget}) {
         const std::string& given = record->options.ports[target];
         plan->nodes[target] = given.empty() ? BoardNode(target) : given;
-        const bool used = plan->wanted[target] || (plan->reboot && target == kMicroTarget);
         struct stat status = {};
-        if (!used) {
+        if (!Uses(*plan, target)) {
             continue;
         }
         if (stat(plan->nodes[target].c_str(), &status) != 0) {
             Refusal(plan, CauseT::kNode, plan->nodes[target], ErrorText(errno));
         } else if (!S_ISCHR(status.st_mode)) {
             Refusal(plan, CauseT::kNode, plan->nodes[target], "is no device");
+        } else if (status.st_rdev == last.st_rdev) {
+            Refusal(plan, CauseT::kNode, plan->nodes[target], "is the line of both targets");
         }
+        last = status;
     }
 }
 
@@ -343,19 +370,22 @@ FileIdT FileId(const char* path) {
             nanoseconds(status.st_ctim)};
 }
 
-bool FilesChanged(const PlanT& plan) {
+bool NoteChanges(PlanT* plan) {
+    bool any = false;
     for (const ImageT image : {kMicro, kCamera, kSystem}) {
-        if (plan.Wants(image) &&
-            (FileId(kImageFiles[image]) != plan.images[image].file ||
-             (image != kMicro && FileId(kVersionFiles[image]) != plan.images[image].versionFile))) {
-            return true;
+        ImageFactsT& facts = plan->images[image];
+        if (plan->Wants(image) &&
+            (FileId(kImageFiles[image]) != facts.file ||
+             (image != kMicro && FileId(kVersionFiles[image]) != facts.versionFile))) {
+            facts.changed = true;
         }
+        any = any || facts.changed;
     }
-    return false;
+    return any;
 }
 
 bool Check(RecordT* record) {
-    if (!CheckWords(record)) {
+    if (!CheckWords(record) || !CheckEvents(record)) {
         return false;
     }
     PlanT* const plan = &record->plan;
@@ -379,12 +409,14 @@ bool CheckLines(RecordT* record) {
     PlanT* const plan = &record->plan;
     for (const TargetT target : {kMicroTarget, kCameraTarget}) {
         const std::string& node = plan->nodes[target];
-        if (!plan->wanted[target] && !(plan->reboot && target == kMicroTarget)) {
+        if (!Uses(*plan, target)) {
             continue;
         }
         const Fd line(open(node.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         if (line.Get() < 0) {
             Refusal(plan, CauseT::kNode, node, ErrorText(errno));
+        } else if (!record->options.ports[target].empty() && isatty(line.Get()) == 0) {
+            Refusal(plan, CauseT::kNode, node, "is no serial line");
         } else {
             Add(plan, node, std::string("the line of the ") + TargetName(target) + " opens");
         }

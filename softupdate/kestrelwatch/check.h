@@ -31,7 +31,7 @@ bool IsStalePipe(const char* path);
 // What tells a file from another and from itself at another time.
 FileIdT FileId(const char* path);
 
-// Whether any file of a wanted target is not the one that was checked.
-bool FilesChanged(const PlanT& plan);
+// Marks the images whose files are not the ones that were checked; whether there are any.
+bool NoteChanges(PlanT* plan);
 
 }  // namespace watch

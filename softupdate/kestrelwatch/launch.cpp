@@ -23,10 +23,6 @@ namespace {
 constexpr int kLastQuestions = 3;  // a camera may still be starting at the first
 constexpr unsigned kQuestionPauseMs = 1000;
 
-bool RebootsOnly(const PlanT& plan) {
-    return plan.reboot && !plan.wanted[kCameraTarget];
-}
-
 // The words of a question about the wanted targets. A request to reboot is no question.
 std::vector<std::string> Question(const RecordT& record) {
     std::vector<std::string> words = record.options.words;
@@ -91,6 +87,7 @@ void Ask(RecordT* record, SessionT* session) {
     session->journal.Step("ask");
     const bool query = record->plan.query;
     Follow(session, *record, query ? record->options.words : Question(*record), true, &record->ask);
+    record->filesChanged = NoteChanges(&record->plan);
     session->journal.Unit("before", *record, record->ask);
 }
 
@@ -99,7 +96,7 @@ void Update(RecordT* record, SessionT* session) {
     session->pace.Plan(*record);
     TellNeeds(session, *record);
     Follow(session, *record, Command(*record, session->place), false, &record->update);
-    record->filesChanged = FilesChanged(record->plan);
+    record->filesChanged = NoteChanges(&record->plan);
 }
 
 // After a failure too: only the unit knows what it holds.
@@ -116,20 +113,21 @@ void AskAgain(RecordT* record, SessionT* session) {
             usleep(kQuestionPauseMs * 1000);
         }
     }
+    record->filesChanged = NoteChanges(&record->plan);
     session->journal.Unit("after", *record, record->verify);
 }
 
 void RunOnce(RecordT* record, SessionT* session) {
     record->ask = record->update = record->verify = RunT();
     session->pace = Pace();
-    const std::int64_t start = NowMs();
-    const bool asked = !RebootsOnly(record->plan) || record->plan.query;
+    const bool asked = !record->plan.RebootsOnly() || record->plan.query;
     if (asked) {
         Ask(record, session);
     }
     const RunT& ask = record->ask;
-    const bool due = !asked || (EndedWell(ask) && ask.story.troubles.empty() &&
-                                ask.story.summary == StoryT::kUpdateDue);
+    const bool due =
+        !asked || (EndedWell(ask) && ask.story.troubles.empty() && !record->filesChanged &&
+                   (ask.story.summary == StoryT::kUpdateDue || record->plan.reboot));
     if (due && !record->plan.query) {
         Update(record, session);
         const RunT& update = record->update;
@@ -138,8 +136,18 @@ void RunOnce(RecordT* record, SessionT* session) {
             AskAgain(record, session);
         }
     }
-    record->updateMs = NowMs() - start;
+    record->updateMs = NowMs() - record->startMs;
     Judge(record);
+}
+
+// So that a later try does not call untouched what this one has sent.
+void Remember(RecordT* record) {
+    for (const ImageT image : {kMicro, kCamera, kSystem}) {
+        EarlierT& earlier = record->earlier[image];
+        if (record->update.story.images[image].touched && !earlier.sent) {
+            earlier = {true, record->ask.story.images[image].current};
+        }
+    }
 }
 
 void Run(RecordT* record, SessionT* session) {
@@ -150,6 +158,7 @@ void Run(RecordT* record, SessionT* session) {
         }
         session->Notice(record->verdict.headline + "; running again (" + std::to_string(left) +
                         (left == 1 ? " try left)." : " tries left)."));
+        Remember(record);
     }
 }
 

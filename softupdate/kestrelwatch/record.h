@@ -69,9 +69,10 @@ struct FileIdT {
 // One image as it lies in the folder, with the time that each of its blocks takes on the line.
 struct ImageFactsT {
     FileIdT file;
-    FileIdT versionFile;  // none for the microcontroller, whose image begins with its version
-    std::string sha256;   // of what is sent
-    long version = -1;    // -1: not known
+    FileIdT versionFile;   // none for the microcontroller, whose image begins with its version
+    bool changed = false;  // since the check
+    std::string sha256;    // of what is sent
+    long version = -1;     // -1: not known
     std::vector<int> blockBytes;
     std::vector<double> blockMs;  // to send the block and receive its answer
 };
@@ -87,12 +88,14 @@ struct FindingT {
 
 struct PlanT {
     bool query = false;
-    bool reboot = false;
+    bool reboot = false;         // the microcontroller is asked to reboot the camera
     bool wanted[kTargets] = {};  // whose images are asked for and updated
     std::string program;
     std::string nodes[kTargets];
     ImageFactsT images[kImages];
     std::vector<FindingT> findings;
+    // Nothing but the request to reboot the camera.
+    bool RebootsOnly() const { return reboot && !wanted[kCameraTarget]; }
     // The images that belong to a wanted target.
     bool Wants(ImageT image) const { return wanted[TargetOf(image)]; }
 };
@@ -118,15 +121,22 @@ struct VerdictT {
     std::string Text() const;
 };
 
+// What the tries before this one did to an image's place.
+struct EarlierT {
+    bool sent = false;
+    long from = -1;  // the version before; -1: not known
+};
+
 struct RecordT {
     OptionsT options;
     PlanT plan;
+    EarlierT earlier[kImages];
     RunT ask;
     RunT update;
     RunT verify;
-    bool filesChanged = false;  // between the check and the end of the update
+    bool filesChanged = false;  // any, since the check
     std::int64_t startMs = 0;
-    std::int64_t updateMs = 0;  // how long ask, update and verify took
+    std::int64_t updateMs = 0;  // how long all tries took
     VerdictT verdict;
 };
 

@@ -76,7 +76,8 @@ bool AnyPartial(const RecordT& record) {
 // The version that the unit reported in a run; -1: it did not.
 long Reported(const RecordT& record, const RunT& run, ImageT image) {
     const ImageStoryT& it = run.story.images[image];
-    return it.upToDate ? record.plan.images[image].version : it.current;
+    const ImageFactsT& file = record.plan.images[image];
+    return it.upToDate && !file.changed ? file.version : it.current;
 }
 
 // What one image's place in the unit holds, without its name.
@@ -89,9 +90,12 @@ std::string Held(const RecordT& record, ImageT image) {
         return VersionText(image, offered) + ", verified";
     }
     if (after >= 0) {
-        return "still " + VersionText(image, after);
+        return (after == before ? "still " : "reports ") + VersionText(image, after);
     }
-    if (sent.touched) {
+    if (sent.touched && record.plan.images[image].changed) {
+        return "was sent a file that changed, not verified";
+    }
+    if (sent.touched || (before < 0 && record.earlier[image].sent)) {
         return "was sent " + VersionText(image, offered) + ", not verified";
     }
     if (before < 0) {
@@ -104,16 +108,21 @@ std::string Held(const RecordT& record, ImageT image) {
 std::string Broken(const RecordT& record, TargetT target) {
     bool touched = false;
     bool partial = false;
+    bool confirmed = true;
     int acknowledged = 0;
     for (const ImageT image : kEveryImage) {
         if (TargetOf(image) == target) {
             const ImageStoryT& sent = record.update.story.images[image];
             touched = touched || sent.touched;
             partial = partial || Partial(record, image);
+            confirmed = confirmed && Confirmed(record.plan, record.verify.story, image);
             acknowledged += sent.acknowledged;
         }
     }
     const std::string name = TargetName(target);
+    if (partial && confirmed) {
+        return name + " reports the new version, but may hold only part of its image";
+    }
     if (partial && acknowledged == 0) {
         return name + " may have erased its image and not start";
     }
@@ -152,11 +161,14 @@ std::string Changes(const RecordT& record, const RunT& run, const char* otherwis
     std::string text;
     for (const ImageT image : kEveryImage) {
         const ImageStoryT& it = run.story.images[image];
-        if (record.plan.Wants(image) && it.needed) {
+        const bool asked = &run == &record.ask;
+        const bool earlier = asked && record.earlier[image].sent;
+        if (record.plan.Wants(image) && (it.needed || earlier)) {
+            const long from = earlier ? record.earlier[image].from : it.current;
             const long offered = record.plan.images[image].version;
             text += (text.empty() ? "" : ", ") + std::string(ImageName(image)) + " " +
-                    VersionText(image, it.current) + " to " + VersionText(image, offered) +
-                    (&run == &record.ask && it.current > offered ? " (older)" : "");
+                    VersionText(image, from) + " to " + VersionText(image, offered) +
+                    (asked && from > offered ? " (older)" : "");
         }
     }
     return text.empty() ? otherwise : text;
@@ -186,42 +198,59 @@ std::string Troubles(const StoryT& story) {
     return text;
 }
 
+// It ended as if it had done its work, and did not say so.
+bool Mute(const RunT& run) {
+    const int exit = WEXITSTATUS(run.waitStatus);
+    return !run.story.spoke || exit == 0 || (run.story.asks && exit == 1);
+}
+
 std::string SignalText(int number) {
     return "signal " + std::to_string(number) + " (" + strsignal(number) + ")";
 }
 
-// How a run ended that did not end well, with the first cause before the last.
+// How a run ended that did not end well and whose lines do not tell more.
+std::string EndText(const RunT& run) {
+    const std::string what = run.story.What();
+    const std::string status =
+        "the updater ended with status " + std::to_string(WEXITSTATUS(run.waitStatus));
+    if (run.interruptedBy != 0) {
+        return "interrupted at " + what;
+    }
+    if (run.gaveUp) {
+        return "given up at " + what;
+    }
+    if (WIFSIGNALED(run.waitStatus)) {
+        return "the updater was ended by " + SignalText(WTERMSIG(run.waitStatus)) + " at " + what;
+    }
+    return Mute(run) ? status + " and did not say what it found" : status;
+}
+
+// The first cause before the last.
 void FailRun(RecordT* record, const RunT& run) {
     const StoryT& story = run.story;
     const bool signalled = WIFSIGNALED(run.waitStatus);
     const int exit = WEXITSTATUS(run.waitStatus);
-    std::string how;
+    std::string how = EndText(run);
     CauseT cause = CauseT::kUpdaterFailed;
     int status = signalled ? kStatusSignalBase + WTERMSIG(run.waitStatus) : exit;
     if (run.interruptedBy != 0) {
         cause = CauseT::kInterrupted;
-        how = "interrupted at " + story.What();
         status = signalled ? status : kStatusSignalBase + run.interruptedBy;
     } else if (run.gaveUp) {
         cause = CauseT::kGaveUp;
-        how = "given up at " + story.What();
         status = kStatusGaveUp;
     } else if (signalled) {
         cause = CauseT::kSignal;
-        how = "the updater was ended by " + SignalText(WTERMSIG(run.waitStatus)) + " at " +
-              story.What();
-    } else if (!story.spoke || exit == 0 || (story.asks && exit == 1)) {
+    } else if (Mute(run)) {
         cause = CauseT::kUpdaterStrange;
-        how = "the updater ended with status " + std::to_string(exit) +
-              " and did not say what it found";
         status = exit <= 1 ? static_cast<int>(kStatusDoubtful) : exit;
     }
     if (!story.troubles.empty()) {
+        const bool more = cause != CauseT::kUpdaterFailed;
         cause = story.troubles[0].cause;
-        how = Troubles(story) + (how.empty() ? "" : "; then " + how);
+        how = Troubles(story) + (more ? "; then " + how : "");
     }
-    Fail(record, status, cause,
-         how.empty() ? "the updater ended with status " + std::to_string(exit) : how);
+    Fail(record, status, cause, how);
 }
 
 // An image that was needed in this run and not acknowledged to its end; kImages: none.
@@ -235,9 +264,24 @@ ImageT Unfinished(const RecordT& record) {
     return kImages;
 }
 
+void SayRebooted(RecordT* record) {
+    Say(record, 0, CauseT::kNone, "DONE: the microcontroller was asked to reboot the camera");
+}
+
+// The unit has said that it runs what the files offer.
+void SayUpdated(RecordT* record) {
+    const std::string changes = Changes(*record, record->ask, "");
+    Say(record, 0, CauseT::kNone,
+        (changes.empty() ? "UP TO DATE"
+                         : "UPDATED in " + ElapsedText(record->updateMs) + ": " + changes) +
+            (record->plan.reboot ? ", and the camera was asked to reboot" : ""));
+}
+
 void JudgeQuery(RecordT* record) {
     const RunT& ask = record->ask;
-    if (WEXITSTATUS(ask.waitStatus) == 1) {
+    if (record->plan.RebootsOnly()) {
+        SayRebooted(record);
+    } else if (WEXITSTATUS(ask.waitStatus) == 1) {
         Say(record, 1, CauseT::kNone,
             "UPDATE NEEDED: " + Changes(*record, ask, "an image differs"));
         record->verdict.next = "run without q";
@@ -275,7 +319,8 @@ bool EndedWell(const RunT& run) {
 bool Confirmed(const PlanT& plan, const StoryT& story, ImageT image) {
     const ImageStoryT& it = story.images[image];
     // From 0x8000 on the updater finds a difference where there is none.
-    return it.upToDate || (it.needed && it.current == plan.images[image].version);
+    const ImageFactsT& file = plan.images[image];
+    return (it.upToDate && !file.changed) || (it.needed && it.current == file.version);
 }
 
 bool AllConfirmed(const PlanT& plan, const StoryT& story) {
@@ -292,7 +337,6 @@ void Judge(RecordT* record) {
     const RunT& ask = record->ask;
     const RunT& update = record->update;
     const RunT& verify = record->verify;
-    const bool rebootOnly = plan.reboot && !plan.wanted[kCameraTarget];
     for (const RunT* run : {&ask, &update, &verify}) {
         if (!run->untold.empty()) {
             Fail(record, run->waitStatus, CauseT::kUpdaterRefused, run->untold);
@@ -303,16 +347,21 @@ void Judge(RecordT* record) {
         FailRun(record, ask);
     } else if (ask.started && !ask.story.troubles.empty()) {
         Fail(record, kStatusDoubtful, ask.story.troubles[0].cause, Troubles(ask.story));
+    } else if (record->filesChanged && !update.started) {
+        Fail(record, kStatusDoubtful, CauseT::kFilesChanged,
+             "the files were changed before anything was sent");
     } else if (plan.query) {
         JudgeQuery(record);
+    } else if (!update.started && AllConfirmed(plan, ask.story)) {
+        SayUpdated(record);
     } else if (!update.started) {
-        Say(record, 0, CauseT::kNone, "UP TO DATE");
+        Fail(record, kStatusDoubtful, CauseT::kUnconfirmed, "not every image was asked for");
     } else if (!EndedWell(update)) {
         FailRun(record, update);
     } else if (!update.story.troubles.empty()) {
         Fail(record, kStatusDoubtful, update.story.troubles[0].cause, Troubles(update.story));
-    } else if (rebootOnly) {
-        Say(record, 0, CauseT::kNone, "DONE: the microcontroller was asked to reboot the camera");
+    } else if (plan.RebootsOnly()) {
+        SayRebooted(record);
     } else if (const ImageT image = Unfinished(*record); image != kImages) {
         Fail(record, kStatusDoubtful, CauseT::kBlockUnanswered,
              std::string(ImageName(image)) + ": not every block was sent and acknowledged");
@@ -326,15 +375,14 @@ void Judge(RecordT* record) {
         FailRun(record, verify);
     } else if (!EndedWell(verify)) {
         Fail(record, kStatusDoubtful, CauseT::kUnconfirmed,
-             "sent, but the unit does not say what it runs: " + Troubles(verify.story));
+             "sent, but the unit does not say what it runs: " +
+                 (verify.story.troubles.empty() ? EndText(verify) : Troubles(verify.story)));
     } else if (!AllConfirmed(plan, verify.story)) {
         Fail(record, kStatusDoubtful, CauseT::kStillDifferent,
              "sent, but the unit does not say that it runs it: " +
                  Changes(*record, verify, "an image was not asked for"));
     } else {
-        Say(record, 0, CauseT::kNone,
-            "UPDATED in " + ElapsedText(record->updateMs) + ": " +
-                Changes(*record, ask, "no image"));
+        SayUpdated(record);
     }
 }
 

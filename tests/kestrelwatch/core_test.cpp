@@ -73,8 +73,10 @@ TEST(WatchVerdict, OnlyWhatTheUnitConfirmsIsASuccessAndTheFirstCauseIsNamed) {
         {whole, 0, kConfirmed, 0, 0, CauseT::kNone,
          "UPDATED in 0:00: microcontroller 0x20 to 0x21"},
         {whole, 0, kAsked, exit1, 120, CauseT::kStillDifferent, "microcontroller still 0x20"},
-        {whole, 0, "", 0, 120, CauseT::kUnconfirmed, "does not say what it runs"},
-        {Blocks(0, 11) + kEnd, 0, kConfirmed, 0, 120, CauseT::kBlockUnanswered, "holds part"},
+        {whole, 0, "", 0, 120, CauseT::kUnconfirmed,
+         "what it runs: the updater ended with status 0"},
+        {Blocks(0, 11) + kEnd, 0, kConfirmed, 0, 120, CauseT::kBlockUnanswered,
+         "microcontroller reports the new version, but may hold only part of its image"},
         {Blocks(0, 11) + Block(11) + Reply("NACK", 0) + kEnd, 0, kConfirmed, 0, 120,
          CauseT::kBlockUnanswered, "block 12 of 12: no answer within 50 ms"},
         {Blocks(0, 3) + Block(3) + Reply("NACK", 2) + Block(3, 2) + Reply("ACK", 2) +
@@ -112,6 +114,20 @@ TEST(WatchVerdict, OnlyWhatTheUnitConfirmsIsASuccessAndTheFirstCauseIsNamed) {
         EXPECT_THAT(record.verdict.Text(), HasSubstr(row.said));
         const ImageStoryT& sent = record.update.story.images[kMicro];
         EXPECT_FALSE(record.verdict.repeatable && sent.touched && !sent.Complete()) << row.said;
+    }
+}
+
+TEST(WatchVerdict, WhatAnEarlierTrySentIsRemembered) {
+    for (const auto& [ask, waitStatus, said] :
+         {std::tuple("", 255 << 8, "The unit: microcontroller was sent 0x21, not verified"),
+          {kConfirmed.c_str(), 0, "UPDATED in 0:00: microcontroller 0x20 to 0x21"}}) {
+        RecordT record;
+        record.plan.wanted[kMicroTarget] = true;
+        record.plan.images[kMicro].version = 0x21;
+        record.earlier[kMicro] = {true, 0x20};
+        record.ask = Told(ask, waitStatus, true);
+        Judge(&record);
+        EXPECT_THAT(record.verdict.Text(), HasSubstr(said));
     }
 }
 

@@ -53,10 +53,6 @@ TEST(WatchRun, OutputPassesUntouchedAndTheUnitIsAskedBeforeAndAfter) {
                                          "0x21, verified.\n"));
     EXPECT_EQ(session.error.find_first_of("\033\r"), std::string::npos);
     EXPECT_EQ(folder.PrivateFolder(), "");
-    // A second run finds nothing to do, and does nothing.
-    Session again(kPipes, {}, "begin; exit 255");
-    EXPECT_EQ(again.End(), 0);
-    EXPECT_THAT(again.error, HasSubstr("UP TO DATE. The unit: microcontroller 0x21, up to date"));
 }
 
 TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
@@ -77,10 +73,8 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
         {"", {}, 121, "nothing to do"},
         {"", {"Q", "micro"}, 121, "knows no word 'Q'"},
         {"", {"al"}, 121, "knows no word 'al'"},
-        {"", {"q"}, 121, "nothing to do"},
         {"", {"--nonsense", "all"}, 121, "bad option"},
         {"", {"--", "true", "-p", "x"}, 121, "use --pipe and --range"},
-        {"", {"--stall", "-1", "--", "true"}, 121, "--stall takes"},
         {"", {"--give-up", "1x", "--", "true"}, 121, "--give-up takes"},
         {"", {"--retries", "1.5", "--", "true"}, 121, "--retries takes"},
         {"", {"--port", "mice=/dev/null", "--", "true"}, 121, "--port takes"},
@@ -93,6 +87,8 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
         {"", {"--", "./file", "micro"}, 126, "Permission denied"},
         {"", {"--", "./script", "micro"}, 126, "Exec format error"},
         {"", {"--", "./none", "micro"}, 127, "No such file"},
+        {"", {"--json", "kestrelmicro.bin", "--", "true", "micro"}, 121, "kestrelmicro.bin is"},
+        {"", {"--port", "micro=/dev/null", "--", "true", "micro"}, 118, "is no serial line"},
         {"mv kestrelmicro.bin image",
          {"--", "true", "micro", "q"},
          118,
@@ -110,6 +106,10 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
          {"--", "true", "all"},
          118,
          "overlookcamver: is no hexadecimal version (\"v1.02\")"},
+        {"echo 1 >overlookcamver",
+         {"--port", "micro=/dev/null", "--port", "camera=/dev/null", "--", "true", "all"},
+         118,
+         "both targets"},
         {"head -c 30000000 /dev/zero >overlookcam.bin",
          {"--", "true", "overlook"},
          118,
@@ -264,6 +264,14 @@ TEST(WatchRun, FilesThatChangeWhileTheUpdateRunsAreNoSuccess) {
     Session session(kPipes, {}, "begin; echo more >>kestrelmicro.bin; finish");
     EXPECT_EQ(session.End(), 120);
     EXPECT_THAT(session.error, HasSubstr("the files were changed while the update ran"));
+    std::filesystem::remove("updated");
+    Session early({}, "echo >>kestrelmicro.bin;" + std::string(kAnswers) + ": >sent");
+    EXPECT_EQ(early.End(), 120);
+    EXPECT_THAT(early.error, HasSubstr("were changed before anything was sent. The unit: "
+                                       "microcontroller 0x20, not touched"));
+    EXPECT_FALSE(std::filesystem::exists("sent"));
+    // A summary that no image stands behind.
+    EXPECT_EQ(Session({}, "echo '########## NO Kestrel Image(s) Update Required'").End(), 120);
 }
 
 TEST(WatchRun, AQueryKeepsTheUpdatersStatusAndAQuestionLeftOutIsSaid) {

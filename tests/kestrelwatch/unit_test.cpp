@@ -113,6 +113,11 @@ TEST(WatchUnit, EventsAndRecordTellTheWholeRunAndALineGivenByPortIsUsed) {
         status = second.End();
     }
     EXPECT_EQ(status, 0);
+    // A reboot is asked for where nothing needs an update, too.
+    Child reboot(UserT::kPipes, unit.Launcher({"all", "rebootoverlook"}));
+    EXPECT_EQ(reboot.End(), 0) << reboot.error;
+    EXPECT_THAT(reboot.output, testing::HasSubstr("Successfully rebooting"));
+    EXPECT_THAT(reboot.error, testing::HasSubstr("UP TO DATE, and the camera was asked to reboot"));
     EXPECT_EQ(unit.Holds(), "new new new");
     std::string last;
     for (const auto& file : std::filesystem::directory_iterator(unit.Folder() + "/record")) {
