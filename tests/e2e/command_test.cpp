@@ -23,7 +23,7 @@ TEST(CommandLine, OnlyWholeWordsAreTargetsAndAnythingThatBeginsWithQOnlyAsks) {
 
 TEST(CommandLine, AllUpdatesBothTargetsAndTheQueryAfterwardsFindsNothing) {
     Case it("all", {});
-    it.Keep({"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"});
+    it.kept = kAllImages;
     it.Run({"all", "q"}, 1, "m.current c.current required");
     it.Run({"all"}, 0, "m.update c.update done");
     it.scene = it.scene.Updated();
@@ -33,20 +33,15 @@ TEST(CommandLine, AllUpdatesBothTargetsAndTheQueryAfterwardsFindsNothing) {
 
 TEST(CommandLine, RebootReplacesTheMicrocontrollersCheckAndEndsWithoutASummary) {
     Case it("reboot-all", {});
-    it.Keep({"overlookcam.bin", "overlooksys.bin"});
+    it.kept = {"overlookcam.bin", "overlooksys.bin"};
     it.Run({"all", "rebootoverlook"}, 0, "m.reboot c.update");
     Play(it);
-}
-
-TEST(CommandLine, AFailingMicrocontrollerLeavesTheCameraAlone) {
-    PlayFaulty({"all"}, "m.open m.request", {},
-               {{"all-fails", "silent unit=micro", "m.unheard failed"}});
 }
 
 TEST(CommandLine, ConsoleLinesNeverReachALineWhereThereIsNoConsole) {
     Case it("no-console", {});
     it.closed_output = true;
-    it.Keep({"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"});
+    it.kept = kAllImages;
     it.Run({"all"}, 0, "m.update c.update done");
     Play(it);
 }
@@ -63,10 +58,8 @@ TEST(Ports, ANodeThatCannotBeOpenedIsGivenUpAfterTenTries) {
         const char* name;
         const char* target;  // what the node becomes a link to; null: no node at all
         std::string story;
-        bool own_nodes = true;
     } nodes[] = {
         {"node-missing", nullptr, tries},
-        {"node-no-board", nullptr, tries, false},
         {"node-directory", ".", tries},
         {"node-forbidden", "/sys/devices/system/cpu/possible", tries},
         {"node-busy", "/proc/self/exe", tries},
@@ -75,7 +68,6 @@ TEST(Ports, ANodeThatCannotBeOpenedIsGivenUpAfterTenTries) {
     };
     for (const auto& node : nodes) {
         Case it(node.name, {});
-        it.own_nodes = node.own_nodes;
         it.prepare = [&](const Place& place) {
             std::filesystem::remove(place.dev + "/fpgaserial1");
             if (node.target != nullptr) {

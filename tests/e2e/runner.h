@@ -1,9 +1,6 @@
 // Plays one case: a folder of images, a simulated unit, the real updater, and a comparison of
-// everything that could be seen: console text, exit status, wire bytes, openings and closings,
-// images that the unit kept.
-//
-// Environment: E2E_RECORD_DIR, a folder into which each step's console text and wire are written,
-// for comparing two builds of the updater.
+// everything that could be seen: console text but for the positions of a progress report, exit
+// status, wire bytes, openings and closings, images that the unit kept.
 #pragma once
 
 #include <functional>
@@ -16,9 +13,6 @@
 
 namespace e2e {
 
-// File name to content.
-using Files = std::map<std::string, std::string>;
-
 // Folders of a case while it runs.
 struct Place {
     std::string work;   // the updater's current folder, with the images
@@ -28,7 +22,7 @@ struct Place {
 
 struct Step {
     Transcript expected;
-    int status;  // exit status; 128 + the signal when a signal ended it
+    int status;  // exit status
 };
 
 struct Case {
@@ -37,27 +31,20 @@ struct Case {
 
     // One run of the updater.
     void Run(const Words& arguments, int status, const std::string& story);
-    // The unit is to hold these images at the end ("kestrelmicro.bin").
-    void Keep(const Words& names);
 
     std::string name;
     Scene scene;
-    Words unit;  // arguments of the simulator
-    Files files;
+    Words unit;                                // arguments of the simulator
+    std::map<std::string, std::string> files;  // file name to content
     std::vector<Step> steps;
-    Files kept;           // images that the unit holds at the end
+    Words kept;           // images that the unit holds at the end ("kestrelmicro.bin")
     int unit_status = 0;  // 3 when the unit has to refuse something
     // Changes the place when unit and files stand, before the first step.
     std::function<void(const Place&)> prepare = [](const Place&) {};
     // Looks at the place after the last step, while the unit still runs.
     std::function<void(const Place&)> inspect = [](const Place&) {};
-    // Console lines in which this expression is found are left out of the comparison.
-    std::string unsteady;
     int delay_percent = 5;       // of the designed pauses
     bool closed_output = false;  // the updater starts without standard output and error
-    bool own_nodes = true;       // false: the updater looks for the board's own nodes
-    // Console bytes after which the updater is ended by SIGTERM; the wire is then not compared.
-    size_t stop_after = 0;
 };
 
 // Plays the case and reports every difference as a failure. An answer that was missed (a failed

@@ -12,6 +12,8 @@ namespace e2e {
 
 using Words = std::vector<std::string>;
 
+const Words kAllImages = {"kestrelmicro.bin", "overlookcam.bin", "overlooksys.bin"};
+
 // A link frame around `payload`, as it stands on the wire.
 std::string Frame(uint8_t type, const std::string& payload);
 
