@@ -42,7 +42,7 @@ std::string WireOf(const std::string& log) {
         const auto event = nlohmann::json::parse(line);
         const int port = event.value("port", -1);
         if (event.contains("dir")) {
-            wire.Bytes(port, event["dir"] == "rx" ? '>' : '<', FromHex(event["bytes"]));
+            wire.Bytes(port, event["dir"] == "rx" ? '>' : '<', event["bytes"]);
         } else if (port >= 0 && event["event"] != "answer withheld" &&
                    event["event"] != "image complete" && event["event"] != "transfer given up") {
             wire.Event(port, event["event"]);

@@ -79,7 +79,7 @@ void Send(Transcript& t, Values v) {
     }
     t.Say(v.at(0) + "-block", {v.at(1), "1"});
     t.Say("sending", {v.at(1), std::to_string(data.size() + 2)});
-    t.Bytes(image.port, '>', Frame(image.type, Word(std::stoul(v.at(1))) + data));
+    t.Bytes(image.port, '>', HexOf(Frame(image.type, Word(std::stoul(v.at(1))) + data)));
 }
 
 // An image's blocks, each acknowledged: the first one, and the one behind the last.
@@ -93,20 +93,20 @@ void SendBlocks(Transcript& t, Values v) {
 
 // A word with each byte's number and value.
 void EachByte(Transcript& t, Values v) {
-    const std::string bytes = FromHex(v.at(1));
-    for (size_t i = 0; i < bytes.size(); i++) {
-        t.Say(v.at(0), {std::to_string(i), Hex(static_cast<uint8_t>(bytes[i]), 1)});
+    for (size_t i = 0; i < v.at(1).size() / 2; i++) {
+        const size_t zero = v.at(1)[2 * i] == '0';
+        t.Say(v.at(0), {std::to_string(i), v.at(1).substr(2 * i + zero, 2 - zero)});
     }
 }
 
 // Port and bytes; of the unit's, only so many where a third value says so.
 void Host(Transcript& t, Values v) {
-    t.Bytes(std::stoi(v.at(0)), '>', FromHex(v.at(1)));
+    t.Bytes(std::stoi(v.at(0)), '>', v.at(1));
 }
 
 void Unit(Transcript& t, Values v) {
-    const size_t count = v.size() > 2 ? std::stoul(v.at(2)) : std::string::npos;
-    t.Bytes(std::stoi(v.at(0)), '<', FromHex(v.at(1)).substr(0, count));
+    const size_t count = v.size() > 2 ? std::stoul(v.at(2)) : v.at(1).size();
+    t.Bytes(std::stoi(v.at(0)), '<', v.at(1).substr(0, 2 * count));
 }
 
 const std::map<std::string, void (*)(Transcript&, Values)> kDoings = {
@@ -124,14 +124,6 @@ const std::map<std::string, void (*)(Transcript&, Values)> kDoings = {
 
 std::string Word(size_t value) {
     return {static_cast<char>(value >> 8 & 0xFF), static_cast<char>(value & 0xFF)};
-}
-
-std::string FromHex(const std::string& hex) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
 }
 
 std::string Frame(uint8_t type, const std::string& payload) {
@@ -262,14 +254,14 @@ void Transcript::Event(int port, const std::string& event) {
     wire_end_.clear();
 }
 
-void Transcript::Bytes(int port, char direction, const std::string& bytes) {
+void Transcript::Bytes(int port, char direction, const std::string& hex) {
     const std::string start = std::to_string(port) + " " + direction + " ";
     if (wire_end_ == start) {
         wire.pop_back();
     } else {
         wire += start;
     }
-    wire += HexOf(bytes) + "\n";
+    wire += hex + "\n";
     wire_end_ = start;
 }
 

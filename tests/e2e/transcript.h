@@ -23,8 +23,6 @@ std::string Word(size_t value);
 // `size` bytes that begin with `first` and hold every value, those that need stuffing included.
 std::string Pattern(size_t size, uint8_t first = 0x13);
 
-std::string FromHex(const std::string& hex);
-
 // The images at hand and what the unit has.
 struct Scene {
     std::string micro = Pattern(600);      // kestrelmicro.bin
@@ -54,7 +52,7 @@ class Transcript {
 
     // The wire, in order. Consecutive bytes in one direction are one line.
     void Event(int port, const std::string& event);
-    void Bytes(int port, char direction, const std::string& bytes);
+    void Bytes(int port, char direction, const std::string& hex);
 
     Scene scene;
     Words arguments;

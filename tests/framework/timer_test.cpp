@@ -76,7 +76,9 @@ class TimerModel {
     ~TimerModel() {
         Release();
         for (ModelT& m : models_) {
-            Exit(&m);
+            if (m.timer != nullptr) {
+                Exit(&m);
+            }
         }
     }
     TimerModel(const TimerModel&) = delete;
@@ -139,15 +141,13 @@ class TimerModel {
     }
 
     void End() {
-        if (Below(4) == 0) {
-            at_ != models_ ? Exit(at_) : StopAll();
+        if (Below(4) == 0 && at_ != models_ && at_->timer != nullptr) {
+            Exit(at_);
         }
     }
     void Exit(ModelT* m) {
-        TimerT never = {};
-        const bool alive = m->timer != nullptr;
-        EXPECT_EQ(TimerExit(alive ? m->timer.get() : &never), alive ? kNoError : kBadParameter);
-        EXPECT_EQ(never.signature + (alive ? m->timer->signature : 0), 0U);
+        EXPECT_EQ(TimerExit(m->timer.get()), kNoError);
+        EXPECT_EQ(m->timer->signature, 0U);
         m->timer.reset();  // nothing may touch it any more
         m->running = false;
         std::erase(active_, m);
@@ -183,18 +183,6 @@ class TimerModel {
             at_->running = false;
         }
     }
-    void StopAll() {
-        if (gHeld) {
-            return;
-        }
-        EXPECT_EQ(TimerStopByTaskID(ModSelf()), kNoError);
-        for (ModelsT* list : {&expired_, &active_}) {
-            for (ModelT* m : std::exchange(*list, {})) {
-                m->running = false;
-            }
-        }
-    }
-
     void Hold() {
         if (!gHeld) {
             gHeld = true;

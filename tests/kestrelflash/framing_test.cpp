@@ -1,4 +1,4 @@
-// Frames as bytes: known ones, and any payload against the rule applied byte by byte.
+// Frames: any payload against the rule applied byte by byte.
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -36,27 +36,6 @@ Bytes Payload(std::mt19937* random, std::size_t size, unsigned every) {
     return payload;
 }
 
-TEST(Framing, KnownFramesComeOutByteForByte) {
-    const struct {
-        int type;
-        Bytes payload;
-        Bytes frame;
-    } kCases[] = {
-        {0x44, {1}, {0xFF, 0x44, 0, 4, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1}},
-        {0x49, {0x69}, {0xFF, 0x49, 0, 4, 0x69, 0xFE, 1, 0xFE, 1, 0x97}},
-        {0x48, {}, {0xFF, 0x48, 0, 3, 0, 0, 0}},
-        {0x48, {0, 5, 0x10}, {0xFF, 0x48, 0, 6, 0, 5, 0x10, 0xFE, 1, 0xFE, 1, 0xEB}},
-        // A payload that sums to nothing: the checksum is 0x1000000 and loses its top bit.
-        {0x48, {0, 0, 0}, {0xFF, 0x48, 0, 6, 0, 0, 0, 0, 0, 0}},
-        {0x88, {0xFE, 0xFF}, {0xFF, 0x88, 0, 5, 0xFE, 0, 0xFE, 1, 0xFE, 1, 0xFE, 0, 3}},
-        // Only the low eight bits of the type count.
-        {0x141, {2}, {0xFF, 0x41, 0, 4, 2, 0xFE, 1, 0xFE, 1, 0xFE, 0}},
-    };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(c.frame, Frame(c.type, c.payload));
-    }
-}
-
 TEST(Framing, OtherTypesAreFramedOrTheirLengthIsLeft) {
     std::string framed;
     testing::internal::CaptureStdout();
@@ -81,11 +60,14 @@ TEST(Framing, AnyPayloadComesBackFromAnIndependentDecoder) {
     std::mt19937 random(20);
     for (unsigned round = 0; round < 1500; round++) {
         const std::size_t size = round < 4 ? kSizes[round] : round % 300;
+        // One sums to nothing: its checksum is 0x1000000 and loses its top bit.
         const Bytes payload =
-            Payload(&random, size, round / 300 == 4 ? 0 : 1U << (round / 300 * 3));
+            round == 5 ? Bytes(size)
+                       : Payload(&random, size, round / 300 == 4 ? 0 : 1U << (round / 300 * 3));
         unsigned char type = 0;
         Bytes decoded;
-        ASSERT_TRUE(DecodeFrame(Frame(0x89, payload), &type, &decoded)) << round;
+        // Only the low eight bits of the type count.
+        ASSERT_TRUE(DecodeFrame(Frame(0x189, payload), &type, &decoded)) << round;
         ASSERT_EQ(0x89, type);
         ASSERT_EQ(payload, decoded) << round;
     }
