@@ -89,7 +89,7 @@ TEST_F(Traces, ASearchFindsTheWrongRowOrRunsOffTheTable) {
 
     UInt8 bytes[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     EXPECT_EQ(CmDebgHexToBinCopy("10AF77", bytes, 5), 0);  // half a byte is none
-    EXPECT_EQ(CmDebgHexToBinCopy("12a4", bytes, 4), 'a');
+    EXPECT_EQ(CmDebgHexToBinCopy("10a4", bytes, 4), 'a');
     char text[] = "?????????";
     EXPECT_EQ(CmDebgBinToHexCopy(bytes, text, 3), 0);
     EXPECT_STREQ(text, "10AFEE???");

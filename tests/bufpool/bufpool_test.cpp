@@ -46,8 +46,6 @@ class PoolModel {
         BufPoolExit(&pool_);
         EXPECT_EQ(alive_, 0);
     }
-    PoolModel(const PoolModel&) = delete;
-    PoolModel& operator=(const PoolModel&) = delete;
 
     void Step() {
         using P = PoolModel;
