@@ -13,11 +13,11 @@
 namespace {
 
 struct ConfigTasks : testing::Test {
-    void SetUp() override {
+    ConfigTasks() {
         ConfigInit();
         Attach();
     }
-    void TearDown() override { ConfigExit(); }
+    ~ConfigTasks() override { ConfigExit(); }
     const StoreTree tree;
 };
 
@@ -79,32 +79,22 @@ TEST_F(ConfigTasks, AllOperationsAndWalksOverTheModulesAtOnce) {
         const char* name = i % 3 == 0 ? own.c_str() : "shared";
         const auto callback = i % 2 == 0 ? Look : WriteBack;
         void* user = i % 2 == 0 ? &users[t] : nullptr;
-        char value[kConfigValueSize];
-        switch ((t + i / 2) % 7) {
-            case 0:
-                ConfigWrite(name, 0, Number(i, i % 4 == 0).c_str());
-                break;
-            case 1:
-                ConfigDelete(name, 0);
-                break;
-            case 2:
-                ConfigAddImmediateCallback(name, 0, callback, user);
-                break;
-            case 3:
-                ConfigDeleteCallback(name, 0, callback, user);
-                break;
-            case 4:
+        const std::function<void()> calls[] = {
+            [&] { ConfigWrite(name, 0, Number(i, i % 4 == 0).c_str()); },
+            [&] { ConfigDelete(name, 0); },
+            [&] { ConfigAddImmediateCallback(name, 0, callback, user); },
+            [&] { ConfigDeleteCallback(name, 0, callback, user); },
+            [&] {
+                char value[kConfigValueSize];
                 ConfigRead(name, 0, value);
                 EXPECT_TRUE(IsWhole(value)) << value;
-                break;
-            case 5:
-                if (ModT* found = ModFindByName(name, kModAnyInstance); found != nullptr) {
-                    EXPECT_EQ(ModGetOwner(found), getConfigModule());
-                }
-                break;
-            default:
-                ModDumpByName(name, i % 2 - 1);
-        }
+            },
+            [&] {
+                ModT* found = ModFindByName(name, kModAnyInstance);
+                EXPECT_TRUE(found == nullptr || ModGetOwner(found) == getConfigModule());
+            },
+            [&] { ModDumpByName(name, i % 2 - 1); }};
+        calls[(t + i / 2) % 7]();
     });
     ConfigDelete("shared", 0);
     gSeen = 0;

@@ -3,20 +3,22 @@
 // has loaded its settings, so that it does not fill the cache when it likes.
 #pragma once
 
-#include <string>
+#include <gtest/gtest.h>
 
-class StoreTree {
+#include "Common/OS/logmsg.h"
+#include "tests/support/folder.h"
+
+class StoreTree : public FolderT {
   public:
-    StoreTree();
-    ~StoreTree();
-    StoreTree(const StoreTree&) = delete;
-    StoreTree& operator=(const StoreTree&) = delete;
-
-    // Writes or reads a file by its name from the tree's root, such as "dat/x.dat".
-    void Put(const std::string& name, const std::string& content) const;
-    std::string Get(const std::string& name) const;  // "(none)" for no file
-    std::string Path(const std::string& name) const { return root_ + "/" + name; }
-
-  private:
-    std::string root_;
+    StoreTree() {
+        namespace fs = std::filesystem;
+        gConfigLoaded = 1;
+        for (const char* folder : {"start", "dat", "choice", "choice.gen"}) {
+            fs::create_directory(Path(folder));
+        }
+        fs::permissions(Path(""), fs::perms(0755));
+        fs::current_path(Path("start"));
+        EXPECT_FALSE(fs::exists("/opt/corvane")) << "this test would touch the unit's own settings";
+    }
+    ~StoreTree() { std::filesystem::current_path("/"); }
 };

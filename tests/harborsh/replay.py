@@ -50,11 +50,8 @@ def replay(harborsh, document, number, shown, folder):
     printed = [masked(line.replace(folder, ".")) for line in run.stdout.splitlines()]
     wanted = [masked(line) for line in shown]
     if printed != wanted:
-        print(f"{document}: transcript {number} shows something else")
-        print("\n".join(difflib.unified_diff(wanted, printed, "document", "harborsh", "", "",
-                                             lineterm="")))
-        print(run.stdout)
-        sys.exit(1)
+        sys.exit("\n".join(difflib.unified_diff(wanted, printed, f"{document}, {number}", "harborsh",
+                                               lineterm="")))
 
 
 if __name__ == "__main__":

@@ -8,36 +8,30 @@
 namespace kestrelsim {
 namespace {
 
-// One line per outcome: "frame 44 01", "request 82", "flash 0500010002", or the refusal's reason.
-std::string Show(const std::vector<Decoded>& decoded) {
-    std::string text;
-    for (const Decoded& it : decoded) {
-        text += text.empty() ? "" : "; ";
-        if (const auto* refusal = std::get_if<Refusal>(&it)) {
-            text += ReasonText(refusal->reason);
-            continue;
-        }
-        const auto& message = std::get<Message>(it);
-        text += message.kind == MessageKind::kFrame ? "frame " + ToHex({&message.type, 1}) + " "
-                : message.kind == MessageKind::kDeviceTypeRequest ? "device-type "
-                                                                  : "flash-mode ";
-        text += ToHex(message.payload);
-    }
-    return text;
-}
-
+// What becomes of bytes that come by `chunk`: "frame 44 01", "device-type ", the refusal's reason.
 std::string Decode(const std::string& hex, size_t chunk, bool camera) {
     const Bytes bytes = FromHex(hex).value();
     LinkDecoder decoder(camera);
-    std::vector<Decoded> all;
-    const auto append = [&](const std::vector<Decoded>& more) {
-        all.insert(all.end(), more.begin(), more.end());
+    std::string text;
+    const auto show = [&](const std::vector<Decoded>& decoded) {
+        for (const Decoded& it : decoded) {
+            text += text.empty() ? "" : "; ";
+            if (const auto* refusal = std::get_if<Refusal>(&it)) {
+                text += ReasonText(refusal->reason);
+                continue;
+            }
+            const auto& message = std::get<Message>(it);
+            static const char* const kKinds[] = {"frame", "device-type", "flash-mode"};
+            text += kKinds[static_cast<int>(message.kind)] + std::string(" ") +
+                    (message.type != 0 ? ToHex({&message.type, 1}) + " " : "") +
+                    ToHex(message.payload);
+        }
     };
     for (size_t at = 0; at < bytes.size(); at += chunk) {
-        append(decoder.Feed(ByteView(bytes).subspan(at, std::min(chunk, bytes.size() - at))));
+        show(decoder.Feed(ByteView(bytes).subspan(at, std::min(chunk, bytes.size() - at))));
     }
-    append(decoder.Finish());
-    return Show(all);
+    show(decoder.Finish());
+    return text;
 }
 
 struct Case {

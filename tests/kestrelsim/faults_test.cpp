@@ -35,7 +35,7 @@ TEST(Faults, StrikeOnlyTheAnswersThatAreAskedAndShapeThemAsTheirNamesSay) {
         std::vector<std::string> outcomes;
     } cases[] = {
         {{"split ms=3", "late ms=7"}, {kVersion}, {"7:01 3:02 3:03 3:04"}},
-        {{"corrupt byte=3 value=0xff"}, {kVersion}, {"0:010203ff"}},
+        {{"corrupt byte=3 value=0xff after=1"}, {kVersion, kVersion}, {"0:01020304", "0:010203ff"}},
         {{"noise bytes=FF00", "late ms=7", "short count=3"}, {kVersion}, {"7:ff00 0:010203"}},
         {{"late unit=camera", "drop answer=block", "late block=1", "wrong-type", "slow-erase",
           "nack"},

@@ -3,20 +3,20 @@
 #pragma once
 
 #include <pty.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
+
+#include "tests/support/folder.h"
 
 class PtyLines {
   public:
     static constexpr int kCount = 8;
 
     PtyLines() {
-        setenv("HARBOR_DEV_DIR", mkdtemp(folder_), 1);
+        setenv("HARBOR_DEV_DIR", folder_.Path("").c_str(), 1);
         for (int port = 0; port < kCount; port++) {
             char name[64];
             openpty(&far_[port], &near_[port], name, nullptr, nullptr);
@@ -27,7 +27,6 @@ class PtyLines {
         for (int port = 0; port < kCount; port++) {
             HangUp(port);
         }
-        std::filesystem::remove_all(folder_);
     }
 
     // The far end goes, as when a cable with its adapter is pulled; its node stays.
@@ -41,7 +40,7 @@ class PtyLines {
         static constexpr const char* kNodes[kCount] = {"fpgaserial0", "fpgaserial1", "fpgaserial4",
                                                        "fpgaserial5", "ttyS1",       "fpgaserial6",
                                                        "ttyUSB0",     "ttyUSB1"};
-        return std::string(folder_) + "/" + kNodes[port];
+        return folder_.Path(kNodes[port]);
     }
 
     int near(int port) const { return near_[port]; }
@@ -76,7 +75,7 @@ class PtyLines {
     }
 
   private:
-    char folder_[32] = "/tmp/harbor_lines_XXXXXX";
+    const FolderT folder_;
     int far_[kCount];
     int near_[kCount];
 };
