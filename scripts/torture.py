@@ -45,7 +45,8 @@ UNSTEADY = ("poll", "clock_gettime", "read", "write", "ioctl")  # their number d
 ALLOCATORS = ("malloc", "calloc")  # a sanitizer keeps these to itself
 
 # A run that stops on purpose says one of these; everything else that ends by a signal is a crash.
-STOPS = re.compile(r"^Assertion failed: .*|what\(\):  std::bad_alloc|kestrelsim: .*memory.*", re.MULTILINE)
+STOPS = re.compile(r"^Assertion failed: .*|what\(\):  std::bad_alloc|kestrelsim: .*memory.*"
+                   r"|^libgcc_s\.so\.1 must be .*", re.MULTILINE)  # the last: no memory to load it
 
 
 @dataclasses.dataclass(frozen=True)

@@ -1,9 +1,11 @@
 #include "tools/harborsh/services.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -70,6 +72,25 @@ class QuietT {
     int saved_ = dup(STDOUT_FILENO);
 };
 
+// The temporary store goes however the program ends; memory may be short for a moment.
+void RemoveTemporaryStore() {
+    std::error_code err;
+    fs::remove_all(gTemporaryStore, err);
+    if (err) {
+        fs::remove_all(gTemporaryStore, err);
+    }
+}
+
+// Where it aborts, another program does it: in a signal handler little may be called.
+void RemoveTemporaryStoreOfAborted(int) {
+    const pid_t remover = _Fork();
+    if (remover == 0) {
+        execl("/bin/rm", "rm", "-rf", gTemporaryStore.c_str(), nullptr);
+        _exit(1);
+    }
+    waitpid(remover, nullptr, 0);
+}
+
 // Makes the configuration store's folders and tells the store, and the log, of them.
 bool PrepareStore(const std::string& store) {
     if (store.empty() && fs::is_directory(CONFIG_DAT_FOLDER)) {
@@ -83,6 +104,8 @@ bool PrepareStore(const std::string& store) {
             return false;
         }
         gTemporaryStore = path;
+        atexit(RemoveTemporaryStore);
+        signal(SIGABRT, RemoveTemporaryStoreOfAborted);
     }
     const fs::path root = fs::absolute(store.empty() ? gTemporaryStore : store);
     const struct {
@@ -163,10 +186,6 @@ void StopServices() {
     ConfigExit();
     syslogDrainQueue();
     fflush(stdout);
-    if (!gTemporaryStore.empty()) {
-        std::error_code ignored;
-        fs::remove_all(gTemporaryStore, ignored);
-    }
 }
 
 UInt32 CommandTask() {
