@@ -4,6 +4,7 @@ import dataclasses
 import os
 import pathlib
 import random
+import re
 import shutil
 import signal
 import subprocess
@@ -150,12 +151,16 @@ class Unit:
             time.sleep(0.005)
         return True
 
-    def kill_left(self):
-        for pid, _ in self.processes():
-            try:
-                os.kill(pid, signal.SIGKILL)
-            except OSError:
-                pass
+    def kill_left(self, name=None):
+        """Kills all that runs of this unit's runs; with a name, once, what bears it."""
+        while found := [pid for pid, it in self.processes() if name in (None, it)]:
+            for pid in found:
+                try:
+                    os.kill(pid, signal.SIGKILL)
+                except OSError:
+                    pass
+            if name:
+                return
 
     def run(self, command, environment=None, limit=60, stdin=None, grace=5.0):
         """Runs a program in the images' folder to its end; notes what it leaves behind."""
@@ -181,9 +186,10 @@ class Unit:
         end = time.monotonic() + limit
         while True:
             result = self.run(command, limit=limit)
-            tries -= "no answer" in result.output
+            missed = re.search("no answer|not acknowledged", result.output)
+            tries -= bool(missed)
             if tries == 0 or time.monotonic() > end or \
-                    (result.status != LOCKED and "no answer" not in result.output):
+                    (result.status != LOCKED and not missed):
                 return result
             time.sleep(0.3)
 

@@ -92,15 +92,6 @@ def sampled(cuts, ends, options):
     return chosen + [cut for cut in cuts if cut not in chosen][:options.sample]
 
 
-def kill(unit, names):
-    for pid, name in unit.processes():
-        if names is None or name in names:
-            try:
-                os.kill(pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-
-
 def strike(cut, unit, process):
     """Does what the cut says; a unit that goes on is let go on."""
     if cut.kind == "line":
@@ -111,11 +102,11 @@ def strike(cut, unit, process):
         unit.simulator.wait()
         return
     if cut.kind == "updater":
-        kill(unit, ("kestrelflash",))
+        unit.kill_left("kestrelflash")
     elif cut.kind == "launcher":
         process.kill()
     else:
-        kill(unit, None)
+        unit.kill_left()
     unit.simulator.send_signal(signal.SIGUSR1)
 
 
