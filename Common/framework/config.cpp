@@ -463,7 +463,6 @@ eErrorT ConfigInit() {
     if (gConfigInitialized != 0) {
         return kNoError;
     }
-    const NoCancelT no_cancel;
     const MutexGuardT guard(&gInitMutex);
     if (gInitRunning) {
         // Done meanwhile, or a line that is logged in here asks for its filters.

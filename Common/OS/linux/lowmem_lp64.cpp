@@ -114,11 +114,8 @@ void* LowCalloc(size_t size) {
         return nullptr;
     }
     gInUse += payload;
-    if (reused) {
-        if (__asan_unpoison_memory_region != nullptr) {
-            __asan_unpoison_memory_region(header + 1, payload);
-        }
-        memset(header + 1, 0, payload);
+    if (reused && __asan_unpoison_memory_region != nullptr) {
+        __asan_unpoison_memory_region(header + 1, payload);
     }
     return header + 1;
 }
@@ -129,7 +126,7 @@ void LowFree(void* block) {
     }
     HeaderT* header = static_cast<HeaderT*>(block) - 1;
     gInUse -= header->payload;
-    memset(block, 0, header->payload);
+    memset(block, 0, header->payload);  // zeroed for its next use already
     if (__asan_poison_memory_region != nullptr) {
         __asan_poison_memory_region(block, header->payload);
     }

@@ -1,4 +1,4 @@
-// Takes a POSIX mutex, and holds it for a scope.
+// Makes a POSIX mutex, takes it, and holds it for a scope.
 //
 // Which guard to use, for mutexes and semaphores alike, depends on what happens when the task is
 // deleted inside the scope:
@@ -14,6 +14,9 @@
 #include <pthread.h>
 
 #include "Common/OS/linux/nocancel.h"
+
+// Makes a mutex with priority inheritance, of a POSIX type. Results: pthread_mutex_init's.
+int InitInheritingMutex(pthread_mutex_t* mutex, int type = PTHREAD_MUTEX_DEFAULT);
 
 // Takes a mutex that others hold for short times, whatever its kind. On a machine with several
 // processors most holders run on another one and are done sooner than a wait would have begun, and

@@ -33,14 +33,6 @@ SMCB* Lookup(UInt32 smid) {
     return sm != nullptr && sm->signature == SignatureWord() ? sm : nullptr;
 }
 
-void InitMutex(pthread_mutex_t* mutex) {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
-    pthread_mutex_init(mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
-}
-
 int WaitFor(pthread_mutex_t* mutex) {
     clockid_t clock = CLOCK_MONOTONIC;
     for (;;) {
@@ -78,7 +70,7 @@ UInt32 sm_create(const SInt8* name, UInt32 tokencount, UInt32, UInt32* smid) {
     }
     sm->thread = pthread_self();
     sm->reentercount = 0;
-    InitMutex(&sm->mutex);
+    InitInheritingMutex(&sm->mutex);
     pthread_t holder = {};
     if (tokencount == 0) {
         const int err = pthread_mutex_lock(&sm->mutex);

@@ -33,32 +33,16 @@ std::atomic<int> sched_policy{0};
 std::atomic<void (*)()> gDeleteCallback{nullptr};
 pthread_once_t gKeyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t gKey;         // its value is the thread's TCB, its destructor ends the task
-thread_local TCB* gSelf;    // what gTCBTree says of this thread
+thread_local TCB* gSelf;    // this thread's control block while gTCBTree has it
 thread_local bool gEnding;  // the task has begun to end
 pthread_cond_t gGone = PTHREAD_COND_INITIALIZER;  // a claimed task became kTaskGone
 
-TaskLifeT Life(const TCB* tcb) {
-    return tcb->life;
-}
-
-void SetLife(TCB* tcb, TaskLifeT life) {
-    tcb->life = life;
-}
-
 bool MakeSync(TCB* tcb) {
-    if (tcb->sync_made) {
-        return true;
-    }
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
-    const bool made = pthread_mutex_init(&tcb->event_mutex, &attr) == 0;
-    pthread_mutexattr_destroy(&attr);
-    if (made) {
+    if (!tcb->sync_made && InitInheritingMutex(&tcb->event_mutex) == 0) {
         pthread_cond_init(&tcb->event_cond, nullptr);
         tcb->sync_made = true;
     }
-    return made;
+    return tcb->sync_made;
 }
 
 // A reused block keeps its lock and condition: a late sender may still be using them.
@@ -106,7 +90,7 @@ TCB* NewTcb(const SInt8* name, UInt32 priority, TaskLifeT life) {
         tcb->attached = true;
         tcb->thread = pthread_self();
     }
-    SetLife(tcb, life);
+    tcb->life = life;
     return tcb;
 }
 
@@ -130,7 +114,7 @@ void t_free_tcb(TCB* tcb) {
             break;
         }
     }
-    SetLife(tcb, kTaskFree);
+    tcb->life = kTaskFree;
     RebuildTree();
     gPool.Give(tcb);
 }
@@ -142,7 +126,6 @@ void EndOfTask(void* arg) {
     // A thread that ended by returning could still be cancelled in here, and would leave the rest,
     // which a deleter waits for, undone.
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-    gSelf = tcb;
     gEnding = true;
     if (void (*callback)() = gDeleteCallback) {
         callback();
@@ -156,8 +139,8 @@ void EndOfTask(void* arg) {
     }
     MutexGuardT guard(&tcblistmutex);
     gSelf = nullptr;
-    if (Life(tcb) == kTaskBeingDeleted) {
-        SetLife(tcb, kTaskGone);
+    if (tcb->life == kTaskBeingDeleted) {
+        tcb->life = kTaskGone;
         pthread_cond_broadcast(&gGone);
         return;
     }
@@ -210,13 +193,15 @@ void* pthread_entry(void* arg) {
     return nullptr;
 }
 
-UInt32 CheckedPriority(UInt32 priority, const char* caller) {
-    if (priority <= kTaskMaxPriority) {
-        return priority;
+UInt32 InRange(UInt32 priority) {
+    return priority <= kTaskMaxPriority ? priority : 0;
+}
+
+void ReportIfOutOfRange(UInt32 priority, const char* caller) {
+    if (priority > kTaskMaxPriority) {
+        logwarn("os", "%s priority %d out of range, setting to 0\n", caller,
+                static_cast<int>(priority));
     }
-    logwarn("os", "%s priority %d out of range, setting to 0\n", caller,
-            static_cast<int>(priority));
-    return 0;
 }
 
 // Ends the calling thread's task. The rest is EndOfTask's, when the stack has unwound.
@@ -224,8 +209,8 @@ UInt32 CheckedPriority(UInt32 priority, const char* caller) {
     gEnding = true;
     {
         MutexGuardT guard(&tcblistmutex);
-        if (tcb != nullptr && Life(tcb) == kTaskRunning) {
-            SetLife(tcb, kTaskEnding);
+        if (tcb != nullptr && tcb->life == kTaskRunning) {
+            tcb->life = kTaskEnding;
         }
     }
     pthread_exit(nullptr);
@@ -238,14 +223,14 @@ class GoneWaitT {
     explicit GoneWaitT(TCB* tcb) : tcb_(tcb) {}
     ~GoneWaitT() {
         MutexGuardT guard(&tcblistmutex);
-        if (Life(tcb_) == kTaskGone) {
+        if (tcb_->life == kTaskGone) {
             if (!joined_ && !tcb_->attached) {
                 pthread_detach(tcb_->thread);
             }
             t_free_tcb(tcb_);
         } else {
             tcb_->deleter = pthread_t{};
-            SetLife(tcb_, kTaskEnding);
+            tcb_->life = kTaskEnding;
         }
     }
     GoneWaitT(const GoneWaitT&) = delete;
@@ -253,7 +238,7 @@ class GoneWaitT {
 
     void Wait() {
         CancellableMutexGuardT guard(&tcblistmutex);
-        while (Life(tcb_) != kTaskGone) {
+        while (tcb_->life != kTaskGone) {
             pthread_cond_wait(&gGone, &tcblistmutex);
         }
         // The thread has only its exit before it: joining it is no wait worth cancelling. The
@@ -284,12 +269,12 @@ void DeleteOther(TCB* tcb, UInt32 use) {
         if (tcb->incarnation != use) {
             return;
         }
-        switch (Life(tcb)) {
+        switch (tcb->life.load()) {
             case kTaskCreated:
                 t_free_tcb(tcb);
                 return;
             case kTaskRunning:
-                SetLife(tcb, kTaskBeingDeleted);
+                tcb->life = kTaskBeingDeleted;
                 tcb->deleter = pthread_self();
                 pthread_cancel(tcb->thread);
                 break;
@@ -305,13 +290,6 @@ void DeleteOther(TCB* tcb, UInt32 use) {
 }  // namespace
 
 TCB* t_self() {
-    if (gSelf == nullptr) {
-        MutexGuardT guard(&tcblistmutex);
-        auto* tcb = static_cast<TCB*>(SearchTree(gTCBTree, static_cast<TreeKeyT>(pthread_self())));
-        // A deleted task's thread may be gone, and its handle this thread's, before the deleter
-        // takes the block out of the tree.
-        gSelf = tcb != nullptr && Life(tcb) != kTaskGone ? tcb : nullptr;
-    }
     return gSelf;
 }
 
@@ -320,7 +298,7 @@ TCB* t_resolve(UInt32 tid) {
         return t_self();
     }
     TCB* tcb = gPool.Find(tid);
-    return tcb != nullptr && Life(tcb) != kTaskFree ? tcb : nullptr;
+    return tcb != nullptr && tcb->life != kTaskFree ? tcb : nullptr;
 }
 
 void TreeStub() {
@@ -341,16 +319,17 @@ UInt32 t_create(const SInt8* name, UInt32 priority, UInt32, UInt32, UInt32, UInt
 
 UInt32 t_start(UInt32 tid, UInt32 mode, fnptr* task_start, UInt32* params) {
     TCB* tcb = t_resolve(tid);
-    if (tcb == nullptr || Life(tcb) != kTaskCreated) {
+    if (tcb == nullptr) {
         return kTaskNotFound;
     }
-    const UInt32 priority = CheckedPriority(static_cast<UInt32>(tcb->priority), "t_start");
     const int policy = get_sched_policy();
     // The thread's first act is to take this lock, so it sees the block complete.
     MutexGuardT guard(&tcblistmutex);
-    if (Life(tcb) != kTaskCreated) {  // started or deleted meanwhile
+    if (tcb->life != kTaskCreated) {
         return kTaskNotFound;
     }
+    const auto wanted = static_cast<UInt32>(tcb->priority);
+    const UInt32 priority = InRange(wanted);
     tcb->mode = mode;
     tcb->task_start = task_start;
     tcb->priority = static_cast<int>(priority);
@@ -362,13 +341,14 @@ UInt32 t_start(UInt32 tid, UInt32 mode, fnptr* task_start, UInt32* params) {
     pthread_attr_setinheritsched(&tcb->attr, PTHREAD_EXPLICIT_SCHED);
     pthread_attr_setschedpolicy(&tcb->attr, priority > 0 ? policy : SCHED_OTHER);
     pthread_attr_setschedparam(&tcb->attr, &tcb->prv_pri);
-    SetLife(tcb, kTaskRunning);
+    tcb->life = kTaskRunning;
     const int err = pthread_create(&tcb->thread, &tcb->attr, pthread_entry, tcb);
     if (err != 0) {
-        SetLife(tcb, kTaskCreated);
+        tcb->life = kTaskCreated;
     }
     pthread_attr_destroy(&tcb->attr);
     guard.Unlock();
+    ReportIfOutOfRange(wanted, "t_start");
     if (err != 0) {
         errno = err;
         perror("pthread_create failed");
@@ -435,7 +415,8 @@ UInt32 t_attach(const SInt8* name, UInt32 priority, UInt32*) {
     if (t_self() != nullptr) {
         return kTaskOk;
     }
-    TCB* tcb = NewTcb(name, CheckedPriority(priority, "t_attach"), kTaskRunning);
+    ReportIfOutOfRange(priority, "t_attach");
+    TCB* tcb = NewTcb(name, InRange(priority), kTaskRunning);
     if (tcb == nullptr) {
         return kTaskNoMemory;
     }
@@ -452,7 +433,7 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
         return kTaskNotFound;
     }
     MutexGuardT guard(&tcblistmutex);
-    if (Life(tcb) == kTaskFree) {
+    if (tcb->life == kTaskFree) {
         return kTaskNotFound;
     }
     const int old = tcb->priority;
@@ -462,16 +443,16 @@ UInt32 t_setpri(UInt32 tid, UInt32 newPriority, UInt32* oldPriority) {
     if (static_cast<UInt32>(old) == newPriority) {
         return kTaskOk;
     }
-    const UInt32 wanted = newPriority <= kTaskMaxPriority ? newPriority : 0;
+    const UInt32 wanted = InRange(newPriority);
     tcb->priority = static_cast<int>(wanted);
     const int policy = wanted == 0 ? SCHED_OTHER : old == 0 ? SCHED_RR : get_sched_policy();
     tcb->prv_pri.sched_priority = policy != SCHED_OTHER ? tcb->priority : 0;
     int err = 0;
-    if (Life(tcb) == kTaskRunning && pthread_equal(tcb->thread, pthread_t{}) == 0) {
+    if (tcb->life == kTaskRunning && pthread_equal(tcb->thread, pthread_t{}) == 0) {
         err = pthread_setschedparam(tcb->thread, policy, &tcb->prv_pri);
     }
     guard.Unlock();
-    CheckedPriority(newPriority, "t_setpri");
+    ReportIfOutOfRange(newPriority, "t_setpri");
     if (err != 0) {
         logdebug("os", "t_setpri pthread_setschedparam error %d\n", err);
     }
