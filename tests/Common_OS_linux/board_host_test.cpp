@@ -35,7 +35,8 @@ TEST(BoardHost, DriverSettingsReachATerminalThatDoesNotKnowTheRequests) {
         {{0x1F, 57600, FPGASERIAL_ODD_PARITY, FPGASERIAL_STOPBITS_2, {}, {}},
          B57600,
          PARODD | CSTOPB},
-        {{0x03, 9600, FPGASERIAL_EVEN_PARITY, {}, {}, {}}, B9600, CSTOPB},  // rate and parity only
+        {{0x01, 38400, FPGASERIAL_EVEN_PARITY, {}, {}, {}}, B38400, PARODD | CSTOPB},  // rate only
+        {{0x03, 9600, FPGASERIAL_EVEN_PARITY, {}, {}, {}}, B9600, CSTOPB},
         {{0x1F, 14400, {}, {}, {}, FPGASERIAL_INVALID_DATABITSSIZE}, B19200, 0},
     };
     for (const auto& c : cases) {

@@ -2,10 +2,11 @@
 // control block on a list, and the deleter returns.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #include "Common/OS/linux/intsoff.h"
-#include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/semaphores.h"
@@ -13,12 +14,19 @@
 #include "Common/OS/syslogq.h"
 #include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
+#include "tests/support/timer_pool.h"
 
 namespace {
 
 UInt32 gSemaphore;
-UInt32 gPartner;  // a task that lives throughout and takes any event
+std::atomic<UInt64> gVictims[8];  // id and incarnation
+UInt32 gPartner;                  // a task that lives throughout and takes any event
 thread_local UInt32 tCaptured;
+
+UInt32 CountCalls(void* calls) {
+    ++*static_cast<std::atomic<int>*>(calls);
+    return 1;
+}
 
 void (*const kActions[])(UInt32) = {
     [](UInt32) { ev_receive(0x1, 0, 0, &tCaptured); },
@@ -47,7 +55,19 @@ void (*const kActions[])(UInt32) = {
             1, &id, [](void*) { return 0U; }, nullptr);
         tm_wkafter(1);
     },
+    [](UInt32 n) {
+        const NoCancelT no_cancel;  // what the function uses goes
+        std::atomic<int> calls{0};
+        UInt32 id;
+        tm_callback_after(1, &id, CountCalls, &calls);
+        udelay(n % 20 == 0 ? 10000 : 100);
+        tm_cancel(id);
+    },
     [](UInt32) { udelay(3000); },  // in select
+    [](UInt32 n) {                 // each other, and themselves
+        const UInt64 other = gVictims[n / 13 % 8];
+        t_delete_incarnation(static_cast<UInt32>(other >> 32), static_cast<UInt32>(other));
+    },
     [](UInt32 n) {
         ev_send(gPartner, 1U << n % 16);
         ev_send(0, 1);
@@ -84,35 +104,26 @@ TEST(Cancellation, TenThousandTasksDeletedAtRandomPointsLeaveEveryServiceWorking
     std::mt19937 engine(20);
     const auto random = [&engine](UInt32 below) { return static_cast<UInt32>(engine() % below); };
     for (int round = 0; round < 1250; round++) {
-        UInt32 ids[8];
-        for (UInt32& id : ids) {
-            id = Spawn(
+        for (auto& victim : gVictims) {
+            const UInt32 id = Spawn(
                 "vict", [own = random(100000)] { Victim(own); }, random(3));
+            victim = static_cast<UInt64>(id) << 32 | std::max(t_incarnation(id), 1U);
         }
-        for (const UInt32 id : ids) {
+        for (const auto& victim : gVictims) {
             udelay(random(400));
-            ASSERT_EQ(t_delete(id), 0U);
+            ASSERT_EQ(t_delete(static_cast<UInt32>(victim >> 32)), 0U);
         }
     }
-    // Children of deleted parents may outlive them by the time it takes to end.
-    UInt32 found;
-    ASSERT_TRUE(Eventually(
-        [&] { return t_ident("chld", 0, &found) != kTaskOk || t_delete(found) != kTaskOk; }));
-    EXPECT_EQ(t_ident("vict", 0, &found), kTaskNotFound);
+    // Who was deleted by others, and children, may outlive their time by the time it takes to end.
+    for (const char* name : {"vict", "chld"}) {
+        UInt32 found;
+        ASSERT_TRUE(Eventually(
+            [&] { return t_ident(name, 0, &found) != kTaskOk || t_delete(found) != kTaskOk; }));
+    }
     EXPECT_EQ(sm_p(gSemaphore, kSmNoWait, 0), kSmOk);
     EXPECT_EQ(interruptsOff(), 1U);
     interruptsRestore(1);
-    EXPECT_TRUE(Eventually([] {  // what the last ones left to be called once is called
-        const MutexGuardT guard(&tmcblistmutex);
-        return timerList == nullptr;
-    }));
-    EXPECT_EQ(pthread_mutex_trylock(&tmcblistmutex), 0);
-    int unused = 0;
-    for (const TMCB* timer = freetimerList; timer != nullptr; timer = timer->next) {
-        unused++;
-    }
-    EXPECT_EQ(unused, kTimerPoolSize);
-    pthread_mutex_unlock(&tmcblistmutex);
+    EXPECT_TRUE(Eventually(AllFree));  // what the last ones left to be called once is called
     EXPECT_EQ(ev_receive(1, 0, 2, &tCaptured), kTaskTimeOut);
     EXPECT_EQ(ev_send(gPartner, 1), kTaskOk);
     syslogSetLogLevel(7);

@@ -3,10 +3,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -29,19 +27,42 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
     EXPECT_NE(access(pipe.c_str(), F_OK), 0);  // never created
 
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    const std::pair<const char*, int> cases[] = {
-        {"0\n", 0}, {"42\n", 42}, {"-3", -3}, {"", -1}, {"what?\n", 0}, {"7\n9\n", 7}, {"\n", 0}};
+    const std::string zeros(126, '0');
+    const std::pair<std::string, int> cases[] = {{"0\n", 0}, {"42\n", 42},       {"-3", -3},
+                                                 {"", -1},   {"what?\n", 0},     {"7\n9\n", 7},
+                                                 {"\n", 0},  {zeros + "12\n", 1}};  // cut at 127
     for (const auto& [answer, result] : cases) {
-        // Plays a launcher: takes one command, gives one answer.
+        // Plays a launcher: takes one command, gives one answer, and stays after a whole line.
+        std::atomic<bool> returned{false};
         std::thread launcher([&, text = answer] {
             std::string command;
             std::getline(std::ifstream(pipe), command, '\0');
             EXPECT_EQ(command, "./config_port close ttyS1\n");
-            std::ofstream(pipe) << text;
+            std::ofstream out_end(pipe);
+            out_end << text << std::flush;
+            EXPECT_TRUE(Eventually([&] { return returned || !text.ends_with('\n'); }));
         });
         EXPECT_EQ(system_pthread("./config_port close ttyS1"), result) << answer;
+        returned = true;
         launcher.join();
     }
+    // Every caller gets the answer to its own command.
+    std::thread launcher([&] {
+        for (std::string command; command != "0";) {
+            std::getline(std::ifstream(pipe), command);
+            std::ofstream(pipe) << command << std::endl;
+        }
+    });
+    const auto call = [](int first) {
+        for (int i = first; i < first + 1000; i++) {
+            EXPECT_EQ(system_pthread(std::to_string(i).c_str()), i);
+        }
+    };
+    std::thread other(call, 1000);
+    call(2000);
+    other.join();
+    EXPECT_EQ(system_pthread("0"), 0);
+    launcher.join();
     // A reader that goes at once must not end the process by a signal.
     std::atomic<bool> stop{false};
     std::thread fickle([&] {
@@ -50,7 +71,7 @@ TEST(LauncherPipe, AnswersGoodAndBadBecomeResultsAndAMissingPipeAnError) {
             close(open(pipe.c_str(), O_WRONLY | O_NONBLOCK));
         }
     });
-    for (int i = 0; i < 20; i++) {
+    for (int i = 0; i < 1000; i++) {
         // What nobody took may come back from the pipe as the answer: a text, which counts as 0.
         EXPECT_LE(system_pthread("hello"), 0);
     }
@@ -93,20 +114,11 @@ TEST(ProcInfo, CommandsGiveTheirFirstLineTrimmedAndCut) {
 
 TEST(ProcInfo, AProcessIsFoundByItsWholeNameOnly) {
     const std::string name = "find" + std::to_string(getpid());
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_NAME, name.c_str());
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        pause();
-        _exit(1);
+    prctl(PR_SET_NAME, name.c_str());
+    EXPECT_EQ(find_pid(name.c_str()), getpid());
+    for (const std::string& other : {name.substr(1), name + "x", name.substr(0, name.size() - 1)}) {
+        EXPECT_EQ(find_pid(other.c_str()), -1) << other;
     }
-    EXPECT_TRUE(Eventually([&] { return find_pid(name.c_str()) == child; }));
-    EXPECT_EQ(find_pid(name.substr(1).c_str()), -1);
-    EXPECT_EQ(find_pid((name + "x").c_str()), -1);
-    EXPECT_EQ(find_pid(name.substr(0, name.size() - 1).c_str()), -1);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(find_pid(name.c_str()), -1);
 }
 
 TEST(ProcInfo, TheRootsMountIsAskedOnceAndTheAnswerKept) {

@@ -13,48 +13,23 @@
 #include <vector>
 
 #include "Common/OS/linux/lowmem.h"
-#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/events.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/taskinfo.h"
 #include "Common/OS/syslogq.h"
 #include "tests/support/spawn.h"
 #include "tests/support/stdout_file.h"
+#include "tests/support/timer_pool.h"
 
 namespace {
 
-bool Ended(UInt32 id) {
-    return Eventually([id] { return t_exists(id) == 0; });
-}
-
-UInt32 Self() {
-    UInt32 self = 0;
-    t_ident(nullptr, 0, &self);
-    return self;
-}
-
-void Sleep(UInt32, UInt32, UInt32, UInt32) {
-    tm_wkafter(1000);
+// An entry function that shows its arguments in its task's word, and waits to be deleted.
+void Show(UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
+    t_setRefCon(0, a + 3 * b + 5 * c + 7 * d);
+    ev_receive(2, 0, 0, &a);
 }
 
 }  // namespace
-
-TEST(Tasks, TheEntryGetsItsFourWordsAndTheTaskEndsWithIt) {
-    UInt32 args[4] = {1, 0xFFFFFFFF, 3, 0x80000000};
-    static std::vector<UInt32> seen;
-    UInt32 id = 0;
-    ASSERT_EQ(t_create("argsLONG", 0, 0, 0, 0, &id), kTaskOk);
-    t_start(
-        id, 0,
-        [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
-            EXPECT_STREQ(t_name(0), "args");
-            EXPECT_EQ(t_setRefCon(0, 77), kTaskOk);
-            seen = {a, b, c, d, Self(), t_getRefCon(Self())};
-        },
-        args);
-    ASSERT_TRUE(Ended(id));
-    EXPECT_THAT(seen, testing::ElementsAre(args[0], args[1], args[2], args[3], id, 77));
-}
 
 TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
     struct TaskT {
@@ -66,6 +41,8 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
     const sched_param levels[] = {{0}, {1}};
     const bool real_time = sched_setscheduler(0, SCHED_RR, &levels[1]) == 0 &&
                            sched_setscheduler(0, SCHED_OTHER, &levels[0]) == 0;
+    static UInt32 no_task[64];
+    t_set_delete_callback(t_close);
     StdoutFile out;
     std::vector<TaskT> tasks;  // in the order created
     std::set<std::pair<UInt32, UInt32>> uses;
@@ -81,20 +58,31 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
             EXPECT_EQ(t_create(*name != 0 ? name : nullptr, number, 1, 2, 3, &id), kTaskOk);
             tasks.push_back({id, std::string(name, 0, 4), number, t_incarnation(id), 0, 0});
             EXPECT_EQ(from_id<TCB>(id)->events_captured, 0U);
+            EXPECT_EQ(from_id<TCB>(id)->taskWaiting, 0);
             EXPECT_TRUE(uses.insert({id, t_incarnation(id)}).second) << "a number used again";
         } else if (what < 5 && at->tid == 0) {
-            EXPECT_EQ(t_start(at->id, 0, Sleep, nullptr), kTaskOk);
+            UInt32 args[4] = {number, 0xFFFFFFFF, 0x80000000 + number, 1};
+            at->refcon = args[0] + 3 * args[1] + 5 * args[2] + 7 * args[3];
+            EXPECT_EQ(t_start(at->id, 0, Show, args), kTaskOk);
+            ASSERT_TRUE(Eventually([&] { return t_getRefCon(at->id) == at->refcon; }));
             at->priority = at->priority > 99 ? 0 : at->priority;
-            EXPECT_TRUE(Eventually([&] {
-                const MutexGuardT guard(&tcblistmutex);
-                return (at->tid = from_id<TCB>(at->id)->tid) != 0;
-            }));
+            at->tid = from_id<TCB>(at->id)->tid;
+            EXPECT_EQ(t_name_from_pid(at->tid), t_name(at->id));
         } else if (what < 7) {
             const UInt32 id = at->id;
-            tasks.erase(at);
             EXPECT_EQ(ev_send(id, 1), kTaskOk);
+            EXPECT_EQ(t_delete_incarnation(id, at->incarnation + 1), kTaskOk);  // means another
+            EXPECT_EQ(t_exists(id), 1U);
+            tasks.erase(at);
             EXPECT_EQ(t_delete(id), kTaskOk);
-            EXPECT_EQ(t_exists(id) + t_is_open(id) + t_incarnation(id) + t_getRefCon(id), 0U);
+            const UInt32 inside = tasks.empty() ? 1 : tasks[0].id + 4;
+            for (const UInt32 bad : {id, inside, id_of(no_task)}) {
+                EXPECT_EQ(t_exists(bad) + t_is_open(bad) + t_incarnation(bad), 0U);
+                EXPECT_EQ(t_getRefCon(bad) + t_delete(bad), 0U);
+                EXPECT_EQ(ev_send(bad, 1), kTaskNotFound);
+                EXPECT_EQ(t_start(bad, 0, Show, nullptr), kTaskNotFound);
+                EXPECT_STREQ(t_name(bad), "????");
+            }
         } else if (what < 9) {
             const UInt32 now = number > 99 && number != at->priority ? 0 : number;
             UInt32 old = 999;
@@ -117,7 +105,7 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
         std::string dump = line;
         for (const TaskT& task : tasks) {
             first.insert({task.name, task.id});
-            EXPECT_STREQ(t_name(task.id), task.name.c_str());
+            EXPECT_EQ(t_name(task.id), task.name);
             EXPECT_EQ(t_getRefCon(task.id), task.refcon);
             EXPECT_EQ(t_incarnation(task.id), task.incarnation);
             snprintf(line, sizeof(line), "T[%td]    %08x  %4s    %3u    %3d\n", &task - &tasks[0],
@@ -132,6 +120,14 @@ TEST(Tasks, RandomCreatingStartingDeletingAndChangingDiffersFromAModel) {
         osTaskDump();
         ASSERT_EQ(out.Fresh(), dump);
     }
+    osTaskUsage();
+    cpu_usage_other();
+    const std::string usage = out.Fresh();
+    for (const TaskT& task : tasks) {
+        EXPECT_TRUE(task.tid == 0 ||
+                    usage.find(" " + std::to_string(task.tid) + " ") != usage.npos);
+    }
+    EXPECT_EQ(std::count(no_task, std::end(no_task), 0U), 64);
 }
 
 TEST(Tasks, OnlyAPriorityThatIsForcedToZeroIsReportedAndEveryDeletion) {
@@ -152,19 +148,6 @@ TEST(Tasks, OnlyAPriorityThatIsForcedToZeroIsReportedAndEveryDeletion) {
     EXPECT_FALSE(out.Has("priority 150"));
 }
 
-TEST(Tasks, StaleIdsTouchNothing) {
-    const UInt32 id = Spawn("gone", [] {});
-    ASSERT_TRUE(Ended(id));
-    static UInt32 block[64] = {};
-    for (const UInt32 bad : {id, id + 4, 3U, id_of(block)}) {
-        EXPECT_EQ(ev_send(bad, 1), kTaskNotFound);
-        EXPECT_EQ(t_delete(bad), 0U);
-        EXPECT_EQ(t_start(bad, 0, Sleep, nullptr), kTaskNotFound);
-        EXPECT_STREQ(t_name(bad), "????");
-    }
-    EXPECT_EQ(block[0], 0U);
-}
-
 TEST(Tasks, AttachedThreadsAreTasksUntilTheyEndOrAreDeletedAndTheirMakerJoinsThem) {
     for (const bool deleted : {false, true}) {
         std::atomic<UInt32> id{0};
@@ -181,11 +164,10 @@ TEST(Tasks, AttachedThreadsAreTasksUntilTheyEndOrAreDeletedAndTheirMakerJoinsThe
         pthread_create(&thread, nullptr, attach, &id);
         ASSERT_TRUE(Eventually([&] { return id != 0; }));
         EXPECT_EQ(deleted ? t_delete(id) : ev_send(id, 1), kTaskOk);
-        EXPECT_TRUE(!deleted || t_exists(id) == 0);
+        EXPECT_TRUE(deleted ? t_exists(id) == 0 : Ended(id));
         void* result;
         EXPECT_EQ(pthread_join(thread, &result), 0);
         EXPECT_EQ(result, deleted ? PTHREAD_CANCELED : nullptr);
-        EXPECT_EQ(t_exists(id), 0U);
     }
 }
 
@@ -194,7 +176,11 @@ TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskWhenItsStackHasUnwound) {
     t_set_delete_callback([] {
         runs.push_back(Self());
         t_delete(0);  // it is ending already: returns
-        runs.push_back(Self());
+        EXPECT_EQ(ev_send(0, 1), kTaskOk);
+        t_close();
+        EXPECT_EQ(ev_send(0, 1), kTaskNotFound);
+        EXPECT_EQ(t_exists(Self()), 1U);
+        runs.push_back(t_is_open(0));
     });
     const std::function<void()> ways[] = {[] {}, [] { t_delete(0); }, [] { pthread_exit(nullptr); },
                                           [] { tm_wkafter(100000); }};
@@ -211,7 +197,7 @@ TEST(Tasks, TheDeleteCallbackRunsOnceInTheDyingTaskWhenItsStackHasUnwound) {
             t_delete(id);
         }
         ASSERT_TRUE(Ended(id));
-        EXPECT_THAT(runs, testing::ElementsAre(0, id, id));
+        EXPECT_THAT(runs, testing::ElementsAre(0, id, 0));
     }
 }
 
@@ -230,63 +216,24 @@ TEST(Tasks, AnAttachedThreadDeletedInItsDeleteCallbackStillGoes) {
     t_set_delete_callback(nullptr);
 }
 
-TEST(Tasks, TwoTasksThatDeleteEachOtherBothGo) {
-    for (int round = 0; round < 200; round++) {
-        std::atomic<UInt32> ids[2] = {};
-        for (const int i : {0, 1}) {
-            ids[i] = Spawn("dual", [&ids, i] {
-                while (ids[1 - i] == 0) {
-                    std::this_thread::yield();
-                }
-                t_delete(ids[1 - i]);
-            });
-        }
-        ASSERT_TRUE(Ended(ids[0]) && Ended(ids[1]));
-    }
-}
-
-TEST(Tasks, StartingAttachingAndDeletingTheSameTaskAtOnceIsSafe) {
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
-        while (!stop) {
-            UInt32 id;  // a priority out of range logs, which widens the race
-            t_create("race", 200, 0, 0, 0, &id);
-            t_start(id, 0, Sleep, nullptr);
-        }
-    });
-    threads.emplace_back([&] {
-        while (!stop) {
-            std::thread(t_attach, "race", 200, nullptr).join();
-        }
-    });
-    for (int i = 0; i < 2; i++) {
-        threads.emplace_back([&] {
-            for (UInt32 id; t_ident("race", 0, &id) == kTaskOk || !stop;) {
-                t_delete(id != 0 ? id : 1);
-            }
-        });
-    }
-    tm_wkafter(50);
-    stop = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
-
-TEST(Tasks, TheUsageReportNamesEveryTask) {
-    std::atomic<int> tid{0};
-    const auto body = [&] {
-        tid = gettid();
-        tm_wkafter(100000);
+TEST(Tasks, ATaskStartedTwiceAtOnceHasTwoThreadsOrDeletedTwiceIsFreedTwice) {
+    const auto twice = [](auto action) {
+        pthread_mutex_lock(&tcblistmutex);
+        std::thread threads[] = {std::thread(action), std::thread(action)};
+        usleep(20000);  // by now both are about to take it
+        pthread_mutex_unlock(&tcblistmutex);
+        threads[0].join();
+        threads[1].join();
     };
-    const UInt32 id = Spawn("rept", body, 33);
-    ASSERT_TRUE(Eventually([&] { return tid != 0; }));
-    const StdoutFile out;
-    osTaskUsage();
-    cpu_usage_other();
-    EXPECT_TRUE(out.Has(" " + std::to_string(tid) + " ")) << out.Text();
-    t_delete(id);
+    for (int round = 0; round < 5; round++) {
+        UInt32 id = 0;
+        t_create("twce", 0, 0, 0, 0, &id);
+        std::atomic<int> started{0};
+        twice([&] { started += t_start(id, 0, Show, nullptr) == kTaskOk ? 1 : 0; });
+        EXPECT_EQ(started, 1);
+        twice([id] { t_delete(id); });
+        EXPECT_EQ(t_exists(id), 0U);
+    }
 }
 
 TEST(Events, RandomSendsAndReceivesDifferFromAModelOrATimedWaitLeavesItsTimer) {
@@ -330,35 +277,47 @@ TEST(Events, RandomSendsAndReceivesDifferFromAModelOrATimedWaitLeavesItsTimer) {
     EXPECT_GE(MillisecondsOf(wait), 50);  // without a timer it keeps time by itself
 }
 
-TEST(Events, EveryEventOfManySendersArrivesOnce) {
-    std::atomic<int> received[16] = {};
+TEST(Events, AnEventIsLostWhileOthersAreSentAndReceived) {
+    constexpr int kSends = 10000;
+    std::atomic<int> received[4] = {};
     const UInt32 id = Spawn("recv", [&] {
         UInt32 captured;
         for (UInt32 i = 0;; i++) {
-            const UInt32 ticks = i % 4 != 0 ? i % 4 : 1000000;
-            if (ev_receive(0xFFFF, kEvAny, ticks, &captured) == kTaskOk) {
-                for (int bit = 0; bit < 16; bit++) {
+            // By turns it looks, and waits with a time-out and without one.
+            if (ev_receive(0xF, kEvAny | (i / 8 & 1), i % 4, &captured) == kTaskOk) {
+                for (int bit = 0; bit < 4; bit++) {
                     received[bit] += static_cast<int>(captured >> bit & 1);
                 }
             }
+            ev_send(0, 0x10);
+            EXPECT_EQ(ev_receive(0x10, kEvNoWait, 0, &captured), kTaskOk);
         }
     });
-    std::thread senders[16];
-    for (int bit = 0; bit < 16; bit++) {
-        senders[bit] = std::thread([&received, id, bit] {
-            for (int i = 1; i <= 300; i++) {
+    std::thread senders[4];
+    for (int bit = 0; bit < 4; bit++) {
+        senders[bit] = std::thread([came = &received[bit], id, bit] {
+            for (int i = 1; i <= kSends; i++) {
                 ASSERT_EQ(ev_send(id, 1U << bit), kTaskOk);
-                ASSERT_TRUE(Eventually([&] { return received[bit] == i; }));
+                for (int look = 0; look < 1000 && *came < i; look++) {
+                    std::this_thread::yield();
+                }
+                ASSERT_TRUE(Eventually([&] { return *came == i; })) << i;
             }
         });
     }
+    std::atomic<bool> stop{false};
+    std::thread busy([&] {
+        while (!stop) {
+            ev_send(id, 0x20);
+        }
+    });
     for (auto& sender : senders) {
         sender.join();
     }
-    pthread_mutex_lock(&tmcblistmutex);
-    EXPECT_TRUE(timerList == nullptr || timerList->next == nullptr);  // the time-out of one wait
-    pthread_mutex_unlock(&tmcblistmutex);
+    stop = true;
+    busy.join();
+    EXPECT_LE(Length(&timerList), 1);  // the time-out of one wait
     t_delete(id);
-    EXPECT_THAT(received, testing::Each(testing::Eq(300)));
+    EXPECT_THAT(received, testing::Each(testing::Eq(kSends)));
     EXPECT_EQ(timerList, nullptr);
 }

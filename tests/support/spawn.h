@@ -1,4 +1,4 @@
-// A task that runs a closure.
+// A task that runs a closure, and what tests ask about tasks.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,19 @@
 #include <functional>
 
 #include "Common/OS/linux/psosapi/tasks.h"
+#include "tests/support/eventually.h"
+
+// The calling task's id, 0 for none.
+inline UInt32 Self() {
+    UInt32 self = 0;
+    t_ident(nullptr, 0, &self);
+    return self;
+}
+
+// Waits until a task is gone.
+inline bool Ended(UInt32 id) {
+    return Eventually([id] { return t_exists(id) == 0; });
+}
 
 // Starts a task; what `body` refers to must outlive it. Call from one thread. Returns the id.
 inline UInt32 Spawn(const char* name, std::function<void()> body, UInt32 priority = 10) {
