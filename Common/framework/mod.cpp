@@ -142,24 +142,17 @@ void Grow(ModT* pMod) {
     RetireArray(old);
 }
 
-// The index of the slot that `matches`, from the array's start; -1 if there is none.
+// The index of a callback's slot, of a free one for all zero; -1 if there is none.
 // callbackSemaphore is held.
-template <typename MatchT>
-int FindSlot(const ModT* pMod, MatchT matches) {
+int FindCallback(const ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
+                 const void* userDefined) {
     for (int i = 0; i < pMod->numCallbacks; i++) {
-        if (matches(pMod->pCallbacks[i])) {
+        const ModCallbackT& slot = pMod->pCallbacks[i];
+        if (slot.pFunc == pFunc && slot.userDefined == userDefined && slot.funcIndex == funcIndex) {
             return i;
         }
     }
     return -1;
-}
-
-int FindCallback(const ModT* pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc,
-                 const void* userDefined) {
-    return FindSlot(pMod, [&](const ModCallbackT& slot) {
-        return slot.pFunc == pFunc && slot.userDefined == userDefined &&
-               slot.funcIndex == funcIndex;
-    });
 }
 
 // Whether the task that a slot's callback belongs to is gone; callbackSemaphore is held.
@@ -172,7 +165,7 @@ bool Orphaned(const ModT* pMod, int index) {
 // Fills the slot at `index`, a free one if that is negative.
 void FillSlot(ModT* pMod, int index, const ModListenerT& value) {
     if (index < 0) {
-        index = FindSlot(pMod, [](const ModCallbackT& slot) { return slot.pFunc == nullptr; });
+        index = FindCallback(pMod, 0, nullptr, nullptr);
     }
     if (index < 0) {
         index = pMod->numCallbacks;

@@ -134,7 +134,6 @@ typedef struct ModDeferredFuncS {
     UInt32 time;                                 // milliseconds at queueing
     alignas(8) unsigned char args[kModMaxArgs];  // a copy of the caller's
     DeferredStageT stage;                        // private
-    UInt32 serial;                               // private: which use of the block this is
     UInt32 incarnation;                          // private: which use of the task's id
 } ModDeferredFuncT;
 
@@ -147,7 +146,6 @@ typedef struct ModDeferredCallbackS {
     alignas(8) unsigned char args[kModMaxArgs];
     // Private, as above:
     DeferredStageT stage;
-    UInt32 serial;
     UInt32 incarnation;
 } ModDeferredCallbackT;
 

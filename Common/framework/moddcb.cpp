@@ -89,17 +89,16 @@ void ModDeferCallback(const ModListenerT& listener, ModT* pMod, UInt32 funcIndex
             memcpy(block->args, pArgs, static_cast<size_t>(length));
         }
     };
-    PoolT::TicketT ticket;
-    QueuedT queued = PoolT::Queue(task, listener.use, &ticket, fill);
+    QueuedT queued = PoolT::Queue(task, listener.use, fill);
     if (queued == QueuedT::kNoBlock) {
         PoolT::Reclaim();
-        queued = PoolT::Queue(task, listener.use, &ticket, fill);
+        queued = PoolT::Queue(task, listener.use, fill);
     }
     if (queued == QueuedT::kNoBlock) {
         OutOfCallbacks(pMod, funcIndex);
     }
-    if (queued == QueuedT::kQueued && ev_send(task, kModEventDeferredCallback) != kTaskOk) {
-        PoolT::Unqueue(ticket);
+    if (queued == QueuedT::kQueued) {
+        ev_send(task, kModEventDeferredCallback);
     }
 }
 

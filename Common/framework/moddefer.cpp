@@ -119,16 +119,6 @@ void CheckFuncsLow() {
     }
 }
 
-// One deferred call on its way, before it has a block.
-struct FuncRequestT {
-    UInt32 taskID;
-    UInt32 use;  // of the task's id; 0: who has it now
-    DeferredFuncPtrT pFunc;
-    void* userDefined;
-    const void* pArgs;
-    size_t length;
-};
-
 // Counts a call of a task that was queued just now; deferredFuncRegion is held.
 void CountQueued(UInt32 taskID, UInt32 now) {
     const int in_use = kModNumDeferredFuncs - gFreeDeferredFuncsAvailable;
@@ -142,40 +132,22 @@ void CountQueued(UInt32 taskID, UInt32 now) {
     }
 }
 
-QueuedT Queue(const FuncRequestT& request, PoolT::TicketT* ticket) {
-    return PoolT::Queue(request.taskID, request.use, ticket, [&](ModDeferredFuncT* block) {
-        block->pFunc = request.pFunc;
-        block->userDefined = request.userDefined;
-        block->taskID = request.taskID;
-        block->time = RealTimeMilliSeconds();
-        if (request.pArgs != nullptr) {
-            memcpy(block->args, request.pArgs, request.length);
-        }
-        CountQueued(request.taskID, block->time);
-    });
-}
-
-// Waits for a block when the pool is empty; ends the program when none comes back.
-QueuedT QueueWaiting(const FuncRequestT& request, PoolT::TicketT* ticket) {
-    QueuedT result = Queue(request, ticket);
-    if (result != QueuedT::kNoBlock) {
-        return result;
-    }
+// The pool is empty: says so, and gives what is lost, and the other tasks, a chance to come back.
+void WaitForFuncs(UInt32 taskID, DeferredFuncPtrT pFunc) {
     logcrit("MOD",
             "can't defer function call from %4.4s to task %4.4s func 0x%x, out of deferred "
             "function blocks\n",
-            TaskNameT(0).Text(), TaskNameT(request.taskID).Text(), shown_address(request.pFunc));
+            TaskNameT(0).Text(), TaskNameT(taskID).Text(), shown_address(pFunc));
     ReportSlowFuncs();
     PoolT::Reclaim();
     tm_wkafter(kFirstWait);
-    result = Queue(request, ticket);
-    if (result == QueuedT::kNoBlock) {
-        osTaskDump();
-        ModDumpDeferredFuncList();
-        tm_wkafter(kLastWait);
-        ModAssertText(result != QueuedT::kNoBlock, "pDeferredFunc");
-    }
-    return result;
+}
+
+[[noreturn]] void OutOfFuncs() {
+    osTaskDump();
+    ModDumpDeferredFuncList();
+    tm_wkafter(kLastWait);
+    OsAssertFailed("pDeferredFunc", "Common/framework/mod.cpp", __LINE__, "ModDeferFunctionCall");
 }
 
 // Counts the wait that a pass of a task ends. Returns it, in ms, if it is the task's longest.
@@ -226,19 +198,31 @@ eErrorT ModDeferToUse(UInt32 taskID, UInt32 use, DeferredFuncPtrT pFunc, void* u
                   "argLen <= sizeof(pDeferredFunc->args)");
     ModSetUp();
     CheckFuncsLow();
-    const FuncRequestT request = {taskID != 0 ? taskID : ModSelf(), use, pFunc, userDefined, pArgs,
-                                  static_cast<size_t>(argLen)};
-    PoolT::TicketT ticket;
-    QueuedT result = QueueWaiting(request, &ticket);
-    if (result == QueuedT::kQueued && ev_send(request.taskID, kModEventDeferredFunc) != kTaskOk &&
-        PoolT::Unqueue(ticket)) {
-        result = QueuedT::kNoTask;
+    const UInt32 task = taskID != 0 ? taskID : ModSelf();
+    const auto fill = [&](ModDeferredFuncT* block) {
+        block->pFunc = pFunc;
+        block->userDefined = userDefined;
+        block->taskID = task;
+        block->time = RealTimeMilliSeconds();
+        if (pArgs != nullptr) {
+            memcpy(block->args, pArgs, static_cast<size_t>(argLen));
+        }
+        CountQueued(task, block->time);
+    };
+    QueuedT queued = PoolT::Queue(task, use, fill);
+    if (queued == QueuedT::kNoBlock) {
+        WaitForFuncs(task, pFunc);
+        queued = PoolT::Queue(task, use, fill);
     }
-    if (result != QueuedT::kQueued) {
+    if (queued == QueuedT::kNoBlock) {
+        OutOfFuncs();
+    }
+    if (queued == QueuedT::kNoTask) {
         logcrit("MOD", "can't defer function call to task %4.4s, it doesn't exist\n",
                 TaskNameT(taskID).Text());
         return kBadParameter;
     }
+    ev_send(task, kModEventDeferredFunc);
     return kNoError;
 }
 

@@ -30,12 +30,6 @@ class DeferredPoolT {
   public:
     using BlockT = typename KindT::BlockT;
 
-    // Which block took a request: blocks are used again, the serial number tells the uses apart.
-    struct TicketT {
-        BlockT* block;
-        UInt32 serial;
-    };
-
     static BlockT* BlockOf(ListT* node) { return reinterpret_cast<BlockT*>(node); }
 
     static void SetUp() {
@@ -58,9 +52,10 @@ class DeferredPoolT {
     }
 
     // Takes a block for a task, lets `fill`(block) fill it, and appends it to the pending list.
-    // `use` is the use of the task's id that is meant, 0 for who has the id now.
+    // `use` is the use of the task's id that is meant, 0 for who has the id now. The task is then
+    // to be sent its event; where that fails, the task has served the block in its end.
     template <typename FillT>
-    static QueuedT Queue(UInt32 taskID, UInt32 use, TicketT* ticket, FillT fill) {
+    static QueuedT Queue(UInt32 taskID, UInt32 use, FillT fill) {
         const SemGuardT lock(KindT::Region());
         // Under the region: a task that closes takes its last look at the list under it later.
         if (t_is_open(taskID) == 0 || (use != 0 && t_incarnation(taskID) != use)) {
@@ -72,22 +67,10 @@ class DeferredPoolT {
         BlockT* block = BlockOf(ListDequeueUnprot(&KindT::Free()));
         block->incarnation = t_incarnation(taskID);
         block->stage = kDeferredPending;
-        block->serial++;
         KindT::Available()--;
         fill(block);
         ListEnqueueUnprot(&KindT::Pending(), &block->list);
-        *ticket = {block, block->serial};
         return QueuedT::kQueued;
-    }
-
-    // Takes a request back. False when it was served meanwhile.
-    static bool Unqueue(const TicketT& ticket) {
-        const SemGuardT lock(KindT::Region());
-        if (ticket.block->serial != ticket.serial || ticket.block->stage != kDeferredPending) {
-            return false;
-        }
-        Drop(ticket.block);
-        return true;
     }
 
     // Takes a pending block off the list unserved; the region is held.
