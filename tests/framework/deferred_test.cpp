@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "Common/framework/semguard.h"
 #include "Common/framework/timer.h"
 #include "tests/framework/module_task.h"
 
@@ -320,9 +321,10 @@ TEST_F(Deferred, ADyingTaskFinishesItsWorkInOrderAndTakesNoMore) {
         EXPECT_EQ(TimerRunning(&timer), 0U);
         TimerExit(&timer);
         EXPECT_EQ(ModCountDeferredCallbacks(&gMod), 0);
-        EXPECT_EQ(std::ranges::count(DFStats, id, &DFStatsT::taskID), 0);
         gTrace.clear();
         ModDeleteAllCallbacks(&gMod);
+        const SemGuardT lock(deferredFuncRegion);
+        EXPECT_EQ(std::ranges::count(DFStats, id, &DFStatsT::taskID), 0);
     }
 }
 
