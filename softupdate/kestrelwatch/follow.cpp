@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -310,6 +311,12 @@ void Follower::Report(std::int64_t nowMs) {
 }
 
 }  // namespace
+
+std::int64_t NowMs() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 bool Signals::Open() {
     for (const int ignored : {SIGPIPE, SIGHUP, SIGTTIN, SIGTTOU}) {

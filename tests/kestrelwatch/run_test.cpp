@@ -146,12 +146,16 @@ TEST(WatchRun, ACheckAloneIsATableAndStartsNothing) {
     std::ofstream("overlooksys.bin") << "image";
     std::ofstream("overlookcamver") << "8001\n";
     std::ofstream("overlooksysver") << "error page\n";
-    Child session(kPipes, {KESTRELWATCH, "--check", "--", "./none", "all"});
+    Child session(kPipes, {KESTRELWATCH, "--check", "--json", "fd:2", "--", "./none", "all"});
     EXPECT_EQ(session.End(), 127);
     for (const char* row : {"REFUSED updater", "ok      kestrelmicro.bin", "version 0x21",
                             "NOTICE  overlookcamver", "will come back", "REFUSED overlooksysver"}) {
         EXPECT_THAT(session.output, HasSubstr(row));
     }
+    EXPECT_THAT(session.error, HasSubstr("\"cause\":\"updater-missing\""));
+    Child fine(kPipes, {KESTRELWATCH, "--check", "--", "false", "micro"});
+    EXPECT_EQ(fine.End(), 0);
+    EXPECT_THAT(fine.error, HasSubstr("CHECKED: an update may start. The unit: not asked."));
 }
 
 TEST(WatchRun, AGivenPipeIsUsedAndOnlyAnOwnOneRemoved) {
