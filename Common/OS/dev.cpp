@@ -8,6 +8,7 @@
 #include "Common/OS/assertion.h"
 #include "Common/OS/linux/intsoff.h"
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/tasks.h"
 #include "Common/OS/log.h"
@@ -21,12 +22,6 @@ namespace {
 constexpr int kMaxPolled = 50;
 constexpr UInt32 kCompletionPriority = 55;
 
-UInt32 CallingTask() {
-    UInt32 task = 0;
-    t_ident(nullptr, 0, &task);
-    return task;
-}
-
 DEVCB* DeviceOf(UInt32 devid) {
     OsAssertText(devid != 0, "devid");
     return from_id<DEVCB>(devid);
@@ -34,6 +29,16 @@ DEVCB* DeviceOf(UInt32 devid) {
 
 bool IsOpen(const DEVCB* pDev) {
     return pDev->state == kDevOpened;
+}
+
+// Common to all requests. Null, with the request's err set, where the device is not open.
+DEVCB* Begin(UInt32 devid, IORB* pIORB) {
+    DEVCB* pDev = DeviceOf(devid);
+    OsAssertText(pIORB != nullptr, "pIORB");
+    pIORB->pDev = pDev;
+    pIORB->actLen = 0;
+    pIORB->err = IsOpen(pDev) ? kDevOk : kDevNotOpen;
+    return pIORB->err == kDevOk ? pDev : nullptr;
 }
 
 DEVCB* FindDevice(const SInt8* name, UInt32 instance) {
@@ -200,14 +205,9 @@ UInt32 dev_close(UInt32 devid) {
 }
 
 void dev_read(UInt32 devid, IORB* pIORB) {
-    DEVCB* pDev = DeviceOf(devid);
-    OsAssertText(pIORB != nullptr, "pIORB");
-    pIORB->pDev = pDev;
-    pIORB->err = 0;
-    pIORB->actLen = 0;
-    if (!IsOpen(pDev)) {
+    DEVCB* pDev = Begin(devid, pIORB);
+    if (pDev == nullptr) {
         puts("dev_read: not open");
-        pIORB->err = kDevNotOpen;
         return;
     }
     if (pDev->read == nullptr) {
@@ -215,7 +215,7 @@ void dev_read(UInt32 devid, IORB* pIORB) {
         return;
     }
     if (pIORB->taskID == 0) {
-        pIORB->taskID = CallingTask();
+        pIORB->taskID = id_of(t_self());
     }
     if (pIORB->pUserCompFunc != nullptr) {
         iorb_list_enqueue(&pDev->readIORBs, pIORB);
@@ -225,37 +225,22 @@ void dev_read(UInt32 devid, IORB* pIORB) {
 }
 
 void dev_write(UInt32 devid, IORB* pIORB) {
-    DEVCB* pDev = DeviceOf(devid);
-    OsAssertText(pIORB != nullptr, "pIORB");
+    DEVCB* pDev = Begin(devid, pIORB);
     OsAssertText(pIORB->pBuffer != nullptr, "pIORB->pBuffer");
-    pIORB->pDev = pDev;
     pIORB->taskID = 0;
-    pIORB->actLen = 0;
-    pIORB->err = 0;
-    if (!IsOpen(pDev)) {
-        pIORB->err = kDevNotOpen;
-        return;
+    if (pDev != nullptr && pIORB->reqLen != 0 && pDev->write != nullptr) {
+        pIORB->taskID = id_of(t_self());
+        pDev->write(pDev, pIORB);
     }
-    if (pIORB->reqLen == 0 || pDev->write == nullptr) {
-        return;
-    }
-    pIORB->taskID = CallingTask();
-    pDev->write(pDev, pIORB);
 }
 
 void dev_ioctl(UInt32 devid, IORB* pIORB, UInt32 ctlCode) {
-    DEVCB* pDev = DeviceOf(devid);
-    OsAssertText(pIORB != nullptr, "pIORB");
+    DEVCB* pDev = Begin(devid, pIORB);
     pIORB->ctlCode = ctlCode;
-    pIORB->taskID = 0;
-    pIORB->actLen = 0;
-    pIORB->err = 0;
-    pIORB->pDev = pDev;
-    if (!IsOpen(pDev)) {
-        pIORB->err = kDevNotOpen;
+    pIORB->taskID = pDev != nullptr ? id_of(t_self()) : 0;
+    if (pDev == nullptr) {
         return;
     }
-    pIORB->taskID = CallingTask();
     if (pIORB->pUserCompFunc != nullptr && iorb_list_avail(&pDev->ioctlIORBs) > 0) {
         iorb_list_enqueue(&pDev->ioctlIORBs, pIORB);
         return;
@@ -352,6 +337,8 @@ UInt32 iorb_list_extract(IORBList* pIORBList, IORB* pIORB) {
 void add_dev_to_comp_task(DEVCB* pDev) {
     OsAssertText(pDev != nullptr, "pDev");
     pDev->flags |= kDevFlagCompletion;
+    static pthread_mutex_t makingIt = PTHREAD_MUTEX_INITIALIZER;
+    const MutexGuardT held(&makingIt);
     if (io_comp_task_id != 0) {
         return;
     }

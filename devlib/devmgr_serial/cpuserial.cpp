@@ -12,22 +12,7 @@ constexpr int kSpeedAttempts = 5;
 constexpr tcflag_t kCookedModes =
     ICANON | ISIG | XCASE | ECHO | ECHOE | ECHOK | ECHONL | ECHOPRT | ECHOCTL | ECHOKE;
 
-struct DataBitsT {
-    UInt32 bit;
-    tcflag_t size;
-};
-
-constexpr DataBitsT kDataBits[] = {
-    {kSerialDataBits5, CS5}, {kSerialDataBits6, CS6}, {kSerialDataBits7, CS7}};
-
-tcflag_t CharacterSize(UInt32 mask) {
-    for (const DataBitsT& row : kDataBits) {
-        if ((mask & row.bit) != 0) {
-            return row.size;
-        }
-    }
-    return CS8;
-}
+constexpr tcflag_t kCharacterSizes[] = {CS5, CS6, CS7, CS8};
 
 void SetBits(tcflag_t* modes, tcflag_t bits, bool on) {
     *modes = on ? *modes | bits : *modes & ~bits;
@@ -39,7 +24,8 @@ void SetModes(termios* line, UInt32 mask) {
     SetBits(&line->c_iflag, IXON | IXOFF, (mask & kSerialXonXoff) != 0 && !hardwareFlow);
     line->c_oflag &= ~static_cast<tcflag_t>(OPOST);
     line->c_lflag &= ~kCookedModes;
-    line->c_cflag = (line->c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CharacterSize(mask);
+    line->c_cflag =
+        (line->c_cflag & ~static_cast<tcflag_t>(CSIZE)) | kCharacterSizes[SerialLineDataBits(mask)];
     // Even parity leaves PARODD as it was.
     const bool odd = (mask & kSerialParityEven) == 0 && (mask & kSerialParityOdd) != 0;
     SetBits(&line->c_cflag, PARENB, (mask & (kSerialParityEven | kSerialParityOdd)) != 0);
@@ -101,13 +87,10 @@ UInt32 Change(DevMgrSerial_CB_t* serialCB, int fd, UInt32 ctlCode,
     switch (ctlCode) {
         case kSerialCtlConfig:
             return Configure(fd, &line, data.serConfig);
-        case kSerialCtlCallbacks:
-            SerialLineSetCallbacks(serialCB, data.CBInfo);
-            return SERIAL_NOERROR;
         case kSerialCtlStatus:
             return ChangeStatus(serialCB, fd, &line, data.PortStatus);
         default:
-            return SERIAL_UNKNOWN_IOCTL;
+            return SerialLineSetCallbacks(serialCB, ctlCode, data);
     }
 }
 

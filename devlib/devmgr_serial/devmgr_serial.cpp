@@ -6,11 +6,11 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/select.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "Common/OS/linux/board.h"
 #include "Common/OS/linux/mutexguard.h"
@@ -28,57 +28,25 @@ namespace {
 
 constexpr char kFpgaPrefix[] = "/dev/fpgaserial";
 
-struct EntryPointsT {
-    DevOpenFuncT* open;
-    DevCloseFuncT* close;
-    DevRequestFuncT* read;
-    DevRequestFuncT* write;
-    DevRequestFuncT* ioctl;
-};
-
-constexpr EntryPointsT kFpgaEntryPoints = {DevMgrFPGASerial_Open, DevMgrFPGASerial_Close,
-                                           DevMgrFPGASerial_Read, DevMgrFPGASerial_Write,
-                                           DevMgrFPGASerial_Ioctl};
-constexpr EntryPointsT kCpuEntryPoints = {DevMgrCPUSerial_Open, DevMgrCPUSerial_Close,
-                                          DevMgrCPUSerial_Read, DevMgrCPUSerial_Write,
-                                          DevMgrCPUSerial_Ioctl};
-
 // How late a request that waits may see that its line was closed.
 constexpr UInt64 kWaitSlice = 50000;  // us
 
-UInt64 MonotonicMicros() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<UInt64>(now.tv_sec) * 1000000 + static_cast<UInt64>(now.tv_nsec) / 1000;
-}
-
-// A descriptor that select(2) can watch, else -1.
-int Watchable(int fd) {
-    if (fd >= FD_SETSIZE) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // Returns the descriptor, or a negative number.
 int OpenLine(DevMgrSerial_CB_t* serialCB) {
-    const NoCancelT no_cancel;  // between having the descriptor and noting it
-    const int fd = Watchable(BoardOpenDevice(SerialPort_DevNames[serialCB->portnum]));
-    if (fd < 0) {
-        return fd;
-    }
     DEVCB* device = &serialCB->devCB;
-    const MutexGuardT held(&serialCB->lock);
-    if (device->numOpens > 0 && !serialCB->closed) {
-        close(fd);  // two opened it at once, and the other was first
-    } else {
+    const MutexGuardT held(&serialCB->lock);  // a cancelled opening would lose its descriptor
+    if (!serialCB->opened) {                  // else another one was first
+        const int fd = BoardOpenDevice(SerialPort_DevNames[serialCB->portnum]);
+        if (fd < 0 || fd >= FD_SETSIZE) {  // which select(2) cannot watch
+            close(fd);
+            return -1;
+        }
         device->fd = fd;
         device->numOpens++;
-        serialCB->closed = false;
+        serialCB->opened = true;
     }
     device->state = kDevOpened;
-    return fd;
+    return device->fd;
 }
 
 UInt32 CloseLine(DevMgrSerial_CB_t* serialCB, bool remember) {
@@ -87,8 +55,7 @@ UInt32 CloseLine(DevMgrSerial_CB_t* serialCB, bool remember) {
     }
     {
         MutexGuardT held(&serialCB->lock);
-        const int fd = serialCB->closed ? -1 : serialCB->devCB.fd.load();
-        serialCB->closed = true;
+        const int fd = std::exchange(serialCB->opened, false) ? serialCB->devCB.fd.load() : -1;
         serialCB->devCB.state = kDevClosed;
         serialCB->devCB.numCloses++;
         SerialLineWantThread(serialCB, false);
@@ -99,13 +66,70 @@ UInt32 CloseLine(DevMgrSerial_CB_t* serialCB, bool remember) {
             serialCB->tx_enabled = serialCB->rx_enabled = 0;
         }
         held.Unlock();
-        if (fd >= 0) {
-            close(fd);
-        }
+        close(fd);
     }
     SerialLineSettleThread(serialCB);
     return SERIAL_NOERROR;
 }
+
+// Whether the line is still open as it was. The lock is held.
+bool StillOpen(const DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening) {
+    return opening.fd >= 0 && serialCB->devCB.numCloses == opening.closings;
+}
+
+// Waits for the line to have or to take (`output`) bytes, for at most `left` microseconds, and
+// lowers them by the time spent. Returns 1 when it does, 0 when the time is over, -1 when the line
+// fails or is closed, or there was no time.
+int Wait(DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening, bool output,
+         UInt64* left) {
+    while (*left > 0) {
+        {
+            const MutexGuardT held(&serialCB->lock);
+            if (!StillOpen(serialCB, opening)) {
+                return -1;
+            }
+        }
+        const auto most = static_cast<suseconds_t>(std::min(*left, kWaitSlice));
+        timeval slice = {0, most};  // select(2) lowers it
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(opening.fd, &set);
+        const int ready = select(opening.fd + 1, output ? nullptr : &set, output ? &set : nullptr,
+                                 nullptr, &slice);
+        *left -= static_cast<UInt64>(most - slice.tv_usec);
+        if (ready != 0 || *left == 0) {
+            return ready;
+        }
+    }
+    return -1;
+}
+
+// A descriptor of its own for a write, which may last: closing the line takes no number away from
+// it. Negative where the line was closed.
+class WriteFdT {
+  public:
+    WriteFdT(DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening) {
+        const MutexGuardT held(&serialCB->lock);
+        fd_ = StillOpen(serialCB, opening) ? dup(opening.fd) : -1;
+    }
+    ~WriteFdT() {
+        const NoCancelT no_cancel;
+        close(fd_);
+    }
+    WriteFdT(const WriteFdT&) = delete;
+    WriteFdT& operator=(const WriteFdT&) = delete;
+
+    ssize_t Write(const IORB& iorb) const {
+        const ssize_t written = write(fd_, iorb.pBuffer, iorb.reqLen);
+        if (written > 0) {
+            BoardDrain(fd_);
+        }
+        return written;
+    }
+
+  private:
+    int fd_;
+};
 
 // How long a request may wait. More than 2^31 microseconds count as negative, as on the board: not
 // at all.
@@ -116,25 +140,29 @@ UInt64 WaitOf(const IORB* pIORB) {
     return static_cast<SInt32>(pIORB->timeout) < 0 ? 0 : pIORB->timeout;
 }
 
-void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
+// The line as a request finds it; false, with the result set, where it has no line or no buffer.
+bool Begin(DevMgrSerial_CB_t* serialCB, IORB* pIORB, SerialLineOpeningT* opening) {
     if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
+        return false;
+    }
+    const MutexGuardT held(&serialCB->lock);
+    *opening = SerialLineOpening(serialCB);
+    return true;
+}
+
+void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
+    SerialLineOpeningT opening;
+    if (!Begin(serialCB, pIORB, &opening)) {
         return;
     }
-    const SerialLineUseT use(serialCB);
-    if (!use.TransmitterOn()) {
+    if (!opening.transmits) {
         pIORB->err = SERIAL_TX_DISABLED;
         return;
     }
     UInt64 left = WaitOf(pIORB);
-    int ready = 1;
-    if (pIORB->timeout != 0) {
-        ready = left != 0 ? use.Wait(true, &left) : -1;
-    }
-    const ssize_t written = ready > 0 ? write(use.fd(), pIORB->pBuffer, pIORB->reqLen) : 0;
-    if (written > 0) {
-        BoardDrain(use.fd());
-    }
+    const int ready = pIORB->timeout != 0 ? Wait(serialCB, opening, true, &left) : 1;
+    const ssize_t written = ready > 0 ? WriteFdT(serialCB, opening).Write(*pIORB) : 0;
     pIORB->actLen = written > 0 ? static_cast<UInt32>(written) : 0;
     pIORB->err = written > 0 ? SERIAL_NOERROR : ready == 0 ? SERIAL_TIMEOUT : SERIAL_WRITE_ERROR;
 }
@@ -144,24 +172,24 @@ void WriteLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
 // time passing: it ends the loop. Returns read(2)'s result where a read without a time-out failed,
 // else 1.
 int ReadLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
-    if (serialCB == nullptr || pIORB->pBuffer == nullptr) {
-        pIORB->err = SERIAL_INVALID_PARAM;
+    SerialLineOpeningT opening;
+    if (!Begin(serialCB, pIORB, &opening)) {
         return 1;
     }
-    const SerialLineUseT use(serialCB);
     const bool all = pIORB->timeout != 0;
     UInt64 left = WaitOf(pIORB);
     UInt32 received = 0;
     ssize_t count = pIORB->reqLen > 0 ? -1 : 0;
-    while (left > 0 && received < pIORB->reqLen && use.Wait(false, &left) > 0) {
-        if (!use.ReadNow(pIORB->pBuffer + received, pIORB->reqLen - received, &count)) {
-            continue;
-        }
-        if (count < 1) {
+    while ((all || received == 0) && received < pIORB->reqLen &&
+           Wait(serialCB, opening, false, &left) > 0) {
+        const MutexGuardT held(&serialCB->lock);
+        count = SerialLineReadNow(serialCB, opening, pIORB->pBuffer + received,
+                                  pIORB->reqLen - received);
+        if (count > 0) {
+            received += static_cast<UInt32>(count);
+        } else if (count != kNothingThere) {
             break;
         }
-        received += static_cast<UInt32>(count);
-        left = all ? left : 0;
     }
     const bool failed = !all && received == 0;
     pIORB->actLen = received;
@@ -171,67 +199,30 @@ int ReadLine(DevMgrSerial_CB_t* serialCB, IORB* pIORB) {
 
 }  // namespace
 
-SerialLineUseT::SerialLineUseT(DevMgrSerial_CB_t* serialCB) : serialCB_(serialCB) {
-    const MutexGuardT held(&serialCB->lock);
-    closings_ = serialCB->devCB.numCloses;
-    transmitter_on_ = serialCB->tx_enabled != 0;
-    if (!serialCB->closed) {
-        fd_ = Watchable(dup(serialCB->devCB.fd));
+SerialLineOpeningT SerialLineOpening(const DevMgrSerial_CB_t* serialCB) {
+    return {serialCB->opened ? serialCB->devCB.fd.load() : -1, serialCB->devCB.numCloses,
+            serialCB->tx_enabled != 0};
+}
+
+ssize_t SerialLineReadNow(const DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening,
+                          SInt8* buffer, UInt32 size) {
+    pollfd ready = {opening.fd, POLLIN, 0};
+    if (!StillOpen(serialCB, opening) || poll(&ready, 1, 0) < 0) {
+        return -1;
     }
+    return ready.revents != 0 ? read(opening.fd, buffer, size) : kNothingThere;
 }
 
-SerialLineUseT::~SerialLineUseT() {
-    const NoCancelT no_cancel;
-    if (fd_ >= 0) {
-        close(fd_);
+UInt32 SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, UInt32 ctlCode,
+                              const DevmgrSerial_IoctlData_t& data) {
+    if (ctlCode != kSerialCtlCallbacks) {
+        return SERIAL_UNKNOWN_IOCTL;
     }
-}
-
-bool SerialLineUseT::Closed() const {
-    return fd_ < 0 || serialCB_->devCB.numCloses != closings_;
-}
-
-bool SerialLineUseT::ReadNow(SInt8* buffer, UInt32 size, ssize_t* got) const {
-    const MutexGuardT held(&serialCB_->lock);
-    pollfd ready = {fd_, POLLIN, 0};
-    *got = -1;
-    if (Closed() || poll(&ready, 1, 0) < 0) {
-        return true;
-    }
-    if (ready.revents == 0) {
-        return false;
-    }
-    *got = read(fd_, buffer, size);
-    return true;
-}
-
-int SerialLineUseT::Wait(bool output, UInt64* left) const {
-    do {
-        {
-            const MutexGuardT held(&serialCB_->lock);
-            if (Closed()) {
-                return -1;
-            }
-        }
-        const UInt64 start = MonotonicMicros();
-        timeval slice = {0, static_cast<suseconds_t>(std::min(*left, kWaitSlice))};
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd_, &set);
-        const int ready =
-            select(fd_ + 1, output ? nullptr : &set, output ? &set : nullptr, nullptr, &slice);
-        *left -= std::min(*left, MonotonicMicros() - start);
-        if (ready != 0) {
-            return ready;
-        }
-    } while (*left > 0);
-    return 0;
-}
-
-void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info) {
     const bool enabled = serialCB->tx_enabled != 0 || serialCB->rx_enabled != 0;
-    serialCB->cbInfo = info != nullptr ? *info : DevmgrSerial_CBInfo_t{};
-    SerialLineWantThread(serialCB, info != nullptr && (enabled || serialCB->threadWanted));
+    const bool set = data.CBInfo != nullptr;
+    serialCB->cbInfo = set ? *data.CBInfo : DevmgrSerial_CBInfo_t{};
+    SerialLineWantThread(serialCB, set && (enabled || serialCB->threadWanted));
+    return SERIAL_NOERROR;
 }
 
 void SerialLineSetTransmitter(DevMgrSerial_CB_t* serialCB, UInt32 status) {
@@ -249,8 +240,8 @@ void SerialLineControl(DEVCB* pDev, IORB* pIORB, SerialLineChangeT* change) {
     const auto* data = reinterpret_cast<const DevmgrSerial_IoctlData_t*>(pIORB->pBuffer);
     {
         const MutexGuardT held(&serialCB->lock);
-        pIORB->err = serialCB->closed ? SERIAL_ERROR_UNKNOWN
-                                      : change(serialCB, serialCB->devCB.fd, pIORB->ctlCode, *data);
+        pIORB->err = serialCB->opened ? change(serialCB, serialCB->devCB.fd, pIORB->ctlCode, *data)
+                                      : SERIAL_ERROR_UNKNOWN;
     }
     const UInt32 err = SerialLineSettleThread(serialCB);
     if (pIORB->err == SERIAL_NOERROR) {
@@ -268,11 +259,16 @@ void DevMgrSerial_Init() {
     for (UInt32 port = 0; port < kSerialLines; port++) {
         const bool fpga =
             strncmp(SerialPort_DevNames[port], kFpgaPrefix, sizeof(kFpgaPrefix) - 1) == 0;
-        const EntryPointsT& entry = fpga ? kFpgaEntryPoints : kCpuEntryPoints;
+        DEVCB* device = &CBList[port].devCB;
         CBList[port].portnum = port;
-        dev_init(&CBList[port].devCB, "Ser", port + 1, entry.open, entry.close, entry.read,
-                 entry.write, entry.ioctl);
-        dev_add(&CBList[port].devCB);
+        if (fpga) {
+            dev_init(device, "Ser", port + 1, DevMgrFPGASerial_Open, DevMgrFPGASerial_Close,
+                     DevMgrFPGASerial_Read, DevMgrFPGASerial_Write, DevMgrFPGASerial_Ioctl);
+        } else {
+            dev_init(device, "Ser", port + 1, DevMgrCPUSerial_Open, DevMgrCPUSerial_Close,
+                     DevMgrCPUSerial_Read, DevMgrCPUSerial_Write, DevMgrCPUSerial_Ioctl);
+        }
+        dev_add(device);
     }
 }
 

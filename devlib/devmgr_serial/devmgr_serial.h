@@ -25,14 +25,6 @@ constexpr int kSerialLines = 8;
 
 typedef enum : UInt32 { CPU_PORT = 0, FPGA_PORT = 1 } SerialPortType_t;
 
-// The life of a line's thread; private to the device manager.
-typedef enum : UInt32 {
-    kLineThreadNone = 0,
-    kLineThreadServing = 1,
-    kLineThreadLeaving = 2,  // somebody deletes it
-    kLineThreadFailed = 3    // gone, because the line could not be waited for; counts as running
-} LineThreadT;
-
 // One line. Its device id is its address.
 typedef struct {
     DEVCB devCB;                // first, so that the device table's block is the record
@@ -46,10 +38,10 @@ typedef struct {
     // Private to the device manager, see line.h:
     pthread_mutex_t lock;
     pthread_cond_t threadGone;
-    std::atomic<LineThreadT> thread;
     UInt32 threadIncarnation;  // with threadID: which thread
     bool threadWanted;
-    bool closed;  // the descriptor has been given back
+    bool threadLeaving;  // the thread is ending, whatever is wanted
+    bool opened;         // the descriptor is the line's
 } DevMgrSerial_CB_t;
 static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
 

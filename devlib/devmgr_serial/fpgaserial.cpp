@@ -11,16 +11,6 @@ constexpr UInt32 kMaxBaudRate = 115200;
 // Up to this instance a line has fixed stop bits, data bits and flow control.
 constexpr UInt32 kLastFixedInstance = 2;
 
-fpgaserial_databits_t DataBits(UInt32 mask) {
-    if ((mask & kSerialDataBits5) != 0) {
-        return FPGASERIAL_DATABITS_SIZE5;
-    }
-    if ((mask & kSerialDataBits6) != 0) {
-        return FPGASERIAL_DATABITS_SIZE6;
-    }
-    return (mask & kSerialDataBits7) != 0 ? FPGASERIAL_DATABITS_SIZE7 : FPGASERIAL_DATABITS_SIZE8;
-}
-
 fpgaserial_parity_t Parity(UInt32 mask) {
     if ((mask & kSerialParityEven) != 0) {
         return FPGASERIAL_EVEN_PARITY;
@@ -33,7 +23,7 @@ UInt32 Configure(const DevMgrSerial_CB_t* serialCB, int fd, const DevmgrSerial_C
     fpgaserial_config_t line = {};
     if (serialCB->devCB.instance > kLastFixedInstance) {
         line.valid_mask = kFpgaSerialValidAll;
-        line.databits_size = DataBits(mask);
+        line.databits_size = static_cast<fpgaserial_databits_t>(SerialLineDataBits(mask));
         line.stopbits =
             (mask & kSerialStopBits2) != 0 ? FPGASERIAL_STOPBITS_2 : FPGASERIAL_STOPBITS_1;
     } else {
@@ -91,13 +81,10 @@ UInt32 Change(DevMgrSerial_CB_t* serialCB, int fd, UInt32 ctlCode,
     switch (ctlCode) {
         case kSerialCtlConfig:
             return Configure(serialCB, fd, data.serConfig);
-        case kSerialCtlCallbacks:
-            SerialLineSetCallbacks(serialCB, data.CBInfo);
-            return SERIAL_NOERROR;
         case kSerialCtlStatus:
             return ChangeStatus(serialCB, fd, data.PortStatus);
         default:
-            return SERIAL_UNKNOWN_IOCTL;
+            return SerialLineSetCallbacks(serialCB, ctlCode, data);
     }
 }
 

@@ -2,15 +2,17 @@
 //
 // One lock for each line, `lock` in its record. It guards the record and the descriptor in it, and
 // is held for changes, control requests and reading what is there; never while waiting for the line
-// or for a thread, and never in a callback. Who waits does so on a descriptor of its own, so
-// closing a line waits for no request and takes no number away from one.
+// or for a thread, and never in a callback. Who waits watches the descriptor's number without the
+// lock, which does no harm even where the number is another file's meanwhile, and looks under the
+// lock whether the line is still the one that it was before touching it.
 //
 // The line's thread has one life for each start:
-//   None -> Serving   a request wants a thread (threadWanted) and makes it;
-//   Serving -> None   one of its callbacks wanted it gone, and has returned;
-//   Serving -> Leaving -> None   another thread wants it gone, deletes it and waits;
-//   Serving -> Failed -> None    the line cannot be waited for; a stop forgets it.
-// The thread itself takes the step to None, as the last thing that it does with the line, and wakes
+//   none -> running   a request wants a thread (threadWanted) and makes it;
+//   running -> leaving -> none   another thread wants it gone, deletes it and waits; or one of its
+//                     callbacks wanted it gone, and has returned;
+//   running -> failed -> none    the line cannot be waited for: no threadID, but it counts as
+//                     running until a stop forgets it.
+// The thread itself takes the step to none, as the last thing that it does with the line, and wakes
 // who waits for that.
 #pragma once
 
@@ -23,41 +25,33 @@ inline DevMgrSerial_CB_t* SerialLineOf(DEVCB* pDev) {
     return reinterpret_cast<DevMgrSerial_CB_t*>(pDev);
 }
 
-// One user's own descriptor of a line, from now on until the scope ends.
-class SerialLineUseT {
-  public:
-    explicit SerialLineUseT(DevMgrSerial_CB_t* serialCB);
-    ~SerialLineUseT();
-    SerialLineUseT(const SerialLineUseT&) = delete;
-    SerialLineUseT& operator=(const SerialLineUseT&) = delete;
+// The data bits of a configuration: 0 for five to 3 for eight.
+inline UInt32 SerialLineDataBits(UInt32 mask) {
+    if ((mask & kSerialDataBits5) != 0) {
+        return 0;
+    }
+    return (mask & kSerialDataBits6) != 0 ? 1 : (mask & kSerialDataBits7) != 0 ? 2 : 3;
+}
 
-    // Negative where the line is closed or there is no descriptor to spare.
-    int fd() const { return fd_; }
-
-    // As it was when the use began.
-    bool TransmitterOn() const { return transmitter_on_; }
-
-    // Reads what is there now into `got`, read(2)'s result. False where nothing is: another user of
-    // the line was first. After a closing `got` is -1.
-    bool ReadNow(SInt8* buffer, UInt32 size, ssize_t* got) const;
-
-    // Waits for the line to have or to take (`output`) bytes, for at most `left` microseconds, and
-    // lowers them by the time spent. Returns 1 when it does, 0 when the time is over, -1 when the
-    // line fails or is closed.
-    int Wait(bool output, UInt64* left) const;
-
-  private:
-    bool Closed() const;  // the lock is held
-
-    DevMgrSerial_CB_t* serialCB_;
-    int fd_ = -1;
-    bool transmitter_on_;
-    UInt32 closings_;  // of the line, when this use began
+// One opening of a line, as a user saw it under the line's lock.
+struct SerialLineOpeningT {
+    int fd;           // to be watched only; negative where the line was closed
+    UInt32 closings;  // of the line, before
+    bool transmits;   // its transmitter is enabled
 };
+SerialLineOpeningT SerialLineOpening(const DevMgrSerial_CB_t* serialCB);
 
-// The callback request, under the line's lock. Null `CBInfo` clears the callbacks and wants no
-// thread; otherwise they are stored and a thread is wanted where a direction is enabled.
-void SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, const DevmgrSerial_CBInfo_t* info);
+// Reads what the line has now, under its lock. Returns read(2)'s result, -1 after a closing, or
+// kNothingThere: another user of the line was first.
+constexpr ssize_t kNothingThere = -2;
+ssize_t SerialLineReadNow(const DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening,
+                          SInt8* buffer, UInt32 size);
+
+// The callback request, under the line's lock; any other code is unknown. Returns the request's
+// result. Null `CBInfo` clears the callbacks and wants no thread; otherwise they are stored and a
+// thread is wanted where a direction is enabled.
+UInt32 SerialLineSetCallbacks(DevMgrSerial_CB_t* serialCB, UInt32 ctlCode,
+                              const DevmgrSerial_IoctlData_t& data);
 
 // Applies the transmitter's bits of a status request, under the line's lock.
 void SerialLineSetTransmitter(DevMgrSerial_CB_t* serialCB, UInt32 status);

@@ -16,141 +16,109 @@ constexpr UInt32 kLineStack = 8192;
 constexpr UInt32 kPollMicroseconds = 5000;
 constexpr UInt32 kReadSize = 256;
 
-UInt32 CallingTask() {
-    UInt32 task = 0;
-    t_ident(nullptr, 0, &task);
-    return task;
-}
-
 // The lock is held.
-void SetThread(DevMgrSerial_CB_t* serialCB, LineThreadT thread, UInt32 task) {
-    serialCB->thread = thread;
-    serialCB->asyncThread_running = thread != kLineThreadNone ? 1 : 0;
+void SetThread(DevMgrSerial_CB_t* serialCB, UInt32 task, UInt32 running) {
     serialCB->threadID = task;
+    serialCB->asyncThread_running = running;
+    serialCB->threadLeaving = false;
     pthread_cond_broadcast(&serialCB->threadGone);
 }
 
 // What a line wants of its thread at the moment.
 struct OrdersT {
+    SerialLineOpeningT opening;
     bool input;
     DevmgrSerial_CBInfo_t callbacks;  // the transmit callback only where output is wanted
 };
 
-// None at all for a thread that is to go.
-OrdersT OrdersOf(DevMgrSerial_CB_t* serialCB) {
-    const MutexGuardT held(&serialCB->lock);
-    if (serialCB->thread != kLineThreadServing || !serialCB->threadWanted) {
+// None at all for a thread that is to go. The lock is held.
+OrdersT OrdersOf(const DevMgrSerial_CB_t* serialCB) {
+    if (!serialCB->opened || serialCB->threadLeaving || !serialCB->threadWanted) {
         return {};
     }
-    OrdersT orders = {serialCB->rx_enabled == 1, serialCB->cbInfo};
-    if (serialCB->tx_enabled != 1) {
+    OrdersT orders = {SerialLineOpening(serialCB), serialCB->rx_enabled == 1, serialCB->cbInfo};
+    if (!orders.opening.transmits) {
         orders.callbacks.txCBFunc = nullptr;
     }
     return orders;
 }
 
-// What the line had to offer in one round.
-struct RoundT {
-    bool silent = false;  // readable, but it yields nothing: hung up
-    bool output = false;  // it takes bytes
-    ssize_t count = 0;    // of the bytes that it had
-    SInt8 bytes[kReadSize];
-};
-
-// Waits for the line for at most 5 ms, and reads. Returns false when it cannot be waited for.
-bool AskLine(DevMgrSerial_CB_t* serialCB, RoundT* round) {
-    const SerialLineUseT use(serialCB);
-    round->silent = use.fd() < 0;
-    if (round->silent) {
-        return true;
-    }
-    const OrdersT orders = OrdersOf(serialCB);
-    const bool output = orders.callbacks.txCBFunc != nullptr;
-    timeval timeout = {0, kPollMicroseconds};
-    fd_set readable;
-    fd_set writable;
-    FD_ZERO(&readable);
-    FD_ZERO(&writable);
-    if (orders.input) {
-        FD_SET(use.fd(), &readable);
-    }
-    if (output) {
-        FD_SET(use.fd(), &writable);
-    }
-    const int ready =
-        select(use.fd() + 1, &readable, output ? &writable : nullptr, nullptr, &timeout);
-    if (ready < 1) {
-        return ready == 0;
-    }
-    // The receiver may have been disabled meanwhile.
-    if (FD_ISSET(use.fd(), &readable) && OrdersOf(serialCB).input) {
-        round->silent = use.ReadNow(round->bytes, kReadSize, &round->count) && round->count < 1;
-    }
-    round->output = FD_ISSET(use.fd(), &writable);
-    return true;
+OrdersT Orders(DevMgrSerial_CB_t* serialCB) {
+    const MutexGuardT held(&serialCB->lock);
+    return OrdersOf(serialCB);
 }
 
-// One round, without a descriptor of the line while a callback runs. Returns false when the line
-// cannot be waited for.
+// Reads what a line has, unless its receiver was disabled meanwhile.
+ssize_t Take(DevMgrSerial_CB_t* serialCB, const SerialLineOpeningT& opening, SInt8* bytes) {
+    const MutexGuardT held(&serialCB->lock);
+    return OrdersOf(serialCB).input ? SerialLineReadNow(serialCB, opening, bytes, kReadSize)
+                                    : kNothingThere;
+}
+
+// Waits for the line for at most 5 ms, and says what it has to offer. Returns select(2)'s result.
+int AskLine(const OrdersT& orders, bool* readable, bool* writable) {
+    const int fd = orders.opening.fd;
+    const bool output = orders.callbacks.txCBFunc != nullptr;
+    timeval timeout = {0, kPollMicroseconds};
+    fd_set in;
+    fd_set out;
+    FD_ZERO(&in);
+    FD_ZERO(&out);
+    if (orders.input) {
+        FD_SET(fd, &in);
+    }
+    if (output) {
+        FD_SET(fd, &out);
+    }
+    const int ready = select(fd + 1, &in, output ? &out : nullptr, nullptr, &timeout);
+    *readable = ready > 0 && FD_ISSET(fd, &in);
+    *writable = ready > 0 && FD_ISSET(fd, &out);
+    return ready;
+}
+
+// One round. Returns false when the line cannot be waited for.
 bool ServeLine(DevMgrSerial_CB_t* serialCB) {
-    RoundT round;
-    if (!AskLine(serialCB, &round)) {
+    const OrdersT orders = Orders(serialCB);
+    bool readable;
+    bool writable;
+    if (AskLine(orders, &readable, &writable) < 0) {
         return false;
     }
-    if (round.silent) {
-        udelay(kPollMicroseconds);  // without a pause this thread would spin
+    SInt8 bytes[kReadSize];
+    const ssize_t count = readable ? Take(serialCB, orders.opening, bytes) : kNothingThere;
+    if (count < 1 && count != kNothingThere) {
+        udelay(kPollMicroseconds);  // hung up: without a pause this thread would spin
         return true;
     }
-    DevmgrSerial_CBInfo_t callbacks = OrdersOf(serialCB).callbacks;
-    if (round.count > 0 && callbacks.rxCBFunc != nullptr) {
-        DevmgrSerial_CBdata_t data = {round.bytes, {static_cast<UInt32>(round.count)}};
+    DevmgrSerial_CBInfo_t callbacks = Orders(serialCB).callbacks;
+    if (count > 0 && callbacks.rxCBFunc != nullptr) {
+        DevmgrSerial_CBdata_t data = {bytes, {static_cast<UInt32>(count)}};
         callbacks.rxCBFunc(callbacks.Context_Data, &data);
-        callbacks = OrdersOf(serialCB).callbacks;
+        callbacks = Orders(serialCB).callbacks;
     }
-    if (round.output && callbacks.txCBFunc != nullptr) {
+    if (writable && callbacks.txCBFunc != nullptr) {
         callbacks.txCBFunc(callbacks.Context_Data);
     }
     return true;
 }
 
 // The calling thread as the thread of a line. At the end, also where it is deleted, the line has
-// none any more.
-class ServingT {
-  public:
-    explicit ServingT(DevMgrSerial_CB_t* serialCB) : serialCB_(serialCB), self_(CallingTask()) {}
+// none any more; one that failed counts as running until somebody wants it gone.
+struct ServingT {
+    DevMgrSerial_CB_t* serialCB;
+    bool failed;
+
     ~ServingT() {
-        const MutexGuardT held(&serialCB_->lock);
-        Leave(kLineThreadNone);
+        const MutexGuardT held(&serialCB->lock);
+        SetThread(serialCB, 0, failed && !serialCB->threadLeaving ? 1 : 0);
     }
-    ServingT(const ServingT&) = delete;
-    ServingT& operator=(const ServingT&) = delete;
 
-    // Whether to go on; a thread that is leaving goes on until it is deleted. The answer no is
-    // final: whoever wants a thread from now on makes a new one.
+    // The answer no is final: whoever wants a thread from now on makes a new one.
     bool GoOn() const {
-        const MutexGuardT held(&serialCB_->lock);
-        if (serialCB_->thread == kLineThreadServing && !serialCB_->threadWanted) {
-            Leave(kLineThreadNone);
-        }
-        return serialCB_->threadID == self_;
+        const MutexGuardT held(&serialCB->lock);
+        serialCB->threadLeaving |= !serialCB->threadWanted;
+        return !serialCB->threadLeaving;
     }
-
-    void Fail() const {
-        const MutexGuardT held(&serialCB_->lock);
-        if (serialCB_->thread == kLineThreadServing) {
-            Leave(kLineThreadFailed);
-        }
-    }
-
-  private:
-    void Leave(LineThreadT thread) const {
-        if (serialCB_->threadID == self_) {
-            SetThread(serialCB_, thread, 0);
-        }
-    }
-
-    DevMgrSerial_CB_t* serialCB_;
-    UInt32 self_;
 };
 
 void LineTask(UInt32 record, UInt32, UInt32, UInt32) {
@@ -159,7 +127,6 @@ void LineTask(UInt32 record, UInt32, UInt32, UInt32) {
 
 // The lock is held.
 UInt32 MakeThread(DevMgrSerial_CB_t* serialCB) {
-    const NoCancelT no_cancel;
     UInt32 task = 0;
     if (t_create("seri", kLinePriority, kLineStack, 0, 0, &task) != kTaskOk) {
         puts("DevMgrCPUSerial_Start_AsyncThread(): Async thread create error");
@@ -172,22 +139,8 @@ UInt32 MakeThread(DevMgrSerial_CB_t* serialCB) {
         return SERIAL_ERROR_UNKNOWN;
     }
     serialCB->threadIncarnation = t_incarnation(task);
-    SetThread(serialCB, kLineThreadServing, task);
+    SetThread(serialCB, task, 1);
     return SERIAL_NOERROR;
-}
-
-// Deletes the thread that is leaving and waits until it has left the line. Whoever finds it leaving
-// does the same, so nobody depends on another one not being deleted here. The lock is held, and
-// given up.
-void EndThread(DevMgrSerial_CB_t* serialCB, CancellableMutexGuardT* held) {
-    const UInt32 task = serialCB->threadID;
-    const UInt32 incarnation = serialCB->threadIncarnation;
-    held->Unlock();
-    t_delete_incarnation(task, incarnation);
-    const CancellableMutexGuardT again(&serialCB->lock);
-    while (serialCB->threadID == task && serialCB->threadIncarnation == incarnation) {
-        pthread_cond_wait(&serialCB->threadGone, &serialCB->lock);
-    }
 }
 
 void Want(DevMgrSerial_CB_t* serialCB, bool wanted) {
@@ -199,27 +152,35 @@ void Want(DevMgrSerial_CB_t* serialCB, bool wanted) {
 
 void SerialLineWantThread(DevMgrSerial_CB_t* serialCB, bool wanted) {
     serialCB->threadWanted = wanted;
-    if (wanted) {
-        return;
-    }
-    if (serialCB->thread == kLineThreadFailed) {
-        SetThread(serialCB, kLineThreadNone, 0);
-    } else if (serialCB->thread == kLineThreadServing && serialCB->threadID != CallingTask()) {
-        serialCB->thread = kLineThreadLeaving;
+    if (!wanted && serialCB->threadID == 0) {
+        serialCB->asyncThread_running = 0;
+    } else if (!wanted && serialCB->threadID != id_of(t_self())) {
+        serialCB->threadLeaving = true;
     }
 }
 
 UInt32 SerialLineSettleThread(DevMgrSerial_CB_t* serialCB) {
-    const UInt32 self = CallingTask();
     for (;;) {
-        CancellableMutexGuardT held(&serialCB->lock);
-        if (serialCB->thread == kLineThreadNone && serialCB->threadWanted) {
-            return MakeThread(serialCB);
+        UInt32 task;
+        UInt32 incarnation;
+        {
+            const MutexGuardT held(&serialCB->lock);
+            if (serialCB->asyncThread_running == 0 && serialCB->threadWanted) {
+                return MakeThread(serialCB);
+            }
+            task = serialCB->threadID;
+            incarnation = serialCB->threadIncarnation;
+            if (!serialCB->threadLeaving || task == id_of(t_self())) {
+                return SERIAL_NOERROR;
+            }
         }
-        if (serialCB->thread != kLineThreadLeaving || serialCB->threadID == self) {
-            return SERIAL_NOERROR;
+        // Whoever finds it leaving does the same, so nobody depends on another one not being
+        // deleted here.
+        t_delete_incarnation(task, incarnation);
+        const CancellableMutexGuardT held(&serialCB->lock);
+        while (serialCB->threadID == task && serialCB->threadIncarnation == incarnation) {
+            pthread_cond_wait(&serialCB->threadGone, &serialCB->lock);
         }
-        EndThread(serialCB, &held);
     }
 }
 
@@ -234,11 +195,8 @@ void DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t* serialCB) {
 }
 
 void DevMgrSerial_asyncDataSendRecv(void* arg) {
-    auto* serialCB = static_cast<DevMgrSerial_CB_t*>(arg);
-    const ServingT serving(serialCB);
-    while (serving.GoOn()) {
-        if (!ServeLine(serialCB)) {
-            serving.Fail();
-        }
+    ServingT serving = {static_cast<DevMgrSerial_CB_t*>(arg), false};
+    while (!serving.failed && serving.GoOn()) {
+        serving.failed = !ServeLine(serving.serialCB);
     }
 }

@@ -54,7 +54,6 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg* serialCfg) {
     if (!SerialPortExists(port) || serialCfg == nullptr) {
         return kBadParameter;
     }
-    ReservedPortT reserved(port);
     {
         const PortTableLockT lock(port, "PSH OPEN");
         if (!lock.Held()) {
@@ -64,8 +63,9 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg* serialCfg) {
             return kAlreadyInUse;
         }
         Serial_Stop_PSHSession(port, 1);
-        reserved.Reserve();
+        port_devids[port] = kSerialPortReserved;
     }
+    ReservedPortT reserved{port};
     Serialport_Modes[port] = 1;
     const int err = RunOpen(port, *serialCfg);
     if (err != 0) {

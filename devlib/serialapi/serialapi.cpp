@@ -5,7 +5,8 @@
 #include <stdio.h>
 
 #include "Common/OS/dev.h"
-#include "Common/OS/linux/mutexguard.h"
+#include "Common/OS/linux/intsoff.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/semaphores.h"
 #include "Common/OS/linux/system.h"
@@ -52,9 +53,6 @@ constexpr AppErrorT kAppErrors[] = {
     {SERIAL_ERROR_UNKNOWN, kSystemCallFailed, "Serial API Error - Unknown Error"},
 };
 
-// Guards port_cfgs.
-pthread_mutex_t configMutex = PTHREAD_MUTEX_INITIALIZER;
-
 // The entry of `table` that `value` chooses; false outside the table.
 template <size_t kCount>
 bool Translate(const UInt32 (&table)[kCount], UInt32 value, UInt32* entry) {
@@ -89,7 +87,7 @@ bool TranslateConfig(const RS232Cfg& cfg, DevmgrSerial_Config_t* config) {
 }
 
 void StoreConfig(int port, const RS232Cfg& cfg) {
-    const MutexGuardT held(&configMutex);
+    const InterruptsOffT off;
     port_cfgs[port] = cfg;
 }
 
@@ -113,49 +111,37 @@ bool OpenDevice(int port, UInt32* devid) {
     }
 }
 
-// Sends a control request and returns its result.
-UInt32 Control(UInt32 devid, IORB* pIORB, DevmgrSerial_IoctlData_t* data, UInt32 ctlCode) {
-    pIORB->pBuffer = reinterpret_cast<SInt8*>(data);
-    dev_ioctl(devid, pIORB, ctlCode);
-    return pIORB->err;
+// Prints a request that failed.
+void PrintFailed(int port, const char* operation, const char* request, UInt32 err) {
+    printf("SERIALAPI: In %s, Port: %d Device Manager %s failed, err: %d\n", operation, port,
+           request, static_cast<int>(err));
 }
 
-// Sets the device up and returns the result of the request that failed, else 0.
-UInt32 SetUpDevice(int port, ReservedPortT* reserved, const DevmgrSerial_Config_t& config,
-                   DevmgrSerial_CBInfo_t* callbacks) {
+// Sends a control request and returns its result.
+UInt32 Control(UInt32 devid, UInt32 ctlCode, DevmgrSerial_IoctlData_t data) {
     IORB iorb = {};
-    DevmgrSerial_IoctlData_t data = {};
-    data.serConfig = config;
-    UInt32 err = Control(reserved->devid, &iorb, &data, kSerialCtlConfig);
-    if (err != 0) {
-        printf("SERIALAPI: In OPEN, Port: %d Device Manager config failed, err: %d\n", port,
-               static_cast<int>(err));
-        return err;
+    iorb.pBuffer = reinterpret_cast<SInt8*>(&data);
+    dev_ioctl(devid, &iorb, ctlCode);
+    return iorb.err;
+}
+
+// Sets the device up and lets others use it. Returns the result of the request that failed, else 0.
+UInt32 SetUpDevice(UInt32 devid, const DevmgrSerial_Config_t& config,
+                   DevmgrSerial_CBInfo_t* callbacks, ReservedPortT* reserved) {
+    const char* request = "config";
+    UInt32 err = Control(devid, kSerialCtlConfig, {.serConfig = config});
+    if (err == 0) {
+        // The callbacks, which come from now on, may use the port.
+        port_devids[reserved->port] = reserved->entry = devid;
+        if (callbacks->txCBFunc != nullptr || callbacks->rxCBFunc != nullptr) {
+            request = "set callback";
+            err = Control(devid, kSerialCtlCallbacks, {.CBInfo = callbacks});
+        }
     }
-    reserved->Publish();  // the callbacks, which come from now on, may use the port
-    if (callbacks->txCBFunc == nullptr && callbacks->rxCBFunc == nullptr) {
-        return 0;
-    }
-    data.CBInfo = callbacks;
-    err = Control(reserved->devid, &iorb, &data, kSerialCtlCallbacks);
     if (err != 0) {
-        printf("SERIALAPI: In OPEN, Port: %d Device Manager set callback failed, err: %d\n", port,
-               static_cast<int>(err));
+        PrintFailed(reserved->port, "OPEN", request, err);
     }
     return err;
-}
-
-eErrorT SendStatus(int port, UInt32 devid, UInt32 status, const char* operation) {
-    IORB iorb = {};
-    DevmgrSerial_IoctlData_t data = {};
-    data.PortStatus = static_cast<DevmgrSerial_Status_t>(status);
-    const UInt32 err = Control(devid, &iorb, &data, kSerialCtlStatus);
-    if (err == 0) {
-        return kNoError;
-    }
-    printf("SERIALAPI: In %s, Port: %d Device Manager ioctl failed, err: %d\n", operation, port,
-           static_cast<int>(err));
-    return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
 }
 
 // Common to enabling and disabling; `table` holds the status bits by direction.
@@ -175,20 +161,23 @@ eErrorT ChangeDirection(int port, SerialDirectionType serialDir, const UInt32 (&
     if (!Translate(table, serialDir, &status)) {
         return kBadParameter;
     }
-    return IsDevice(slot) ? SendStatus(port, slot, status, operation) : kItemNotFound;
+    if (!IsDevice(slot)) {
+        return kItemNotFound;
+    }
+    const auto bits = static_cast<DevmgrSerial_Status_t>(status);
+    const UInt32 err = Control(slot, kSerialCtlStatus, {.PortStatus = bits});
+    if (err == 0) {
+        return kNoError;
+    }
+    PrintFailed(port, operation, "ioctl", err);
+    return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
 }
 
-struct TransferT {
-    void (*request)(UInt32 devid, IORB* pIORB);
-    const char* name;  // as in the diagnostics
-    const char* verb;
-};
-
-constexpr TransferT kWrite = {dev_write, "WRITE", "write"};
-constexpr TransferT kRead = {dev_read, "READ", "read"};
+typedef void RequestT(UInt32 devid, IORB* pIORB);
 
 // Common to writing and reading.
-int Transfer(int port, char* buffer, int size, int numOfMicroseconds, const TransferT& transfer) {
+int Transfer(int port, char* buffer, int size, int numOfMicroseconds, RequestT* request,
+             const char* operation, const char* verb) {
     if (!SerialPortExists(port) || buffer == nullptr || size < 0) {
         return kBadParameter;
     }
@@ -200,10 +189,9 @@ int Transfer(int port, char* buffer, int size, int numOfMicroseconds, const Tran
     iorb.pBuffer = buffer;
     iorb.reqLen = static_cast<UInt32>(size);
     iorb.timeout = static_cast<UInt32>(numOfMicroseconds);
-    transfer.request(slot, &iorb);
+    request(slot, &iorb);
     if (iorb.err != 0) {
-        printf("SERIALAPI: In %s, Port: %d Device Manager %s failed, err: %d\n", transfer.name,
-               port, transfer.verb, static_cast<int>(iorb.err));
+        PrintFailed(port, operation, verb, iorb.err);
         return 0;
     }
     return static_cast<int>(iorb.actLen);
@@ -230,26 +218,8 @@ PortTableLockT::~PortTableLockT() noexcept(false) {
     }
 }
 
-UInt32 ReservedPortT::Reserve() {
-    reserved_ = true;
-    entry_ = kSerialPortReserved;
-    return port_devids[port_].exchange(entry_);
-}
-
-void ReservedPortT::Publish() {
-    entry_ = devid;
-    port_devids[port_] = entry_;
-}
-
 ReservedPortT::~ReservedPortT() {
-    if (reserved_) {
-        const NoCancelT no_cancel;
-        if (devid != 0) {
-            dev_close(devid);
-        }
-        // Unless the port was taken away meanwhile: closed once published, or its session ended.
-        port_devids[port_].compare_exchange_strong(entry_, kSerialPortFree);
-    }
+    port_devids[port].compare_exchange_strong(entry, kSerialPortFree);
 }
 
 UInt32 SerialBitsPerSecond(UInt32 bitRate) {
@@ -287,7 +257,7 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
     if (!SerialPortExists(port) || serialCfg == nullptr) {
         return kBadParameter;
     }
-    ReservedPortT reserved(port);
+    pthread_testcancel();
     {
         const PortTableLockT lock(port, "Open", "Lock failed....");
         if (!lock.Held()) {
@@ -296,19 +266,24 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
         if (port_devids[port] != kSerialPortFree) {
             return kAlreadyInUse;
         }
-        reserved.Reserve();
+        port_devids[port] = kSerialPortReserved;
     }
-    if (!OpenDevice(port, &reserved.devid)) {
+    const NoCancelT no_cancel;  // the device would be lost
+    ReservedPortT reserved{port};
+    UInt32 devid = 0;
+    if (!OpenDevice(port, &devid)) {
         return kItemNotFound;
     }
     DevmgrSerial_Config_t config = {};
     if (!TranslateConfig(*serialCfg, &config)) {
+        dev_close(devid);
         return kBadParameter;
     }
     DevmgrSerial_CBInfo_t callbacks = {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext};
     Serialport_Modes[port] = 0;
-    const UInt32 err = SetUpDevice(port, &reserved, config, &callbacks);
+    const UInt32 err = SetUpDevice(devid, config, &callbacks, &reserved);
     if (err != 0) {
+        dev_close(devid);
         // 0, for a failure of the device table that no code stands for.
         return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
     }
@@ -326,29 +301,30 @@ eErrorT Serial_Disable(int port, SerialDirectionType serialDir) {
 }
 
 int Serial_Write(int port, char* writeBuf, int writeSize, int numOfMicroseconds) {
-    return Transfer(port, writeBuf, writeSize, numOfMicroseconds, kWrite);
+    return Transfer(port, writeBuf, writeSize, numOfMicroseconds, dev_write, "WRITE", "write");
 }
 
 int Serial_Read(int port, char* readBuf, int readSize, int numOfMicroseconds) {
-    return Transfer(port, readBuf, readSize, numOfMicroseconds, kRead);
+    return Transfer(port, readBuf, readSize, numOfMicroseconds, dev_read, "READ", "read");
 }
 
 eErrorT Serial_Close(int port) {
     if (!SerialPortExists(port)) {
         return kBadParameter;
     }
-    ReservedPortT reserved(port);
     UInt32 devid;
     {
         const PortTableLockT lock(port, "CLOSE");
         if (!lock.Held()) {
             return kSemUnavail;
         }
-        if (!IsDevice(port_devids[port])) {
+        devid = port_devids[port];
+        if (!IsDevice(devid)) {
             return kItemNotFound;
         }
-        devid = reserved.Reserve();
+        port_devids[port] = kSerialPortReserved;
     }
+    const ReservedPortT reserved{port};
     dev_close(devid);  // without the lock: it may wait for a callback
     return kNoError;
 }
