@@ -40,8 +40,10 @@ typedef struct {
     pthread_cond_t threadGone;
     UInt32 threadIncarnation;  // with threadID: which thread
     bool threadWanted;
-    bool threadLeaving;  // the thread is ending, whatever is wanted
-    bool opened;         // the descriptor is the line's
+    // The thread is ending, whatever is wanted. Atomic because ThreadSanitizer sees no lock that a
+    // thread takes on its way out of a cancelled wait.
+    std::atomic<bool> threadLeaving;
+    bool opened;  // the descriptor is the line's
 } DevMgrSerial_CB_t;
 static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
 

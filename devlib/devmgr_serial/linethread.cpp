@@ -116,7 +116,9 @@ struct ServingT {
     // The answer no is final: whoever wants a thread from now on makes a new one.
     bool GoOn() const {
         const MutexGuardT held(&serialCB->lock);
-        serialCB->threadLeaving |= !serialCB->threadWanted;
+        if (!serialCB->threadWanted) {
+            serialCB->threadLeaving = true;
+        }
         return !serialCB->threadLeaving;
     }
 };

@@ -7,13 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "Common/OS/linux/mutexguard.h"
-#include "Common/OS/linux/psosapi/tasks.h"
 #include "devlib/devmgr_serial/devmgr_serial.h"
 #include "tests/support/pty_lines.h"
 #include "tests/support/serial_config.h"
 #include "tests/support/stdout_file.h"
+#include "tests/support/tasks_named.h"
 
 constexpr RS232Cfg kPlain = Cfg();
 
@@ -30,13 +31,15 @@ inline int FreeDescriptor() {
 
 // The threads of all lines.
 inline int LineTasks() {
-    const MutexGuardT held(&tcblistmutex);
-    int count = 0;
-    for (TCB* tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        count += std::string(tcb->taskname) == "seri" ? 1 : 0;
-    }
-    return count;
+    return TasksNamed("seri");
 }
+
+// What stands in for the FPGA serial driver, the terminals and the launcher.
+typedef std::vector<UInt32> Words;
+extern Words words;         // of the driver's last request
+extern termios applied;     // the last attributes of a terminal
+extern int refusal;         // of the driver and of terminals: -1, else 0
+extern int launcherAnswer;  // of every command
 
 class Serial : public testing::Test {
   protected:

@@ -5,33 +5,23 @@
 #include <sys/syscall.h>
 
 #include <mutex>
-#include <thread>
-#include <vector>
 
 #include "Common/OS/linux/fpgaserial.h"
 #include "tests/devlib_serial/serialfixture.h"
 
+Words words;
+termios applied;
+int refusal;
+
 namespace {
 
-using Words = std::vector<UInt32>;
-Words words;         // of the FPGA driver's last request
-bool driverAnswers;  // else its requests are not known
-int driverResult;    // of its requests
-termios applied;     // the last attributes of a terminal
-std::mutex appliedLock;
-int terminalResult;              // of applying them
+std::mutex appliedLock;          // ports are set by several threads at once
 std::atomic<bool> slowTerminal;  // which keeps all of its attributes, as a pseudo-terminal does not
 
 class SerialSettings : public Serial {
   protected:
-    SerialSettings() { driverAnswers = true; }
-
     static UInt32 Configure(int port, UInt32 mask, UInt32 baudRate) {
         return Request(port, kSerialCtlConfig, {.serConfig = {mask, baudRate}});
-    }
-
-    static UInt32 Status(int port, UInt32 bits) {
-        return Request(port, kSerialCtlStatus, {.PortStatus = DevmgrSerial_Status_t(bits)});
     }
 };
 
@@ -44,12 +34,12 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     void* argument = va_arg(ap, void*);
     va_end(ap);
     errno = EIO;
-    if (driverAnswers && (request == kFpgaSerialSetConfig || request == kFpgaSerialReceiverOff)) {
+    if (request == kFpgaSerialSetConfig || request == kFpgaSerialReceiverOff) {
         const auto* record = static_cast<UInt32*>(argument);
         words = request == kFpgaSerialSetConfig
                     ? Words(record, record + 6)
                     : Words{static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(argument))};
-        return driverResult;
+        return refusal;
     }
     return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }
@@ -57,11 +47,11 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 extern "C" int tcsetattr(int fd, int when, const termios* line) noexcept {
     static const auto real = reinterpret_cast<decltype(&tcsetattr)>(dlsym(RTLD_NEXT, "tcsetattr"));
     {
-        const std::lock_guard guard(appliedLock);  // ports are set by several threads at once
+        const std::lock_guard guard(appliedLock);
         applied = *line;
     }
     errno = EIO;
-    return terminalResult != 0 ? terminalResult : real(fd, when, line);
+    return refusal != 0 ? refusal : real(fd, when, line);
 }
 
 extern "C" int tcgetattr(int fd, termios* line) noexcept {
@@ -113,36 +103,6 @@ TEST_F(SerialSettings, TheFpgaDriverGetsExactlyTheWordsOfEachInstance) {
     EXPECT_EQ(Configure(1, 0, 9599), SERIAL_INVALID_PARAM);
     EXPECT_EQ(Configure(1, 0, 115201), SERIAL_INVALID_PARAM);
     EXPECT_TRUE(words.empty());
-}
-
-TEST_F(SerialSettings, ReceiversAreSwitchedOnlyAsFarAsTheLineAgrees) {
-    constexpr UInt32 kNone = 99;  // no request
-    struct {
-        UInt32 bits;
-        int result;
-        UInt32 err, sent;
-        const char *fpga, *cpu;
-    } const cases[] = {
-        {PORT_RX_ENABLE, 0, 0, 0, "rx", "rx"},
-        {PORT_TX_ENABLE, 0, 0, kNone, "txrx", "txrx"},
-        {PORT_RX_DISABLE | PORT_TX_DISABLE, -1, 9, 1, "txrx", ""},
-        {PORT_RX_DISABLE | PORT_TX_DISABLE, 0, 0, 1, "", ""},
-        {PORT_RX_ENABLE, -1, 9, 0, "", "rx"},
-        {15, 0, 0, 0, "txrx", "txrx"},  // enabling wins
-        {0, 0, 0, kNone, "txrx", "txrx"},
-    };
-    for (const auto& c : cases) {
-        words = {kNone};
-        driverResult = terminalResult = c.result;
-        EXPECT_EQ(Status(1, c.bits), c.err);
-        EXPECT_EQ(words, Words{c.sent});
-        EXPECT_EQ(Enabled(1), c.fpga);
-        EXPECT_EQ(Status(4, c.bits), c.err);
-        EXPECT_EQ((applied.c_cflag & CREAD) != 0, Enabled(4).ends_with("rx"));
-        EXPECT_EQ(Enabled(4), c.cpu);
-        EXPECT_EQ(LineTasks(), c.err == 0 && *c.cpu != 0 ? 1 : 0);
-    }
-    DevMgrSerial_Stop_AsyncThread(&CBList[4]);
 }
 
 TEST_F(SerialSettings, ACpuLineGetsTheAttributesOfItsConfiguration) {
