@@ -150,6 +150,7 @@ class SerialModel : public Serial {
         } else if (p.state != PortT::kOpen) {
             p.state = PortT::kFree;
             Expect(Serial_Close_PSH(port), kNoError);
+            EXPECT_EQ(Serialport_Modes[port], 0u);
         }
     }
 

@@ -99,6 +99,13 @@ TEST_F(SerialSettings, TheFpgaDriverGetsExactlyTheWordsOfEachInstance) {
         EXPECT_EQ(words, c.sent) << "port " << c.port;
         Serial_Close(c.port);
     }
+    // Elsewhere RTS/CTS goes before XON/XOFF before DTR/DSR.
+    for (const auto& cfg : {Cfg(0, 3, 2, 0, 1, 1, 1), Cfg(0, 3, 2, 0, 1, 0, 1)}) {
+        ASSERT_EQ(Open(4, cfg), kNoError);
+        EXPECT_EQ((applied.c_cflag & CRTSCTS) != 0, cfg.hwFlowControlRtsCts != 0);
+        EXPECT_EQ((applied.c_iflag & IXON) != 0, cfg.hwFlowControlRtsCts == 0);
+        Serial_Close(4);
+    }
     words.clear();
     EXPECT_EQ(Configure(1, 0, 9599), SERIAL_INVALID_PARAM);
     EXPECT_EQ(Configure(1, 0, 115201), SERIAL_INVALID_PARAM);
