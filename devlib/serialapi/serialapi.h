@@ -84,7 +84,7 @@ void Serial_Init();
 // before DTR/DSR. FPGA lines take 9600 bit/s or more and no flow control. Returns kNoError;
 // kBadParameter for a null or unusable configuration; kSemUnavail; kAlreadyInUse, also while the
 // port is being opened or closed; kItemNotFound when the device cannot be opened; else the device's
-// failure. The port is free after any failure, and where the caller's task is deleted meanwhile.
+// failure. The port is free after any failure. The caller's task is not deleted meanwhile.
 eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr,
                     SerialRxCallbackFuncPtrT rxCallbackFuncPtr, void* rxCallbackContext,
                     const RS232Cfg* serialCfg);
