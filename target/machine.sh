@@ -15,10 +15,15 @@
 # of its real speed; the log is $machine_dir/NAME.clock.log.
 # ttyS4 and ttyS5 are wired to each other outside the machine unless machine_line4 is set.
 # A machine_lineN is a qemu character device ("null" unless set), such as "serial,path=/dev/pts/4"
-# for the other side's pseudo-terminal.
+# for the other side's pseudo-terminal. With machine_wire set to the wire program, ttyS2 and ttyS3 are
+# wired to each other, and so are ttyS4 and ttyS5, by lines that take their time.
 
 machine_run() {
     local name=$1 initrd=$2 job=$3 seconds=$4
+    if [ -n "$machine_wire" ]; then
+        machine_line2=socket,fd=20 machine_line3=socket,fd=21
+        machine_line4=socket,fd=22 machine_line5=socket,fd=23
+    fi
     local log="$machine_dir/$name.log" out="$machine_dir/$name.out"
     machine_prepare "$name" "$initrd" "$job"
     local status=0 player="" emulator
@@ -29,7 +34,7 @@ machine_run() {
             "$machine_clock_percent" &
         player=$!
     fi
-    timeout --foreground "$seconds" "${machine_command[@]}" -append "$machine_append quiet" \
+    timeout --foreground "$seconds" $machine_wire "${machine_command[@]}" -append "$machine_append quiet" \
         -nographic -serial stdio </dev/null >"$log.raw" 2>"$log.err" &
     emulator=$!
     wait $emulator || status=$?
@@ -84,4 +89,5 @@ machine_prepare() {
 }
 machine_extra=()
 machine_player=""
+machine_wire=""
 machine_clock_percent=100

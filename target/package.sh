@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# package.sh [--no-check]: the tarball for the board, build/package/kestrelflash.tar.gz: the updater
-# (stripped), the sample launcher, the man page where there is one, checksums. The same sources give
+# package.sh [--no-check]: the tarball for the board, build/package/kestrelflash.tar.gz: kestrelwatch
+# and the updater behind it (stripped), an example of a program that draws what kestrelwatch says, the
+# man page where there is one, checksums. The same sources give
 # the same bytes wherever they lie; unless --no-check, a copy of them in another folder is built as
 # well and compared.
 set -euo pipefail
@@ -21,13 +22,17 @@ build_package() {
     mkdir -p "$package_dir"
     # From the start: flags that the toolchain file once gave would stay in the folder.
     cmake --fresh --preset target-harbor >"$package_dir/build.log" 2>&1 &&
-        cmake --build --preset target-harbor --target kestrelflash >>"$package_dir/build.log" 2>&1 ||
-        { tail -40 "$package_dir/build.log"; die "the updater did not build"; }
+        cmake --build --preset target-harbor --target kestrelflash kestrelwatch \
+            >>"$package_dir/build.log" 2>&1 ||
+        { tail -40 "$package_dir/build.log"; die "what ships did not build"; }
     rm -rf "$stage_dir" && mkdir -p "$stage_dir"
-    "$cross-strip" -o "$stage_dir/kestrelflash" build/target-harbor/bin/kestrelflash
-    cp target/package/update.sh "$stage_dir/"
+    local program
+    for program in kestrelflash kestrelwatch; do
+        "$cross-strip" -o "$stage_dir/$program" "build/target-harbor/bin/$program"
+    done
+    cp target/package/draw.sh "$stage_dir/"
     [ ! -e docs/kestrelflash.1 ] || cp docs/kestrelflash.1 "$stage_dir/"
-    chmod 755 "$stage_dir/kestrelflash" "$stage_dir/update.sh"
+    chmod 755 "$stage_dir"/{kestrelflash,kestrelwatch,draw.sh}
     (cd "$stage_dir" && sha256sum -- * >../SHA256SUMS && mv ../SHA256SUMS .)
     tar -C "$package_dir" --sort=name --format=ustar --mtime="@$SOURCE_DATE_EPOCH" \
         --owner=0 --group=0 --numeric-owner --mode=go+rX,go-w,u+w -cf - kestrelflash |

@@ -71,7 +71,8 @@ pack_initrd() {
         "$target_dir/mkinitrd.sh" "$initrd" "$harbor_bin/machine-init" "$busybox" \
             "$host_board_bin" "$harbor_bin" "${programs[@]}" "${data[@]}" \
             "$target_dir/board=/board" \
-            "$target_dir/package/update.sh=/board/update.sh" "$run_dir/images=/board/images"
+            "$target_dir/package/draw.sh=/board/draw.sh" "$run_dir/images=/board/images" \
+            "$root_dir/docs/LAUNCHER.md"
 }
 
 # The programs that CMake registered as suites.
@@ -158,7 +159,8 @@ env IMAGES=/board/images
 env UPDATER=$harbor_bin/kestrelflash
 env SIMULATOR=$host_board_bin/kestrelsim
 env FPGASERIAL=$harbor_bin/fpgaserial
-env LAUNCHER=/board/update.sh
+env WATCH=$harbor_bin/kestrelwatch
+env DRAW=/board/draw.sh
 env FIRSTBYTE=$harbor_bin/firstbyte
 END
 }
@@ -192,6 +194,31 @@ run_board_machine() {
     return $status
 }
 
+# The launcher's table of faults, played by what ships on the board's own nodes, against the same
+# page as on the workstation. The machine counts instructions for its time and leaves out its pauses,
+# so an answer's time is what it is however busy this machine is.
+run_table_machine() {
+    {
+        board_environment
+        echo "env KESTRELWATCH_PROGRAM=/board/watch.sh"
+        echo "env KESTRELWATCH_PLAYERS=1"
+        echo "run BoardFaults.TableOfTheLauncher 100000 $root_dir/build/target/tests/kestrelwatch_faults_test"
+    } >"$run_dir/table.job"
+    machine_extra=(-icount "shift=0,sleep=off")
+    machine_run table "$initrd" "$run_dir/table.job" $board_seconds
+}
+
+# A workstation's run over lines that a driver buffers and that take their time.
+run_adapters_machine() {
+    {
+        board_environment
+        echo "env WATCH=$host_board_bin/kestrelwatch"
+        echo "run RealAdapters.AtTheSpeedOfTheLine 600 sh /board/adapters.sh"
+    } >"$run_dir/adapters.job"
+    machine_wire="$native_bin/wire"
+    machine_run adapters "$initrd" "$run_dir/adapters.job" $board_seconds
+}
+
 # The clock block: every write to it is traced by the emulator, and its counter runs at twice the
 # real speed.
 run_clock_machine() {
@@ -217,7 +244,7 @@ check_clock_writes() {
 
 native_case() { # NAME
     OUT="$traces/native/board" IMAGES="$run_dir/images" UPDATER="$native_bin/kestrelflash" \
-        LAUNCHER="$target_dir/package/update.sh" SIMULATOR="$native_bin/kestrelsim" \
+        WATCH="$native_bin/kestrelwatch" DRAW="$target_dir/package/draw.sh" SIMULATOR="$native_bin/kestrelsim" \
         sh "$target_dir/board/cases.sh" "$1" >"$run_dir/native-$1.log" 2>&1 8>&-
 }
 
@@ -248,19 +275,20 @@ native_e2e() {
 
 # The native end-to-end runs keep the machines company: both wait most of the time.
 board_lane() {
-    local board clock native status=0
+    local native machine machines=() status=0
     native_cases || return 1
     (native_e2e) &
     native=$!
-    (run_board_machine) &
-    board=$!
-    (run_clock_machine) &
-    clock=$!
-    wait $board || status=1
-    wait $clock || status=1
+    for machine in board clock table adapters; do
+        ("run_${machine}_machine") &
+        machines+=($!)
+    done
+    for machine in "${machines[@]}"; do
+        wait "$machine" || status=1
+    done
     wait $native || status=1
     [ $status -eq 0 ] || return 1
-    count_machine "board lane" board clock || return 1
+    count_machine "board lane" board clock table adapters || return 1
     [ ! -s "$run_dir/native-failed" ] ||
         count "native runs of the same cases" 0 "$(wc -l <"$run_dir/native-failed")" 0
     check_clock_writes
@@ -283,7 +311,7 @@ equality() {
 }
 
 footprint() {
-    "$target_dir/footprint.sh" "$harbor_bin/kestrelflash" "$traces/target/board" \
+    "$target_dir/footprint.sh" "$harbor_bin" "$traces/target/board" \
         "$root_dir/docs/FOOTPRINT.md"
 }
 
@@ -317,7 +345,7 @@ main() {
         stage "kernel and shell (cached)" prepare_machine
         stage "build for the board's processor, harbor board" configure_and_build target-harbor
         stage "native build of what runs beside the machine" configure_and_build host \
-            kestrelflash kestrelsim clockplayer e2e_test
+            kestrelflash kestrelsim kestrelwatch clockplayer wire e2e_test
         mapfile -t suites < <(suite_programs)
         stage "RAM disk" pack_initrd
         stage "full lane: every suite in the emulated machine" full_lane

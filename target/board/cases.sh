@@ -4,14 +4,16 @@
 #   OUT       folder for the run's traces: CASE.console, CASE.status, CASE.events, CASE.driver,
 #             CASE.progress; CASE.again, what a first run said that failed
 #   IMAGES    folder with the images
-#   UPDATER, LAUNCHER, SIMULATOR, FPGASERIAL   the programs; without FPGASERIAL the lines are the simulator's
-#             pseudo-terminals, looked up through HARBOR_DEV_DIR
+#   UPDATER, WATCH, SIMULATOR, FPGASERIAL   the programs; without FPGASERIAL the lines are the
+#             simulator's pseudo-terminals, looked up through HARBOR_DEV_DIR
+#   DRAW      the package's example of a program that starts kestrelwatch
 # Exit status 0: the run was as stated here; the difference is printed otherwise. The link gives an
 # answer 50 ms, which another load of the machine can use up: a run that fails is made once more.
 set -u
 
 # Name, the exit status, the lines that are opened in this order (1 the microcontroller's, 0 the
-# camera's), the updater's arguments, the simulator's. Without arguments the sample launcher runs.
+# camera's; 1= and 0= where the line is only looked at), the updater's arguments, the simulator's.
+# Behind "watch" the arguments are kestrelwatch's, which the package's example starts.
 cases() {
     cat <<'END'
 usage|255||q|
@@ -30,15 +32,20 @@ camera-nack|255|0|overlook|--fault "nack unit=camera block=1"
 no-driver|255||micro|
 no-image|0|1|micro|
 no-version-file|255|0|overlook|
-launcher|0|1 0 1 0||
-launcher-current|0|1 0||--micro-version 37 --camera-version 1001 --system-version 2001
+watch|0|1= 0= 1 0 1 0 1 0|watch --pipe progress all|
+watch-current|0|1= 0= 1 0|watch all|--micro-version 37 --camera-version 1001 --system-version 2001
+watch-no-answer|255|1= 0= 1 0|watch all|--fault "drop unit=camera"
+watch-half-way|120|1= 1 1 1|watch --pipe progress micro|--fault "drop image=micro block=5"
+watch-no-image|118||watch all|
+watch-no-driver|118||watch all|
+watch-bad-word|121||watch al|
 pipe-without-folder|0|1|micro -p nowhere/progress 10 90|
 END
 }
 
 prepare() { # CASE: in a copy of the images' folder
     case $1 in
-        no-image) rm kestrelmicro.bin ;;
+        no-image | watch-no-image) rm kestrelmicro.bin ;;
         no-version-file) rm overlooksysver ;;
         update) mkfifo progress ;;
     esac
@@ -57,7 +64,7 @@ wait_for() { # FILE TEXT
 start_unit() {
     eval "set -- $unit_arguments"
     if [ -n "${FPGASERIAL:-}" ]; then
-        [ "$name" != no-driver ] || return 0
+        [ "${name#watch-}" != no-driver ] || return 0
         "$FPGASERIAL" --log "$OUT/$name.driver" --line "0=pty:$work/line0" \
             --line "1=pty:$work/line1" >"$work/driver.out" 2>&1 &
         children="$children $!"
@@ -66,7 +73,7 @@ start_unit() {
     else
         HARBOR_DEV_DIR="$work/dev"
         export HARBOR_DEV_DIR
-        [ "$name" != no-driver ] || return 0
+        [ "${name#watch-}" != no-driver ] || return 0
     fi
     "$SIMULATOR" --dir "$work/dev" --state "$work/state" --images "$work/images" \
         --log "$OUT/$name.events" "$@" >"$work/unit.out" 2>&1 &
@@ -78,7 +85,10 @@ start_unit() {
 # What the driver must have seen of a line that the updater used: 115200 bit/s, even parity.
 stated_driver_log() {
     for port in $lines; do
-        stated_line "$port"
+        case $port in
+            *=) printf 'fpgaserial%s open\nfpgaserial%s close\n' "${port%=}" "${port%=}" ;;
+            *) stated_line "$port" ;;
+        esac
     done
 }
 stated_line() {
@@ -108,7 +118,7 @@ same_micro_image() {
 
 check_results() {
     check "exit status $status instead of $stated_status" [ "$status" -eq "$stated_status" ]
-    if [ -n "${FPGASERIAL:-}" ] && [ "$name" != no-driver ]; then
+    if [ -n "${FPGASERIAL:-}" ] && [ "${name#watch-}" != no-driver ]; then
         stated_driver_log >"$work/stated"
         check "the driver saw something else" diff "$work/stated" "$OUT/$name.driver"
     fi
@@ -119,11 +129,11 @@ check_results() {
             check "system image" same_image overlooksys.bin
             check "progress" grep -q '100$' "$OUT/$name.progress"
             ;;
-        launcher)
-            check "what the launcher says" grep -q '^updated$' "$work/launcher"
+        watch)
+            check "microcontroller image" same_micro_image
             check "system image" same_image overlooksys.bin
+            check "what is drawn" grep -q '^\[====================\] 100 %' "$work/drawn"
             ;;
-        launcher-current) check "what the launcher says" grep -q '^up to date$' "$work/launcher" ;;
         update-micro) check "microcontroller image" same_micro_image ;;
         update-camera) check "system image" same_image overlooksys.bin ;;
     esac
@@ -154,17 +164,18 @@ run_case() {
         children="$children $!"
     fi
     status=0
-    if [ -n "$arguments" ]; then
-        # shellcheck disable=SC2086
-        "$UPDATER" $arguments >"$work/console" 2>&1 || status=$?
-    else
-        KESTRELFLASH=$UPDATER sh "$LAUNCHER" . >"$work/launcher" 2>&1 || status=$?
-        # Its pipe has a new name each time, and it shows what it sees of the numbers.
-        grep -v ' %$' "$work/launcher" >"$work/console"
-        sed 's,\(-p \|argv.*=\)[^ ]*/progress,\1progress,' update.log >>"$work/console"
-    fi
-    # The program's own path is part of what it prints.
-    sed "s|$UPDATER|kestrelflash|g" "$work/console" >"$OUT/$name.console"
+    # shellcheck disable=SC2086
+    case $arguments in
+        watch*)
+            KESTRELWATCH=$WATCH sh "$DRAW" ${arguments#watch} >"$work/drawn" 2>&1 || status=$?
+            # How long it took differs, and with it what was drawn on the way.
+            sed '/ %  /d; s/ in [0-9]*:[0-9]*:/:/' "$work/drawn" >"$work/console"
+            grep -v '^kestrelwatch: ' update.log >>"$work/console"
+            ;;
+        *) "$UPDATER" $arguments >"$work/console" 2>&1 || status=$? ;;
+    esac
+    # The program's own path is part of what it prints, and the lines' where they are missed.
+    sed "s|$UPDATER|kestrelflash|g; s|$work/dev/|/dev/|g" "$work/console" >"$OUT/$name.console"
     echo $status >"$OUT/$name.status"
     [ -z "$unit" ] || { kill "$unit"; wait "$unit" 2>/dev/null; }
     check_results

@@ -26,9 +26,6 @@ struct Config {
 };
 static_assert(sizeof(Config) == 24);
 
-// Above this the line counts as congested: the device is then not ready for writing.
-constexpr size_t kLineBacklog = 4096;
-
 bool MakeRaw(int fd) {
     termios settings{};
     if (tcgetattr(fd, &settings) != 0) {
@@ -38,6 +35,16 @@ bool MakeRaw(int fd) {
     settings.c_cflag |= CLOCAL | CREAD;
     cfsetspeed(&settings, B115200);
     return tcsetattr(fd, TCSANOW, &settings) == 0;
+}
+
+// Raw, and never waiting.
+int OpenTerminal(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    if (fd >= 0 && !MakeRaw(fd)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // The slave side stays open here, so that the master does not see a hang-up between two users.
@@ -65,15 +72,32 @@ bool FpgaSerialDevice::Start() {
 }
 
 bool FpgaSerialDevice::Connect(const std::string& stream) {
-    if (stream.starts_with("pty:")) {
-        lineFd_ = OpenPseudoTerminal(stream.substr(4));
-    } else {
-        lineFd_ = open(stream.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
-        if (lineFd_ >= 0 && !MakeRaw(lineFd_)) {
-            return false;
-        }
+    if (stream.starts_with("with:")) {
+        linePath_ = stream.substr(5);
+        return true;
     }
+    lineFd_ =
+        stream.starts_with("pty:") ? OpenPseudoTerminal(stream.substr(4)) : OpenTerminal(stream);
     return lineFd_ >= 0 && fcntl(lineFd_, F_SETFL, O_RDWR | O_NONBLOCK) == 0;
+}
+
+bool FpgaSerialDevice::OpenLine() {
+    if (linePath_.empty() || users_ > 0) {
+        return true;
+    }
+    lineFd_ = OpenTerminal(linePath_);
+    hungUp_ = false;
+    return lineFd_ >= 0;
+}
+
+void FpgaSerialDevice::CloseLine() {
+    if (linePath_.empty() || users_ > 0) {
+        return;
+    }
+    close(lineFd_);
+    lineFd_ = -1;
+    fromLine_.clear();
+    toLine_.clear();
 }
 
 void FpgaSerialDevice::ServeRequests() {
@@ -105,8 +129,13 @@ void FpgaSerialDevice::Serve(const CuseRequest& request) {
 }
 
 void FpgaSerialDevice::Open(const CuseRequest& request) {
+    if (!OpenLine()) {
+        cuse_.ReplyError(request.header.unique, errno);
+        return;
+    }
     fuse_open_out answer{};
     answer.fh = ++opens_;
+    users_++;
     answer.open_flags = FOPEN_DIRECT_IO | FOPEN_NONSEEKABLE;
     Log("open");
     cuse_.Reply(request, &answer, sizeof answer);
@@ -115,6 +144,8 @@ void FpgaSerialDevice::Open(const CuseRequest& request) {
 void FpgaSerialDevice::Release(const CuseRequest& request) {
     const auto call = request.As<fuse_release_in>();
     std::erase_if(polls_, [&](const PendingPoll& poll) { return poll.file == call.fh; });
+    users_--;
+    CloseLine();
     Log("close");
     cuse_.ReplyError(request.header.unique, 0);
 }
@@ -125,7 +156,7 @@ void FpgaSerialDevice::Nothing(const CuseRequest& request) {
 
 void FpgaSerialDevice::Read(const CuseRequest& request) {
     const auto call = request.As<fuse_read_in>();
-    if (fromLine_.empty() && (call.flags & O_NONBLOCK) != 0) {
+    if (fromLine_.empty() && !hungUp_ && (call.flags & O_NONBLOCK) != 0) {
         cuse_.ReplyError(request.header.unique, EAGAIN);
         return;
     }
@@ -134,8 +165,8 @@ void FpgaSerialDevice::Read(const CuseRequest& request) {
 }
 
 void FpgaSerialDevice::AnswerReads() {
-    while (!reads_.empty() && !fromLine_.empty()) {
-        const PendingRead read = reads_.front();
+    while (!reads_.empty() && (!fromLine_.empty() || hungUp_)) {
+        const PendingTransfer read = reads_.front();
         reads_.pop_front();
         const size_t size = std::min<size_t>(read.size, fromLine_.size());
         const auto end = fromLine_.begin() + static_cast<ptrdiff_t>(size);
@@ -152,10 +183,28 @@ void FpgaSerialDevice::Write(const CuseRequest& request) {
     const size_t size = std::min<size_t>(call.size, request.body.size() - sizeof call);
     const auto start = request.body.begin() + sizeof call;
     toLine_.insert(toLine_.end(), start, start + static_cast<ptrdiff_t>(size));
+    writes_.push_back({request.header.unique, static_cast<uint32_t>(size)});
     WriteLine();
-    fuse_write_out answer{};
-    answer.size = static_cast<uint32_t>(size);
-    cuse_.Reply(request, &answer, sizeof answer);
+}
+
+// Those that wait: `sent`, or failed with the line.
+void FpgaSerialDevice::AnswerWrites(bool sent) {
+    for (const PendingTransfer& write : writes_) {
+        CuseRequest answered{};
+        answered.header.unique = write.unique;
+        const fuse_write_out answer{.size = write.size, .padding = 0};
+        if (sent) {
+            cuse_.Reply(answered, &answer, sizeof answer);
+        } else {
+            cuse_.ReplyError(write.unique, EIO);
+        }
+    }
+    writes_.clear();
+}
+
+bool FpgaSerialDevice::TakesOutput() const {
+    pollfd line{lineFd_, POLLOUT, 0};
+    return lineFd_ < 0 || hungUp_ || (toLine_.empty() && poll(&line, 1, 0) == 1);
 }
 
 void FpgaSerialDevice::Ioctl(const CuseRequest& request) {
@@ -203,9 +252,10 @@ void FpgaSerialDevice::Poll(const CuseRequest& request) {
         polls_.push_back({call.fh, call.kh});
     }
     fuse_poll_out answer{};
-    answer.revents =
-        static_cast<uint32_t>((fromLine_.empty() ? 0 : POLLIN | POLLRDNORM) |
-                              (toLine_.size() >= kLineBacklog ? 0 : POLLOUT | POLLWRNORM));
+    outputAwaited_ = !TakesOutput();
+    answer.revents = static_cast<uint32_t>(
+        (fromLine_.empty() && !hungUp_ ? 0 : POLLIN | POLLRDNORM) |
+        (outputAwaited_ ? 0 : POLLOUT | POLLWRNORM) | (hungUp_ ? POLLHUP | POLLERR : 0));
     cuse_.Reply(request, &answer, sizeof answer);
 }
 
@@ -216,47 +266,53 @@ void FpgaSerialDevice::WakePolls() {
     polls_.clear();
 }
 
-// A signal, such as a thread's cancellation, ends a blocked read.
+// A signal, such as a thread's cancellation, ends a blocked read or write; what the write had not
+// sent yet is lost.
 void FpgaSerialDevice::Interrupt(const CuseRequest& request) {
     const auto call = request.As<fuse_interrupt_in>();
-    for (auto read = reads_.begin(); read != reads_.end(); ++read) {
-        if (read->unique == call.unique) {
-            reads_.erase(read);
-            cuse_.ReplyError(call.unique, EINTR);
-            return;
-        }
+    const auto meant = [&](const PendingTransfer& pending) {
+        return pending.unique == call.unique;
+    };
+    const bool written = std::erase_if(writes_, meant) != 0;
+    if (written) {
+        toLine_.clear();
+    }
+    if (written || std::erase_if(reads_, meant) != 0) {
+        cuse_.ReplyError(call.unique, EINTR);
     }
 }
 
 void FpgaSerialDevice::ReadLine() {
     uint8_t bytes[1024];
     const ssize_t size = read(lineFd_, bytes, sizeof bytes);
-    if (size <= 0 || !receiverOn_) {
+    hungUp_ = !linePath_.empty() && (size == 0 || (size < 0 && errno != EAGAIN));
+    if (hungUp_) {
+        toLine_.clear();
+        AnswerWrites(false);
+    } else if (size <= 0 || !receiverOn_) {
         return;
+    } else {
+        fromLine_.insert(fromLine_.end(), bytes, bytes + size);
     }
-    fromLine_.insert(fromLine_.end(), bytes, bytes + size);
     AnswerReads();
     WakePolls();
 }
 
 void FpgaSerialDevice::WriteLine() {
-    const bool congested = toLine_.size() >= kLineBacklog;
-    if (lineFd_ < 0) {
-        toLine_.clear();
-    }
-    while (!toLine_.empty()) {
+    while (!toLine_.empty() && lineFd() >= 0) {
         uint8_t bytes[1024];
         const size_t size = std::min(sizeof bytes, toLine_.size());
         std::copy_n(toLine_.begin(), size, bytes);
         const ssize_t written = write(lineFd_, bytes, size);
         if (written <= 0) {
-            break;
+            return;
         }
         toLine_.erase(toLine_.begin(), toLine_.begin() + written);
     }
-    if (congested && toLine_.size() < kLineBacklog) {
-        WakePolls();
-    }
+    toLine_.clear();
+    AnswerWrites(!hungUp_);
+    outputAwaited_ = false;
+    WakePolls();
 }
 
 void FpgaSerialDevice::Log(const char* format, ...) {

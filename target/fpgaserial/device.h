@@ -21,24 +21,27 @@ class FpgaSerialDevice {
     bool Start();
 
     // Connects the stream behind the line. "pty:LINK" makes a pseudo-terminal and a symbolic link
-    // LINK to it; anything else is a terminal device to open raw. False with errno set.
+    // LINK to it; "with:PATH" is a terminal device that is opened with the node and closed with it,
+    // so that whoever stands at its other end sees both; anything else is a terminal device to open
+    // raw. False with errno set.
     bool Connect(const std::string& stream);
 
     int cuseFd() const { return cuse_.fd(); }
-    int lineFd() const { return lineFd_; }
-    bool wantsToWrite() const { return !toLine_.empty(); }
+    int lineFd() const { return hungUp_ ? -1 : lineFd_; }
+    bool wantsToWrite() const { return !toLine_.empty() || outputAwaited_; }
 
     // From the kernel: serves every request that waits.
     void ServeRequests();
 
-    // From the line: takes what has arrived, or drops it while the receiver is off.
+    // From the line: takes what has arrived, or drops it while the receiver is off. A line that has
+    // gone away is so for the device's users too.
     void ReadLine();
 
     // To the line: writes what it takes.
     void WriteLine();
 
   private:
-    struct PendingRead {
+    struct PendingTransfer {
         uint64_t unique;
         uint32_t size;
     };
@@ -59,17 +62,26 @@ class FpgaSerialDevice {
     void Interrupt(const CuseRequest& request);
     void Nothing(const CuseRequest& request);
     void AnswerReads();
+    void AnswerWrites(bool sent);
+    bool TakesOutput() const;
+    bool OpenLine();
+    void CloseLine();
     void WakePolls();
     void Log(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     CuseDevice cuse_;
     std::string name_;
     FILE* log_;
+    std::string linePath_;  // of a line that is opened with the node
     int lineFd_ = -1;
+    bool hungUp_ = false;
     bool receiverOn_ = false;
+    bool outputAwaited_ = false;
     uint64_t opens_ = 0;
+    uint64_t users_ = 0;
     std::deque<uint8_t> toLine_;
     std::deque<uint8_t> fromLine_;
-    std::deque<PendingRead> reads_;
+    std::deque<PendingTransfer> reads_;
+    std::deque<PendingTransfer> writes_;  // answered when all is out, as the driver does
     std::vector<PendingPoll> polls_;
 };

@@ -87,10 +87,10 @@ void ServeForever(const std::vector<std::unique_ptr<FpgaSerialDevice>>& devices)
             if (ready[2 * i].revents != 0) {
                 devices[i]->ServeRequests();
             }
-            if ((ready[2 * i + 1].revents & POLLIN) != 0) {
+            if ((ready[2 * i + 1].revents & (POLLIN | POLLHUP)) != 0) {
                 devices[i]->ReadLine();
             }
-            if ((ready[2 * i + 1].revents & POLLOUT) != 0) {
+            if ((ready[2 * i + 1].revents & POLLOUT) != 0 && devices[i]->lineFd() >= 0) {
                 devices[i]->WriteLine();
             }
         }
@@ -102,7 +102,8 @@ void ServeForever(const std::vector<std::unique_ptr<FpgaSerialDevice>>& devices)
 int main(int argc, char** argv) {
     Options options;
     if (!Parse(argc, argv, &options)) {
-        fputs("usage: fpgaserial [--log FILE] [--line N=TERMINAL|N=pty:LINK]...\n", stderr);
+        fputs("usage: fpgaserial [--log FILE] [--line N=TERMINAL|N=pty:LINK|N=with:TERMINAL]...\n",
+              stderr);
         return 2;
     }
     FILE* log = fopen(options.log.c_str(), "ae");
