@@ -209,7 +209,9 @@ bool FpgaSerialDevice::TakesOutput() const {
 
 void FpgaSerialDevice::Ioctl(const CuseRequest& request) {
     const auto call = request.As<fuse_ioctl_in>();
-    if (call.cmd == kSetConfig) {
+    if (hungUp_) {
+        cuse_.ReplyError(request.header.unique, EIO);
+    } else if (call.cmd == kSetConfig) {
         Configure(request, call);
     } else if (call.cmd == kReceiverOff) {
         SwitchReceiver(request, call);
