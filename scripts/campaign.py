@@ -210,7 +210,7 @@ def commit():
     def git(*words):
         return subprocess.run(("git", *words), capture_output=True, text=True,
                               cwd=FAULTS_PAGE.parent).stdout.strip()
-    return git("rev-parse", "--short", "HEAD") + ("+" if git("status", "--porcelain") else "")
+    return git("rev-parse", "--short", "HEAD") + ("+" if git("status", "--porcelain", "..", ":!FAULTS.md") else "")
 
 
 def keep(section, lines):
