@@ -100,6 +100,9 @@ def strike(cut, unit, process):
     if cut.kind == "unit":
         unit.simulator.kill()
         unit.simulator.wait()
+        # The number of its terminal is another one's as soon as that is opened.
+        for node in unit.dev.iterdir():
+            node.unlink()
         return
     if cut.kind == "updater":
         unit.kill_left("kestrelflash")

@@ -30,11 +30,24 @@ std::string LockFolder() {
     return open ? folder : "/tmp";
 }
 
+// Whether the number is a pseudo-terminal's (linux/major.h, UNIX98_PTY_SLAVE_MAJOR and its count).
+bool IsPseudoTerminal(dev_t device) {
+    return major(device) >= 136 && major(device) < 136 + 8;
+}
+
 // Names the device itself, so that a line is one line under all of its names. Empty: none there.
+// A pseudo-terminal's number is another one's as soon as it is closed, so the line of a simulated
+// unit is locked beside its node, in the unit's folder.
 std::string LockPath(const std::string& node) {
     struct stat status = {};
     if (stat(node.c_str(), &status) != 0 || !S_ISCHR(status.st_mode)) {
         return "";
+    }
+    struct stat link = {};
+    const size_t slash = node.rfind('/');
+    if (IsPseudoTerminal(status.st_rdev) && slash != std::string::npos &&
+        lstat(node.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+        return node.substr(0, slash) + "/.kestrelwatch-" + node.substr(slash + 1) + ".lock";
     }
     return LockFolder() + "/kestrelwatch-" + std::to_string(major(status.st_rdev)) + "-" +
            std::to_string(minor(status.st_rdev)) + ".lock";

@@ -46,7 +46,11 @@ Nodes::Nodes(const std::string& folder) : folder_(folder) {
 
 Nodes::~Nodes() {
     while (!linked_.empty()) {
-        Unlink(linked_.back());
+        const int port = linked_.back();
+        Unlink(port);
+        if (made_folder_) {
+            unlink((folder_ + "/.kestrelwatch-" + NodeName(port) + ".lock").c_str());
+        }
     }
     if (made_folder_) {
         rmdir(folder_.c_str());
