@@ -40,5 +40,6 @@ expect "signal before the record" some "$(verify event_wait signalfirst safety -
 expect "cancel without waiting for the firing" some "$(verify event_wait nowait safety -DNOWAIT)"
 expect "a cancel and its canceller's deletion" none "$(verify cancel good safety)"
 expect "the canceller looks once" some "$(verify cancel askonce safety -DASKONCE)"
+expect "the canceller asks for its own deleter only" some "$(verify cancel onestep safety -DONESTEP)"
 expect "the deleter does not wake it" some "$(verify cancel nowake safety -DNOWAKE)"
 expect "the deleter wakes it too early" some "$(verify cancel wakefirst safety -DWAKEFIRST)"

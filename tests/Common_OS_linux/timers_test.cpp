@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <deque>
 #include <list>
+#include <memory>
 #include <random>
 #include <thread>
 #include <utility>
@@ -277,20 +278,30 @@ TEST(Timers, ACancelReturnsBeforeTheFunctionHasOrWaitsForTheNextOneToo) {
     }
 }
 
-TEST(Timers, ACancelWaitsForAFunctionThatDeletesTheCanceller) {
+TEST(Timers, ACancelWaitsForAnotherTimersFunctionOrForOneWhoseDeletionsLeadToTheCanceller) {
+    ASSERT_EQ(t_attach("main", 0, nullptr), kTaskOk);
     std::atomic<UInt32> canceller{0};
     std::atomic<bool> called{false};
     UInt32 id;
+    const UInt32 between = Spawn("betw", [&] {
+        const std::shared_ptr<void> at_end(nullptr, [&](void*) { t_delete(canceller); });
+        tm_wkafter(1000000);
+    });
     ClosureT deletes = [&] {
         called = true;
-        while (canceller == 0) {
-            udelay(1000);
-        }
+        EXPECT_TRUE(Eventually([&] { return canceller != 0; }));
         udelay(50000);  // by now it waits
-        return t_delete(canceller);
+        return t_delete(between);
     };
     tm_callback_after(1, &id, CallClosure, &deletes);
     ASSERT_TRUE(Eventually([&] { return called.load(); }));
+    const UInt32 first = Spawn("canc", [&] { tm_cancel(id); });
+    ASSERT_TRUE(Eventually([] { return Length(&timerList) == 0; }));
+    t_delete(first);
+    tm_callback_after(1000000, &id, CountCalls, nullptr);  // in the same block
+    tm_cancel_own(id, Self(), CountCalls);
+    tm_callback_after(1000000, &id, CountCalls, nullptr);
+    tm_cancel(id);
     EXPECT_TRUE(Ended(Spawn("canc", [&] {
         const NoCancelT no_cancel;
         canceller = Self();

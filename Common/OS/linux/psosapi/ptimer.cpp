@@ -11,7 +11,7 @@
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/mutexguard.h"
 #include "Common/OS/linux/psosapi/events.h"
-#include "Common/OS/linux/psosapi/tasks.h"
+#include "Common/OS/linux/psosapi/tcb.h"
 #include "Common/OS/log.h"
 
 pthread_mutex_t tmcblistmutex = PTHREAD_MUTEX_INITIALIZER;
@@ -33,9 +33,10 @@ TMCB TimerContBlocks[kTimerPoolSize];
 //     `disarmed` that block stays armed with the contents of `copy`, and only the end of its firing
 //     takes it off the list. Once disarmed it may be free or armed for something else, and the
 //     firing leaves it alone.
-//   - Who disarms a block that is being fired waits until `firing` is null or `number` has moved
-//     on, so that what the timer uses may go. Two do not wait: the firing's own thread, and a task
-//     whose end that thread waits for.
+//   - Who cancels the timer that is being fired waits until `firing` is null or `number` has moved
+//     on, so that what the timer uses may go; who cancels a newer timer in its block does not. Two
+//     others do not wait: the firing's own thread, and a task whose end that thread waits for,
+//     also by way of other tasks' ends.
 struct DispatchT {
     bool due[kTimerPoolSize];
     TMCB* firing;
@@ -159,17 +160,13 @@ bool FireNext() {
     return true;
 }
 
-// Whether the thread that fires waits, in t_delete, for the calling task to end.
-bool FiringDeletes(const TCB* self) {
-    return self != nullptr && pthread_equal(self->deleter, gDispatch.thread) != 0;
-}
-
 // Waits until the firing that is going on is over. tmcblistmutex is held.
 void WaitForFiring() {
     const TCB* self = t_self();
     const UInt32 number = gDispatch.number;
     while (gDispatch.firing != nullptr && gDispatch.number == number &&
-           pthread_equal(gDispatch.thread, pthread_self()) == 0 && !FiringDeletes(self)) {
+           pthread_equal(gDispatch.thread, pthread_self()) == 0 &&
+           !t_is_waited_for_by(self, gDispatch.thread)) {
         pthread_cond_wait(&gDispatch.changed, &tmcblistmutex);
     }
 }
@@ -297,11 +294,12 @@ UInt32 tm_cancel(UInt32 tmid) {
     TMCB* timer = from_id<TMCB>(tmid);
     CancellableMutexGuardT guard(&tmcblistmutex);
     const bool armed = IsArmed(timer);
+    const bool newer = armed && gDispatch.disarmed;  // than the firing, if that is of the block
     if (armed) {
         Disarm(timer);
     }
     // Also where somebody else has disarmed it: the caller may be about to free what it uses.
-    if (timer != nullptr && gDispatch.firing == timer) {
+    if (timer != nullptr && gDispatch.firing == timer && !newer) {
         WaitForFiring();
     }
     guard.Unlock();
@@ -317,7 +315,8 @@ void tm_cancel_own(UInt32 tmid, UInt32 taskID, tm_callback_ptr cbhandler) {
     if (IsArmed(timer) && timer->taskID == taskID && timer->cbptr == cbhandler) {
         Disarm(timer);
     }
-    if (gDispatch.firing == timer && gDispatch.copy.taskID == taskID) {
+    if (gDispatch.firing == timer && gDispatch.copy.taskID == taskID &&
+        gDispatch.copy.cbptr == cbhandler) {
         WaitForFiring();
     }
 }

@@ -287,6 +287,16 @@ void DeleteOther(TCB* tcb, UInt32 use) {
     gone.Wait();
 }
 
+// The task whose thread this is, null for none; tcblistmutex is held. A task that is gone may stand
+// there still when its thread's handle is another's already.
+const TCB* LivingTaskOf(pthread_t thread) {
+    const TCB* tcb = tcblist;
+    while (tcb != nullptr && (pthread_equal(tcb->thread, thread) == 0 || tcb->life == kTaskGone)) {
+        tcb = tcb->next;
+    }
+    return tcb;
+}
+
 }  // namespace
 
 TCB* t_self() {
@@ -299,6 +309,19 @@ TCB* t_resolve(UInt32 tid) {
     }
     TCB* tcb = gPool.Find(tid);
     return tcb != nullptr && tcb->life != kTaskFree ? tcb : nullptr;
+}
+
+bool t_is_waited_for_by(const TCB* task, pthread_t thread) {
+    MutexGuardT guard(&tcblistmutex);
+    // Tasks may delete each other in a circle: a way without one has each task once.
+    for (const TCB* step = tcblist; step != nullptr && task != nullptr; step = step->next) {
+        const pthread_t deleter = task->deleter;
+        if (pthread_equal(deleter, thread) != 0) {
+            return true;
+        }
+        task = deleter != pthread_t{} ? LivingTaskOf(deleter) : nullptr;
+    }
+    return false;
 }
 
 void TreeStub() {
