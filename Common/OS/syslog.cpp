@@ -48,6 +48,9 @@ constexpr int kEchoFacility = 64;
 bool gWriterCalled;     // the writer has an event since the last drain began
 bool gPrintingInPlace;  // the line at the read index is being printed: the index stays
 
+// Which use of its id the writer is: it may be deleted, and another task have its id.
+std::atomic<UInt32> gWriterUse{0};
+
 pthread_mutex_t gTurnMutex = PTHREAD_MUTEX_INITIALIZER;  // guards gDraining alone
 pthread_cond_t gTurnOver = PTHREAD_COND_INITIALIZER;
 bool gDraining;
@@ -267,6 +270,11 @@ bool PrintOldest() {
     return true;
 }
 
+bool WriterLives() {
+    const UInt32 task = logTaskID;
+    return task != 0 && t_incarnation(task) == gWriterUse;
+}
+
 void LogWriter(UInt32, UInt32, UInt32, UInt32) {
     for (;;) {
         syslogDrainQueue();
@@ -294,7 +302,7 @@ int InitSyslogInterface() {
         }
         log_Semaphore = semaphore;
     }
-    if (logTaskID != 0) {
+    if (WriterLives()) {
         return 0;
     }
     UInt32 task = 0;
@@ -302,6 +310,7 @@ int InitSyslogInterface() {
         logerr("log", "can't create log writer task\n");
         return -1;
     }
+    gWriterUse = t_incarnation(task);
     logTaskID = task;
     if (t_start(task, 0, LogWriter, nullptr) != kTaskOk) {
         logTaskID = 0;
@@ -334,7 +343,7 @@ LogPutT syslogPut(const char* msg, int msglen) {
 }
 
 int syslogFinish(const LogPutT& put) {
-    if (put.call_writer && logTaskID != 0) {
+    if (put.call_writer && WriterLives()) {
         OwnCallsT own;
         ev_send(logTaskID, kWriterEvent);
     }

@@ -15,8 +15,9 @@
 
 // Starts the log's output: empties the queue, makes the semaphore and the writer task "logw". Lines
 // logged before are dropped. Call once at start-up, before other tasks log; once it has returned 0,
-// later calls do nothing. Returns -1 when the semaphore or the task could not be made; a missing
-// task is logged, and a later call makes it and prints what was queued meanwhile.
+// later calls do nothing while the writer lives. Returns -1 when the semaphore or the task could
+// not be made; a missing task is logged, and a later call makes it, also one that was deleted, and
+// prints what was queued meanwhile.
 int InitSyslogInterface();
 
 // Queues a finished line of at most `msglen` characters (its own NUL may end it earlier) and wakes
@@ -98,7 +99,7 @@ extern char buf[kStorageSize];
 extern std::atomic<int> log_buffer_head;  // read index: where the next line to print starts
 extern std::atomic<int> log_buffer_tail;  // write index: where the next line will go
 extern std::atomic<int> syslogLevel;
-extern std::atomic<UInt32> logTaskID;      // the writer task; 0 before it exists
+extern std::atomic<UInt32> logTaskID;      // the writer's id; 0 before there is one
 extern std::atomic<UInt32> log_Semaphore;  // serialises producers; 0 before it exists
 extern const char OVERFLOW_MSG[kOverflowSize];
 

@@ -1,6 +1,7 @@
 // The log under load: many tasks behind a slow writer, tasks deleted inside log calls.
 #include <fcntl.h>
 
+#include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/os_init.h"
 #include "tests/Common_OS_log/logfixture.h"
 
@@ -101,7 +102,7 @@ TEST(LogLoad, DeletedTasksOrNewSettingsTearLinesOrKeepALock) {
                 testing::Each(testing::Ge(0)));
 }
 
-TEST(LogStart, AStartThatFailedIsTakenForOne) {
+TEST(LogStart, AStartThatFailedIsTakenForOneOrATaskThatIsGone) {
     StdoutFile out;
     pthread_attr_t attr;
     pthread_getattr_default_np(&attr);
@@ -115,6 +116,15 @@ TEST(LogStart, AStartThatFailedIsTakenForOne) {
     loginfo("a", "up\n");
     EXPECT_TRUE(out.WaitFor("up\n"));
     EXPECT_TRUE(out.Has("pc[0]: log: can't start log writer task\n"));
+    t_delete(logTaskID);
+    syslogDrainQueue();  // what it left
+    UInt32 next = 0;
+    t_create("next", 1, 0, 0, 0, &next);
+    EXPECT_EQ(next, logTaskID);
+    loginfo("a", "again\n");
+    EXPECT_EQ(from_id<TCB>(next)->events_captured, 0U);
+    EXPECT_EQ(InitSyslogInterface(), 0);
+    EXPECT_TRUE(out.WaitFor("again\n"));
 }
 
 TEST(LogCancel, ATaskDeletedInsideALogCallKeepsALock) {
