@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "Common/OS/assertion.h"
+#include "Common/OS/linux/nocancel.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/framework/message.h"
 #include "Common/framework/msg_internal.h"
@@ -34,10 +35,16 @@ class OneMoreT {
     int* number_;
 };
 
+// A stream that goes with its scope; opened and closed with the deletion held off, which would
+// otherwise come between and lose it.
 class FileT {
   public:
-    explicit FileT(FILE* file) : file_(file) {}
+    explicit FileT(const char* path) {
+        const NoCancelT no_cancel;
+        file_ = fopen(path, "r");
+    }
     ~FileT() {
+        const NoCancelT no_cancel;
         if (file_ != nullptr) {
             fclose(file_);
         }
@@ -104,7 +111,7 @@ eErrorT MsgExecuteScript(const char* pFileName, NotifyFuncT pNotifyFunc, void* u
     if (snprintf(path, sizeof(path), "%s.scr", pFileName) >= static_cast<int>(sizeof(path))) {
         return kItemNotFound;
     }
-    const FileT file(fopen(path, "r"));
+    const FileT file(path);
     if (file.Get() == nullptr) {
         return kItemNotFound;
     }

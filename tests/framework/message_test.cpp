@@ -1,7 +1,6 @@
 // Commands, responses, notifications, aliases, scripts.
 #include "Common/framework/message.h"
 
-#include <filesystem>
 #include <fstream>
 #include <random>
 
@@ -296,6 +295,8 @@ TEST_F(Message, ScriptsRunTheirLinesInOrderAndComeToAnEnd) {
         EXPECT_THAT(Send("script free"), testing::EndsWith(end));
     }
     EXPECT_EQ(gRan, 1);
+    std::ofstream("empty.scr");
+    EXPECT_EQ(FilesLeftOpen([] { MsgExecuteScript("empty", nullptr, nullptr); }), 0);
     std::filesystem::remove_all(dir);
 }
 

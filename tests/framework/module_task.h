@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -45,6 +46,24 @@ inline void StartLog() {
 inline bool PoolsAreFull() {
     return gFreeDeferredFuncsAvailable == kModNumDeferredFuncs &&
            gFreeDCBsAvailable == kModNumDeferredCallbacks;
+}
+
+// How many files tasks leave open that are deleted while they do `use` again and again.
+inline long FilesLeftOpen(void (*use)()) {
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const long before = open_files();
+    for (int i = 0; i < 100; i++) {
+        const UInt32 task = Spawn("file", [use] {
+            for (;;) {
+                use();
+            }
+        });
+        usleep(500);
+        t_delete(task);
+    }
+    return open_files() - before;
 }
 
 // A module that ends with its scope.
