@@ -4,7 +4,8 @@
 //
 // Requests come from any thread and run in it; those on one line may overlap. One that waits while
 // its line is closed ends: a read without a time-out with SERIAL_READ_ERROR, one with a time-out
-// with what has come, a write with SERIAL_WRITE_ERROR.
+// with what has come, a write that waits for room, which only one with a time-out does, with
+// SERIAL_WRITE_ERROR. A write that the driver has taken ends when the driver lets it go.
 //
 // A line that is not an FPGA line has a thread of its own while its receiver or its transmitter is
 // enabled, with callbacks or without: what nobody reads is dropped. An FPGA line gets one when a

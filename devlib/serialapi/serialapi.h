@@ -105,9 +105,11 @@ int Serial_Write(int port, char* writeBuf, int writeSize, int numOfMicroseconds)
 // kBadParameter.
 int Serial_Read(int port, char* readBuf, int readSize, int numOfMicroseconds);
 
-// Closes a port and frees it. Waits until no callback of it runs, except the caller itself;
-// requests that wait end. Returns kNoError, kSemUnavail, or kItemNotFound for a port that is not
-// open, which one that is being opened, being closed or in a session is not either.
+// Closes a port and frees it. Waits until no callback of it runs, except the caller itself.
+// Requests that wait for input, or with a time-out for room, end; a write that the driver has taken
+// (without a time-out: at once) ends when the driver lets it go. Returns kNoError, kSemUnavail, or
+// kItemNotFound for a port that is not open, which one that is being opened, being closed or in a
+// session is not either.
 eErrorT Serial_Close(int port);
 
 // Stores the caller's configuration as the port's, despite its name; the line is not changed.
