@@ -162,8 +162,7 @@ class Rig {
         Eventually(
             [&] {
                 const std::string log = FileText(folder_ + "/log");
-                return Count(log, "\"opened\"") ==
-                       Count(log, "\"closed\"") + Count(log, "\"the line went away\"");
+                return Count(log, "\"opened\"") == Count(log, "\"closed\"");
             },
             std::chrono::seconds(2));
         return child->output + child->error + "@ status " + std::to_string(status) + "\n";
