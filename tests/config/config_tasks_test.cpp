@@ -104,20 +104,6 @@ TEST_F(ConfigTasks, AllOperationsAndWalksOverTheModulesAtOnce) {
     listener.Delete();
 }
 
-TEST_F(ConfigTasks, EveryChangeIsToldOnceAndTheLastInTheCacheIsTheLastInTheFile) {
-    ConfigAddImmediateCallback("v", 0, Look, nullptr);
-    for (int round = 0; round < 60; round++) {
-        InEightTasks(3, [round](int t, int i) {
-            const int number = round * 100 + t * 10 + i;
-            ConfigWrite("v", 0, Number(number, (t + i) % 2 == 0).c_str());
-        });
-        char value[kConfigValueSize];
-        ConfigRead("v", 0, value);
-        ASSERT_EQ(tree.Get("dat/v.dat"), std::string(value) + "\n") << round;
-    }
-    EXPECT_EQ(gSeen, 60 * 24);
-}
-
 TEST_F(ConfigTasks, AnItemServesAnotherVariableAfterItsDeferredCallbacksOnly) {
     ModuleTask listener("list");
     listener.Run([] { ConfigAddCallback("old", 0, Look, nullptr); });

@@ -48,9 +48,7 @@ std::string Calls() {
     return std::exchange(gCalls, "");
 }
 
-std::function<void(const ConfigValueChangedCallbackArgsT&)> gAction;
-
-// Notes the call and does what the test wants done.
+// Notes the call.
 void Note(ModT* pMod, UInt32 funcIndex, void* userDefined, void* pArgs) {
     const auto& args = *static_cast<const ConfigValueChangedCallbackArgsT*>(pArgs);
     const std::string name =
@@ -61,9 +59,6 @@ void Note(ModT* pMod, UInt32 funcIndex, void* userDefined, void* pArgs) {
     gCalls += std::string(static_cast<const char*>(userDefined)) + ":" + name + "=" + args.value +
               "/" + std::string(args.permissions, strnlen(args.permissions, 4)) + "/" +
               std::to_string(args.flags) + "|";
-    if (gAction) {
-        gAction(args);
-    }
 }
 
 eErrorT Watch(const char* name, const char* user = "cb", int instance = 0) {
@@ -367,24 +362,6 @@ TEST_F(Config, NamesWithSeveralInstancesAreJoined) {
     char value[kConfigValueSize];
     EXPECT_EQ(ConfigRead2("ip", 1, 2, value) + value[0], '2');
     EXPECT_EQ(ConfigRead3("ip", -1, 2, 3, value) + value[0], '3');
-}
-
-TEST_F(Config, CallbacksMayWriteDeleteAndWatchTheirOwnVariable) {
-    Attach();
-    Watch("key", "a");
-    Watch("key", "b");
-    const std::string longer = "0123456789" + std::string(20, '+');
-    // Each change is told to both, though the item is replaced in between.
-    gAction = [&](const ConfigValueChangedCallbackArgsT&) { Write("key", longer); };
-    Write("key", "0123456789");
-    EXPECT_EQ(Calls(), "a:key[0]=0123456789/rw/0|a:key[0]=" + longer + "/rw/0|b:key[0]=" + longer +
-                           "/rw/0|b:key[0]=0123456789/rw/0|");
-    EXPECT_EQ(Read("key"), longer);
-    gAction = [](const ConfigValueChangedCallbackArgsT&) { ConfigDelete("key", 0); };
-    Write("key", "gone");
-    EXPECT_EQ(Read("key"), kMissing);
-    EXPECT_EQ(tree.Get("dat/key.dat"), "(none)");
-    EXPECT_EQ(Calls(), "a:key[0]=gone/rw/0|b:key[0]=gone/rw/0|") << "one under way reaches all";
 }
 
 TEST_F(Config, ChangesAreLoggedSecretsNever) {

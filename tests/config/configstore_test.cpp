@@ -11,12 +11,9 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 
 #include <filesystem>
-#include <random>
 #include <semaphore>
-#include <set>
 
 #include "Common/framework/config.h"
 #include "Common/framework/proxy.h"
@@ -174,25 +171,6 @@ TEST_F(ConfigStore, NamesThatLeaveTheFoldersAreRefusedByEveryOperation) {
     }
     EXPECT_EQ(tree.Get("secret.dat"), "secret\n");
     EXPECT_TRUE(fs::is_empty(tree.Path("dat")));
-}
-
-TEST_F(ConfigStore, AKilledWriterLeavesTheOldValueOrTheNewOne) {
-    const std::set<std::string> values = {std::string(300, 'a'), "b", std::string(40, 'c')};
-    std::mt19937 random(1);
-    for (int round = 0; round < 300; round++) {
-        Write("v", "b");
-        const pid_t writer = fork();
-        while (writer == 0) {
-            for (const std::string& value : values) {
-                Write("v", value);
-            }
-        }
-        usleep(static_cast<useconds_t>(random() % 3000));
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
-        ASSERT_TRUE(values.count(Read("v"))) << "round " << round << ": " << Read("v");
-        ASSERT_NE(tree.Get("dat/v.dat").find('\n'), std::string::npos) << round;
-    }
 }
 
 extern "C" int ftruncate(int fd, off_t size) noexcept {
