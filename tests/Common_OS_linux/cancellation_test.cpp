@@ -23,11 +23,6 @@ std::atomic<UInt64> gVictims[8];  // id and incarnation
 UInt32 gPartner;                  // a task that lives throughout and takes any event
 thread_local UInt32 tCaptured;
 
-UInt32 CountCalls(void* calls) {
-    ++*static_cast<std::atomic<int>*>(calls);
-    return 1;
-}
-
 void (*const kActions[])(UInt32) = {
     [](UInt32) { ev_receive(0x1, 0, 0, &tCaptured); },
     [](UInt32 n) { ev_receive(0x3, kEvAny, 1 + n % 3, &tCaptured); },

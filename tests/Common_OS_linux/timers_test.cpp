@@ -21,11 +21,6 @@
 
 namespace {
 
-UInt32 CountCalls(void* calls) {
-    ++*static_cast<std::atomic<int>*>(calls);
-    return 1;
-}
-
 // A timer function that calls the closure given as its argument.
 typedef std::function<UInt32()> ClosureT;
 UInt32 CallClosure(void* closure) {

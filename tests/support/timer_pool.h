@@ -1,4 +1,4 @@
-// What the timer service has armed and what it has left.
+// What the timer service has armed and what it has left, and a function for timers.
 #pragma once
 
 #include "Common/OS/linux/mutexguard.h"
@@ -16,4 +16,10 @@ inline int Length(TMCB** list) {
 // Whether every block is back in the pool.
 inline bool AllFree() {
     return Length(&timerList) == 0 && Length(&freetimerList) == kTimerPoolSize;
+}
+
+// A timer function that counts its calls and goes on.
+inline UInt32 CountCalls(void* calls) {
+    ++*static_cast<std::atomic<int>*>(calls);
+    return 1;
 }
