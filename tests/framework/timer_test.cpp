@@ -30,15 +30,18 @@ UInt32 TimerTaskId() {
     return id;
 }
 
-// Has the timer task make a mark, and then wait while it is held.
-void Mark() {
+// Has the timer task make a mark, and, where it is to stay there, wait while it is held.
+void Mark(bool stays = false) {
     const int before = gMarks;
-    const auto mark = [](void*, void*) {
+    const auto mark = [](void* user, void*) {
         gMarks++;
         gMarks.notify_all();
-        gHeld.wait(true);
+        if (user != nullptr) {
+            gHeld.wait(true);
+        }
     };
-    ASSERT_EQ(ModDeferFunctionCall(TimerTaskId(), mark, nullptr, nullptr, 0), kNoError);
+    ASSERT_EQ(ModDeferFunctionCall(TimerTaskId(), mark, stays ? &gHeld : nullptr, nullptr, 0),
+              kNoError);
     gMarks.wait(before);
 }
 
@@ -174,7 +177,7 @@ class TimerModel {
     void Hold() {
         if (!gHeld) {
             gHeld = true;
-            Mark();
+            Mark(true);
         }
     }
     void Release() {
@@ -299,6 +302,9 @@ struct ProbeT {
 
 using Timer = TaskTest;
 
+// The board's processor is emulated, some fifty times slower than a workstation.
+constexpr unsigned kSeeds = sizeof(void*) == 4 ? 2 : 30;
+
 }  // namespace
 
 TEST_F(Timer, EveryOrderOfOperationsFollowsTheModel) {
@@ -306,7 +312,7 @@ TEST_F(Timer, EveryOrderOfOperationsFollowsTheModel) {
     t_delete(timerid);
     timerid = self_;  // no tick but the model's
     gDriven = true;
-    for (unsigned seed = 1; seed <= 30 && !HasFailure(); seed++) {
+    for (unsigned seed = 1; seed <= kSeeds && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         StdoutFile out;
         TimerModel model(seed);
