@@ -403,7 +403,7 @@ TEST_F(Timer, ATaskThatGoesTakesItsTimersWithIt) {
         tm_wkafter(5);
         TimerProcessAll();  // not another task's
         gHeld = true;
-        Mark();
+        Mark(true);
         std::atomic<bool> gone{false};
         std::thread deleter([&] {
             task.Delete();
