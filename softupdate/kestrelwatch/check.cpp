@@ -33,7 +33,6 @@ constexpr off_t kMicroBytes = kMicroBlocks * kMicroBlockData;
 constexpr off_t kMaxTotal = INT32_MAX / 100;  // bytes that the progress arithmetic holds
 constexpr long kSignBit = 0x8000;
 constexpr long kLastReported = 0xFFFF;
-constexpr char kLauncherPipe[] = "/tmp/plaunch";
 
 // Who serves the launcher pipe opens it anew for each command.
 constexpr int kLooks = 20;
@@ -398,8 +397,10 @@ bool Check(RecordT* record) {
                 why, status);
     }
     CheckNodes(record);
-    if (IsStalePipe(kLauncherPipe)) {
-        Refusal(plan, CauseT::kLauncherPipe, kLauncherPipe,
+    const std::string launcher = LauncherPipe();
+    // With lines of its own the updater is given a folder that has no such pipe.
+    if (!record->options.HasPorts() && IsStalePipe(launcher.c_str())) {
+        Refusal(plan, CauseT::kLauncherPipe, launcher,
                 "a pipe that nobody serves, in which the updater would wait for ever");
     }
     return JudgeFindings(record);

@@ -50,9 +50,10 @@ struct OptionsT {
     std::int64_t confirmMs = 10000;  // time for the second press
     std::int64_t giveUpMs = 60000;   // 0: never
     int retries = 0;
-    std::string json;                // FILE or fd:N; empty: none
-    std::string recordFolder;        // empty: none
-    std::string ports[kTargets];     // a line's node given by --port; empty: the board's own
+    std::string json;             // FILE or fd:N; empty: none
+    std::string recordFolder;     // empty: none
+    std::string ports[kTargets];  // a line's node given by --port; empty: the board's own
+    bool HasPorts() const { return !ports[kMicroTarget].empty() || !ports[kCameraTarget].empty(); }
     std::vector<std::string> words;  // the updater and its arguments, without "-p"
 };
 

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 
+#include "Common/OS/linux/board.h"
 #include "devlib/devmgr_serial/devmgr_serial.h"
 #include "devlib/kestrelflash/linksend.h"
 
@@ -66,6 +67,12 @@ std::vector<std::string> Folders() {
 
 std::string NodeName(int port) {
     return SerialPort_DevNames[port] + sizeof(kDeviceFolder);
+}
+
+// The folder that stands for /dev, where a unit is played; else empty.
+std::string PlayedFolder() {
+    const char* folder = kDeviceVariable[0] != '\0' ? getenv(kDeviceVariable) : nullptr;
+    return folder != nullptr ? folder : "";
 }
 
 int PortOf(TargetT target) {
@@ -177,9 +184,13 @@ int FindUpdater(const std::string& name, std::string* program, std::string* why)
 }
 
 std::string BoardNode(TargetT target) {
-    const char* folder = kDeviceVariable[0] != '\0' ? getenv(kDeviceVariable) : nullptr;
-    const bool given = folder != nullptr && folder[0] != '\0';
-    return std::string(given ? folder : kDeviceFolder) + "/" + NodeName(PortOf(target));
+    const std::string folder = PlayedFolder();
+    return (folder.empty() ? kDeviceFolder : folder) + "/" + NodeName(PortOf(target));
+}
+
+std::string LauncherPipe() {
+    const std::string folder = PlayedFolder();
+    return folder.empty() ? kLauncherPipe : folder + "/plaunch";
 }
 
 int CheckPipePath(const std::string& path, std::string* why) {
@@ -206,8 +217,7 @@ int CheckPipePath(const std::string& path, std::string* why) {
 }
 
 int Place::Make(const RecordT& record, std::string* why) {
-    const bool ports = std::any_of(std::begin(record.options.ports), std::end(record.options.ports),
-                                   [](const std::string& port) { return !port.empty(); });
+    const bool ports = record.options.HasPorts();
     pipePath_ = record.options.pipe;
     if ((pipePath_.empty() || ports) && !MakeFolder(why)) {
         return kStatusFolder;

@@ -20,6 +20,9 @@ int FindUpdater(const std::string& name, std::string* program, std::string* why)
 // The node of a target's line, as the updater looks it up.
 std::string BoardNode(TargetT target);
 
+// The pipe of the board's command launcher, as the updater looks it up.
+std::string LauncherPipe();
+
 // Whether a given pipe path can serve; an empty one can. Returns 0, or kStatusPipe or kStatusFolder
 // with the reason in *why.
 int CheckPipePath(const std::string& path, std::string* why);

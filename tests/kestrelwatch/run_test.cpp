@@ -114,8 +114,9 @@ TEST(WatchRun, BadInputIsRefusedBeforeAnythingStarts) {
          {"--", "true", "overlook"},
          118,
          "more than 21474836 bytes"},
+        {"mkfifo $HARBOR_DEV_DIR/plaunch", {"--", "true", "micro"}, 118, dev + "/plaunch: a pipe"},
         // In a session without a terminal this device is there and does not open.
-        {"ln -sf /dev/tty $HARBOR_DEV_DIR/fpgaserial1",
+        {"rm $HARBOR_DEV_DIR/plaunch; ln -sf /dev/tty $HARBOR_DEV_DIR/fpgaserial1",
          {"--", "true", "micro"},
          118,
          "fpgaserial1: No such device or address"},
