@@ -19,8 +19,11 @@
 namespace {
 
 UInt32 gSemaphore;
-std::atomic<UInt64> gVictims[8];  // id and incarnation
-UInt32 gPartner;                  // a task that lives throughout and takes any event
+// Read one after the other: a pair that does not belong together is no task.
+struct VictimT {
+    std::atomic<UInt32> id, incarnation;
+} gVictims[8];
+UInt32 gPartner;  // a task that lives throughout and takes any event
 thread_local UInt32 tCaptured;
 
 void (*const kActions[])(UInt32) = {
@@ -60,8 +63,8 @@ void (*const kActions[])(UInt32) = {
     },
     [](UInt32) { udelay(3000); },  // in select
     [](UInt32 n) {                 // each other, and themselves
-        const UInt64 other = gVictims[n / 13 % 8];
-        t_delete_incarnation(static_cast<UInt32>(other >> 32), static_cast<UInt32>(other));
+        const VictimT& other = gVictims[n / 13 % 8];
+        t_delete_incarnation(other.id, other.incarnation);
     },
     [](UInt32 n) {
         ev_send(gPartner, 1U << n % 16);
@@ -100,13 +103,13 @@ TEST(Cancellation, TenThousandTasksDeletedAtRandomPointsLeaveEveryServiceWorking
     const auto random = [&engine](UInt32 below) { return static_cast<UInt32>(engine() % below); };
     for (int round = 0; round < 1250; round++) {
         for (auto& victim : gVictims) {
-            const UInt32 id = Spawn(
+            victim.id = Spawn(
                 "vict", [own = random(100000)] { Victim(own); }, random(3));
-            victim = static_cast<UInt64>(id) << 32 | std::max(t_incarnation(id), 1U);
+            victim.incarnation = std::max(t_incarnation(victim.id), 1U);
         }
         for (const auto& victim : gVictims) {
             udelay(random(400));
-            ASSERT_EQ(t_delete(static_cast<UInt32>(victim >> 32)), 0U);
+            ASSERT_EQ(t_delete(victim.id), 0U);
         }
     }
     // Who was deleted by others, and children, may outlive their time by the time it takes to end.
