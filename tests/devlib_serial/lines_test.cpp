@@ -95,7 +95,7 @@ TEST_F(SerialLine, ClosingEndsACallbackWhateverPortItOpensAndLosesNone) {
         EXPECT_TRUE(WaitForBytes(static_cast<size_t>(round) + 1));
         std::this_thread::sleep_for(std::chrono::microseconds(round));
         ASSERT_EQ(Serial_Close(kCpu), kNoError);
-        EXPECT_EQ(LineTasks(), 0);
+        EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
         Serial_Close(2);  // where the callback ended between the two
         ASSERT_EQ(Open(2), kNoError) << round;
         ASSERT_EQ(Serial_Close(2), kNoError);
@@ -121,7 +121,7 @@ TEST_F(SerialLine, ClosingAndEnablingKnowACallbackThatHasStoppedItsOwnLine) {
     EXPECT_TRUE(Eventually([] { return inside == 2; }));
     EXPECT_EQ(Serial_Close(kCpu), kNoError);
     EXPECT_EQ(left, 2);
-    EXPECT_EQ(LineTasks(), 0);
+    EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
 }
 
 TEST_F(SerialLine, ARequestThatWaitsEndsWithItsPortAndTouchesNoOther) {
@@ -166,11 +166,11 @@ TEST_F(SerialLine, ManyClientsAtOnceMakeOneThreadAndLeaveNone) {
             clients.emplace_back(change, kCpu, SERIAL_DIRECTION_BOTH);
         }
         clients.clear();  // waits for them
-        EXPECT_LE(LineTasks(), 1);
+        EXPECT_TRUE(Eventually([] { return LineTasks() <= 1; }));
         Serial_Enable(kCpu, SERIAL_DIRECTION_BOTH);
-        EXPECT_EQ(LineTasks(), 1);
+        EXPECT_TRUE(Eventually([] { return LineTasks() == 1; }));
         Serial_Disable(kCpu, SERIAL_DIRECTION_BOTH);
-        EXPECT_EQ(LineTasks(), 0);
+        EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
     }
 }
 
@@ -211,5 +211,5 @@ TEST_F(SerialLine, AHungUpLineEndsEveryRequestAndKeepsNoThreadBusy) {
     EXPECT_LE(during, elapsed / 5 + 2);
     EXPECT_EQ(Serial_Disable(kCpu, SERIAL_DIRECTION_BOTH), kSystemCallFailed);
     EXPECT_EQ(Serial_Close(kCpu), kNoError);
-    EXPECT_EQ(LineTasks(), 0);
+    EXPECT_TRUE(Eventually([] { return LineTasks() == 0; }));
 }
