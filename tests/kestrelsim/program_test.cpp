@@ -67,7 +67,7 @@ TEST(SimulatorProgram, AFolderIsOneSimulatorsAtATime) {
 class RunningT {
   public:
     explicit RunningT(const WordsT& options) {
-        WordsT words = {KESTRELSIM, "--dir", folder_.Path("dev"), "--log", "/dev/stdout"};
+        WordsT words = {KESTRELSIM, "--dir", folder_.Path("dev"), "--log", "/proc/self/fd/1"};
         words.insert(words.end(), options.begin(), options.end());
         simulator_.emplace(UserT::kPipes, words);
         EXPECT_TRUE(simulator_->Sees("ready in")) << simulator_->error;
