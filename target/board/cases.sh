@@ -139,12 +139,9 @@ check_results() {
     esac
 }
 
-# The reader's cat waits for one more writer, who comes and goes here.
 clean_up() {
     for child in $children; do kill "$child" 2>/dev/null; done
-    [ ! -p "$work/images/progress" ] || exec 3<>"$work/images/progress"
     rm -rf "$work"
-    exec 3>&-
 }
 
 run_case() {
@@ -159,8 +156,9 @@ run_case() {
     prepare "$name"
     start_unit
     if [ -p progress ]; then
-        # One number per open of the pipe.
-        (while :; do cat progress && echo; done >>"$OUT/$name.progress") 2>/dev/null &
+        # Open from both sides throughout, so that no number falls between two readers.
+        exec 3<>progress
+        cat <&3 >>"$OUT/$name.progress" &
         children="$children $!"
     fi
     status=0
