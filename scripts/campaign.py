@@ -198,8 +198,10 @@ class Unit:
         limit = time.monotonic() + grace
         while True:
             left = [f"process {name}" for _, name in self.processes()]
-            left += [f"file {path.relative_to(self.temporary)}"
-                     for path in self.temporary.rglob("*") if not path.name.endswith(".lock")]
+            # os.walk passes over what goes meanwhile.
+            left += [f"file {pathlib.Path(folder, name).relative_to(self.temporary)}"
+                     for folder, folders, files in os.walk(self.temporary)
+                     for name in folders + files if not name.endswith(".lock")]
             if not left or time.monotonic() >= limit:
                 return left
             time.sleep(0.01)
